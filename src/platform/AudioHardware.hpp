@@ -1,0 +1,61 @@
+#pragma once
+// The Core Audio hardware services the capture layer uses: property reads of audio
+// objects, process taps, aggregate devices and IO blocks. Every call answers with an
+// OSStatus (noErr on success) and never throws.
+//
+// Threads: every method may be called from any thread. IO blocks run on the serial
+// queue given at installation, one call at a time; after destroyIOProcID() returns,
+// the block is not started again.
+
+#include "platform/CoreAudioTypes.hpp"
+#include "platform/PropertyDictionary.hpp"
+#include "platform/TapDescription.hpp"
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace velto {
+class SerialQueue;
+}
+
+namespace velto::platform {
+
+// Called once per IO cycle with the captured input. Must only move samples.
+using AudioDeviceIOBlock = std::function<void(const AudioBufferList& inputData)>;
+
+class AudioHardware {
+public:
+    virtual ~AudioHardware() = default;
+
+    // Byte size of a property's value (AudioObjectGetPropertyDataSize).
+    virtual OSStatus getPropertyDataSize(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                                         std::uint32_t& outDataSizeBytes) = 0;
+
+    // Typed reads of a property's value (AudioObjectGetPropertyData). A list read returns at
+    // most dataSizeBytes / 4 identifiers; an absent string is a valid answer (nullopt).
+    virtual OSStatus getObjectListProperty(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                                           std::uint32_t dataSizeBytes, std::vector<AudioObjectID>& outObjects) = 0;
+    virtual OSStatus getObjectProperty(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                                       AudioObjectID& outObject) = 0;
+    virtual OSStatus getStringProperty(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                                       std::optional<std::string>& outText) = 0;
+    virtual OSStatus getStreamDescriptionProperty(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                                                  AudioStreamBasicDescription& outDescription) = 0;
+
+    virtual OSStatus createProcessTap(const TapDescription& description, AudioObjectID& outTapID) = 0;
+    virtual OSStatus destroyProcessTap(AudioObjectID tapID) = 0;
+
+    virtual OSStatus createAggregateDevice(const PropertyDictionary& description, AudioObjectID& outDeviceID) = 0;
+    virtual OSStatus destroyAggregateDevice(AudioObjectID deviceID) = 0;
+
+    virtual OSStatus createIOProcIDWithBlock(AudioDeviceIOProcID& outProcID, AudioObjectID deviceID,
+                                             std::shared_ptr<SerialQueue> queue, AudioDeviceIOBlock block) = 0;
+    virtual OSStatus deviceStart(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
+    virtual OSStatus deviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
+    virtual OSStatus destroyIOProcID(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
+};
+
+}  // namespace velto::platform
