@@ -1,0 +1,108 @@
+#!/usr/bin/env bash
+# A private PulseAudio server with no hardware: speakers and a virtual microphone made of
+# null sinks, for the end-to-end tests and for recording on a machine without sound.
+#
+#   sound-sandbox.sh start    start it (does nothing when it already runs)
+#   sound-sandbox.sh stop     stop it (does nothing when it is not running)
+#   sound-sandbox.sh env      print the export line that points clients at it
+#   sound-sandbox.sh status   say whether it runs; exit 0 when it does
+#
+# Devices:
+#   velto_speakers   default sink (the speakers; its monitor is what system audio captures)
+#   velto_mic_in     null sink that feeds the virtual microphone: play into it to "speak"
+#   velto_mic        default source: velto_mic_in's monitor remapped into a normal source
+#
+# VELTO_SANDBOX_DIR chooses where the server keeps its socket, state and log.
+set -euo pipefail
+
+dir="${VELTO_SANDBOX_DIR:-/tmp/velto-sound-sandbox-$(id -u)}"
+socket="$dir/native"
+pidfile="$dir/pulseaudio.pid"
+logfile="$dir/pulseaudio.log"
+server="unix:$socket"
+
+is_running() {
+    [[ -S "$socket" ]] || return 1
+    PULSE_SERVER="$server" timeout 5 pactl info >/dev/null 2>&1
+}
+
+write_script() {
+    cat >"$dir/sandbox.pa" <<PA
+load-module module-native-protocol-unix socket=$socket auth-anonymous=1
+load-module module-null-sink sink_name=velto_speakers format=float32le rate=48000 channels=2 sink_properties=device.description=Velto-Speakers
+load-module module-null-sink sink_name=velto_mic_in format=float32le rate=48000 channels=1 sink_properties=device.description=Velto-Microphone-Input
+load-module module-remap-source source_name=velto_mic master=velto_mic_in.monitor format=float32le rate=48000 channels=1 source_properties=device.description=Velto-Microphone
+set-default-sink velto_speakers
+set-default-source velto_mic
+PA
+}
+
+start() {
+    if is_running; then
+        echo "sound sandbox already running at $server"
+        return 0
+    fi
+    stop_quietly
+    mkdir -p "$dir/runtime" "$dir/home" "$dir/state"
+    chmod 700 "$dir" "$dir/runtime"
+    write_script
+    # A user-mode server: root is allowed to run one, it only warns. Its state, cookie
+    # and runtime files stay inside the sandbox directory, away from any real server.
+    (
+        export HOME="$dir/home" XDG_RUNTIME_DIR="$dir/runtime" XDG_CONFIG_HOME="$dir/home/.config"
+        export PULSE_RUNTIME_PATH="$dir/runtime/pulse" PULSE_STATE_PATH="$dir/state"
+        unset PULSE_SERVER DBUS_SESSION_BUS_ADDRESS
+        exec setsid pulseaudio --daemonize=no --system=false --exit-idle-time=-1 --disallow-exit \
+            --disallow-module-loading=no --realtime=no --high-priority=no --use-pid-file=no \
+            --log-target=stderr --log-level=notice -n -F "$dir/sandbox.pa"
+    ) </dev/null >"$logfile" 2>&1 &
+    echo $! >"$pidfile"
+    for _ in $(seq 1 100); do
+        if is_running; then
+            echo "sound sandbox started at $server"
+            echo "export PULSE_SERVER=$server"
+            return 0
+        fi
+        if ! kill -0 "$(cat "$pidfile")" 2>/dev/null; then break; fi
+        sleep 0.1
+    done
+    echo "sound sandbox failed to start; its log ($logfile):" >&2
+    cat "$logfile" >&2 || true
+    stop_quietly
+    return 1
+}
+
+stop_quietly() {
+    if [[ -f "$pidfile" ]]; then
+        local pid
+        pid="$(cat "$pidfile")"
+        if kill -0 "$pid" 2>/dev/null; then
+            kill "$pid" 2>/dev/null || true
+            for _ in $(seq 1 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+            kill -9 "$pid" 2>/dev/null || true
+        fi
+        rm -f "$pidfile"
+    fi
+    rm -f "$socket"
+}
+
+case "${1:-}" in
+    start) start ;;
+    stop)
+        stop_quietly
+        echo "sound sandbox stopped"
+        ;;
+    env) echo "export PULSE_SERVER=$server" ;;
+    status)
+        if is_running; then
+            echo "sound sandbox running at $server"
+        else
+            echo "sound sandbox not running"
+            exit 1
+        fi
+        ;;
+    *)
+        echo "usage: $0 start|stop|env|status" >&2
+        exit 2
+        ;;
+esac
