@@ -1,0 +1,82 @@
+#pragma once
+// Scriptable stand-in for an audio-engine input: formats, the audio unit, the device
+// status and start failures are set beforehand; calls are recorded in order; tapped
+// buffers are delivered from the test with deliver().
+//
+// Threads: all methods are thread-safe. deliver() runs the tap block on the calling
+// thread (a test plays the engine's delivery thread by calling it from a thread of its own).
+
+#include "platform/AudioInputEngine.hpp"
+
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace velto::platform {
+
+class FakeAudioInputEngine final : public AudioInputEngine {
+public:
+    struct Script {
+        PcmFormat inputFormat{48000.0, 1, false};
+        std::optional<PcmFormat> outputFormat;  // defaults to the input format
+        bool hasAudioUnit = true;
+        OSStatus setCurrentDeviceStatus = noErr;
+        std::optional<std::string> startFailure;  // the PlatformError text start() throws
+    };
+
+    static std::shared_ptr<FakeAudioInputEngine> create(Script script = {}) {
+        return std::make_shared<FakeAudioInputEngine>(std::move(script));
+    }
+    explicit FakeAudioInputEngine(Script script) : script_(std::move(script)) {}
+
+    void setScript(Script script);
+    std::vector<std::string> calls() const;
+    std::optional<AudioObjectID> currentDevice() const;
+    bool hasTap() const;
+    std::uint32_t tapBufferSizeFrames() const;
+
+    // Runs the tap block with `buffer`; false when no tap is installed.
+    bool deliver(const PcmBuffer& buffer);
+
+    PcmFormat inputFormat(std::uint32_t bus) override;
+    PcmFormat outputFormat(std::uint32_t bus) override;
+    bool hasAudioUnit() override;
+    OSStatus setCurrentDevice(AudioObjectID deviceID) override;
+    void installTap(std::uint32_t bus, std::uint32_t bufferSizeFrames, const PcmFormat& format,
+                    AudioInputTapBlock block) override;
+    void removeTap(std::uint32_t bus) override;
+    void start() override;
+    void stop() override;
+    void reset() override;
+    bool isRunning() override;
+
+private:
+    mutable std::mutex mutex_;
+    Script script_;
+    std::vector<std::string> calls_;
+    std::optional<AudioObjectID> currentDevice_;
+    std::shared_ptr<AudioInputTapBlock> tap_;
+    std::uint32_t tapBufferSizeFrames_ = 0;
+    bool running_ = false;
+};
+
+// Hands out FakeAudioInputEngines made from one script and remembers them.
+class FakeAudioEngineFactory final : public AudioEngineFactory {
+public:
+    static std::shared_ptr<FakeAudioEngineFactory> create(FakeAudioInputEngine::Script script = {}) {
+        return std::make_shared<FakeAudioEngineFactory>(std::move(script));
+    }
+    explicit FakeAudioEngineFactory(FakeAudioInputEngine::Script script) : script_(std::move(script)) {}
+
+    std::shared_ptr<AudioInputEngine> makeEngine() override;
+    std::vector<std::shared_ptr<FakeAudioInputEngine>> engines() const;
+    std::shared_ptr<FakeAudioInputEngine> lastEngine() const;
+
+private:
+    mutable std::mutex mutex_;
+    FakeAudioInputEngine::Script script_;
+    std::vector<std::shared_ptr<FakeAudioInputEngine>> engines_;
+};
+
+}  // namespace velto::platform

@@ -1,0 +1,43 @@
+#pragma once
+// Scriptable capture-device list, default device and microphone authorisation; records
+// the device types each discovery asked for.
+//
+// Threads: all methods are thread-safe.
+
+#include "platform/CaptureDeviceDiscovery.hpp"
+
+#include <mutex>
+
+namespace velto::platform {
+
+class FakeCaptureDeviceDiscovery final : public CaptureDeviceDiscovery {
+public:
+    static std::shared_ptr<FakeCaptureDeviceDiscovery> create() { return std::make_shared<FakeCaptureDeviceDiscovery>(); }
+
+    void setDevices(std::vector<CaptureDevice> devices);
+    void setDefaultDevice(std::optional<CaptureDevice> device);
+    void setAuthorizationStatus(AuthorizationStatus status);
+    // What requestAccess() answers; a granted request also makes the status authorized.
+    void setAccessAnswer(bool granted);
+
+    std::vector<std::vector<CaptureDeviceType>> discoveries() const;
+    int defaultDeviceQueries() const;
+    int accessRequests() const;
+
+    std::vector<CaptureDevice> devices(std::span<const CaptureDeviceType> deviceTypes) override;
+    std::optional<CaptureDevice> defaultAudioDevice() override;
+    AuthorizationStatus authorizationStatus() override;
+    bool requestAccess() override;
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<CaptureDevice> devices_;
+    std::optional<CaptureDevice> defaultDevice_;
+    AuthorizationStatus status_ = AuthorizationStatus::authorized;
+    bool accessAnswer_ = true;
+    std::vector<std::vector<CaptureDeviceType>> discoveries_;
+    int defaultDeviceQueries_ = 0;
+    int accessRequests_ = 0;
+};
+
+}  // namespace velto::platform
