@@ -1,0 +1,10 @@
+# Sanitizer builds apply to every target of the tree, the tests included.
+if(VELTO_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer -g)
+  add_link_options(-fsanitize=thread)
+elseif(VELTO_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer -g)
+  add_link_options(-fsanitize=address,undefined)
+elseif(NOT VELTO_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "VELTO_SANITIZE must be thread, address or empty, not '${VELTO_SANITIZE}'")
+endif()

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cstdint>
+
+#include "veltoaudio/Error.hpp"
+
+namespace velto {
+
+// The library's public error type: every failure the service detects itself,
+// and the failures of capture and recording.
+class RecordingError final : public Error {
+public:
+    enum class Code {
+        sessionConfigurationFailed,
+        recordingFailed,
+        fileSystemError,
+        systemAudioTapCreationFailed,
+        systemAudioDeviceCreationFailed,
+        systemAudioDeviceStartFailed,
+        unknown,
+        permissionDenied,
+        recorderInitializationFailed,
+        notRecording,
+        invalidState,
+        deviceNotFound,
+        systemAudioPermissionRequired,
+        systemAudioPermissionDenied,
+        invalidSystemAudioConfiguration,
+        systemAudioFormatNotSupported,
+    };
+
+    static RecordingError sessionConfigurationFailed(ErrorPtr error);
+    static RecordingError recordingFailed(ErrorPtr error);
+    static RecordingError fileSystemError(ErrorPtr error);
+    static RecordingError systemAudioTapCreationFailed(int32_t status);
+    static RecordingError systemAudioDeviceCreationFailed(int32_t status);
+    static RecordingError systemAudioDeviceStartFailed(int32_t status);
+    static RecordingError unknown(ErrorPtr error);
+    static RecordingError permissionDenied();
+    static RecordingError recorderInitializationFailed();
+    static RecordingError notRecording();
+    static RecordingError invalidState();
+    static RecordingError deviceNotFound();
+    static RecordingError systemAudioPermissionRequired();
+    static RecordingError systemAudioPermissionDenied();
+    static RecordingError invalidSystemAudioConfiguration();
+    static RecordingError systemAudioFormatNotSupported();
+
+    Code code() const noexcept { return code_; }
+    // The platform status of the three system-audio failures; 0 for the others.
+    int32_t status() const noexcept { return status_; }
+    // The wrapped error of the four wrapping cases; null for the others.
+    const ErrorPtr& underlyingError() const noexcept { return underlying_; }
+
+    // Same case and same payload; wrapped errors compare by their descriptions.
+    friend bool operator==(const RecordingError& lhs, const RecordingError& rhs);
+
+private:
+    RecordingError(Code code, std::string description, std::string caseDescription, int32_t status,
+                   ErrorPtr underlying);
+    Code code_;
+    int32_t status_;
+    ErrorPtr underlying_;
+};
+
+const char* caseName(RecordingError::Code code);
+
+}  // namespace velto

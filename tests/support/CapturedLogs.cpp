@@ -1,0 +1,58 @@
+#include "support/CapturedLogs.hpp"
+
+namespace velto::testing {
+
+CapturedLogs::CapturedLogs() : previousMinimum_(minimumLogLevel()) {
+    setMinimumLogLevel(LogLevel::debug);
+    setLogSink([this](LogLevel level, std::string_view subsystem, std::string_view category, std::string_view message) {
+        std::lock_guard lock(mutex_);
+        records_.push_back({level, std::string(subsystem), std::string(category), std::string(message)});
+    });
+}
+
+CapturedLogs::~CapturedLogs() {
+    setLogSink(nullptr);
+    setMinimumLogLevel(previousMinimum_);
+}
+
+std::vector<LogRecord> CapturedLogs::records() const {
+    std::lock_guard lock(mutex_);
+    return records_;
+}
+
+std::vector<std::string> CapturedLogs::messages(const std::string& category) const {
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> result;
+    for (const auto& r : records_)
+        if (r.category == category) result.push_back(r.message);
+    return result;
+}
+
+bool CapturedLogs::contains(LogLevel level, const std::string& category, const std::string& message) const {
+    std::lock_guard lock(mutex_);
+    for (const auto& r : records_)
+        if (r.level == level && r.category == category && r.message == message) return true;
+    return false;
+}
+
+int CapturedLogs::count(const std::string& category, const std::string& message) const {
+    std::lock_guard lock(mutex_);
+    int n = 0;
+    for (const auto& r : records_)
+        if (r.category == category && r.message == message) ++n;
+    return n;
+}
+
+bool CapturedLogs::containsPrefix(const std::string& category, const std::string& prefix) const {
+    std::lock_guard lock(mutex_);
+    for (const auto& r : records_)
+        if (r.category == category && r.message.rfind(prefix, 0) == 0) return true;
+    return false;
+}
+
+void CapturedLogs::clear() {
+    std::lock_guard lock(mutex_);
+    records_.clear();
+}
+
+}  // namespace velto::testing

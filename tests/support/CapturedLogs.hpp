@@ -1,0 +1,43 @@
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "veltoaudio/Logging.hpp"
+
+namespace velto::testing {
+
+struct LogRecord {
+    LogLevel level;
+    std::string subsystem;
+    std::string category;
+    std::string message;
+};
+
+// Captures every message logged while it lives (debug included), instead of
+// writing it to standard error. One at a time per process.
+class CapturedLogs {
+public:
+    CapturedLogs();
+    ~CapturedLogs();
+    CapturedLogs(const CapturedLogs&) = delete;
+    CapturedLogs& operator=(const CapturedLogs&) = delete;
+
+    std::vector<LogRecord> records() const;
+    // Messages of one category, in order.
+    std::vector<std::string> messages(const std::string& category) const;
+    bool contains(LogLevel level, const std::string& category, const std::string& message) const;
+    // How many records of that category have exactly this text.
+    int count(const std::string& category, const std::string& message) const;
+    // True when some message of the category starts with `prefix`.
+    bool containsPrefix(const std::string& category, const std::string& prefix) const;
+    void clear();
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<LogRecord> records_;
+    LogLevel previousMinimum_;
+};
+
+}  // namespace velto::testing
