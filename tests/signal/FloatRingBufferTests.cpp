@@ -1,0 +1,192 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "signal/FloatRingBuffer.hpp"
+#include "support/CapturedLogs.hpp"
+
+namespace velto {
+namespace {
+
+using testing::CapturedLogs;
+
+constexpr const char* kCategory = "FloatRingBuffer";
+
+std::vector<float> ramp(int64_t count, float start = 1.0f) {
+    std::vector<float> values(static_cast<size_t>(count));
+    for (int64_t i = 0; i < count; ++i) values[static_cast<size_t>(i)] = start + static_cast<float>(i);
+    return values;
+}
+
+int64_t writeMono(FloatRingBuffer& ring, const std::vector<float>& samples) {
+    const std::array<const float*, 1> sources{samples.data()};
+    return ring.write(sources, static_cast<int64_t>(samples.size()));
+}
+
+std::vector<float> readMono(FloatRingBuffer& ring, int64_t frames, float poison = -99.0f) {
+    std::vector<float> destination(static_cast<size_t>(frames), poison);
+    const std::array<float*, 1> destinations{destination.data()};
+    ring.read(destinations, frames);
+    return destination;
+}
+
+TEST(FloatRingBufferTest, CreationLogsAndStartsEmpty) {
+    CapturedLogs logs;
+    auto ring = FloatRingBuffer::create(2, 96000);
+    EXPECT_EQ(ring->channels(), 2);
+    EXPECT_EQ(ring->capacityFrames(), 96000);
+    EXPECT_EQ(ring->availableFrames(), 0);
+    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Created FloatRingBuffer: 2 channels, 96000 frames capacity"));
+    ring.reset();
+    EXPECT_EQ(logs.count(kCategory, "Deallocated FloatRingBuffer"), 1);
+    EXPECT_THROW(FloatRingBuffer::create(0, 16), std::invalid_argument);
+    EXPECT_THROW(FloatRingBuffer::create(1, 0), std::invalid_argument);
+}
+
+TEST(FloatRingBufferTest, ShortWriteKeepsOldestFramesAndReadPadsWithZeros) {
+    auto ring = FloatRingBuffer::create(1, 4);
+    EXPECT_EQ(writeMono(*ring, ramp(6)), 4);
+    EXPECT_EQ(writeMono(*ring, ramp(1, 50.0f)), 0);  // full: dropped
+    EXPECT_EQ(ring->availableFrames(), 4);
+    EXPECT_EQ(readMono(*ring, 6), (std::vector<float>{1, 2, 3, 4, 0, 0}));
+    EXPECT_EQ(ring->availableFrames(), 0);
+}
+
+TEST(FloatRingBufferTest, WrapAroundKeepsOrderOnEveryChannel) {
+    auto ring = FloatRingBuffer::create(2, 8);
+    // Move both positions to capacity - 2.
+    std::vector<float> filler(6, 0.5f);
+    const std::array<const float*, 2> fillerSources{filler.data(), filler.data()};
+    ASSERT_EQ(ring->write(fillerSources, 6), 6);
+    std::vector<float> sink(6);
+    const std::array<float*, 2> sinks{sink.data(), sink.data()};
+    ring->read(sinks, 6);
+
+    const auto left = ramp(5, 1.0f);
+    const auto right = ramp(5, 101.0f);
+    const std::array<const float*, 2> sources{left.data(), right.data()};
+    ASSERT_EQ(ring->write(sources, 5), 5);  // 2 at the end, 3 at the start
+    std::vector<float> outLeft(5), outRight(5);
+    const std::array<float*, 2> destinations{outLeft.data(), outRight.data()};
+    ring->read(destinations, 5);
+    EXPECT_EQ(outLeft, left);
+    EXPECT_EQ(outRight, right);
+}
+
+TEST(FloatRingBufferTest, EmptyReadGivesSilenceAndDoesNotMovePositions) {
+    auto ring = FloatRingBuffer::create(1, 8);
+    EXPECT_EQ(readMono(*ring, 3), (std::vector<float>{0, 0, 0}));
+    // Had the read position moved, this data would come back shifted.
+    ASSERT_EQ(writeMono(*ring, ramp(3)), 3);
+    EXPECT_EQ(readMono(*ring, 3), ramp(3));
+}
+
+TEST(FloatRingBufferTest, ChannelMismatchIsLoggedAndChangesNothing) {
+    CapturedLogs logs;
+    auto ring = FloatRingBuffer::create(1, 8);
+    std::vector<float> a = ramp(4), b = ramp(4);
+    const std::array<const float*, 2> twoSources{a.data(), b.data()};
+    EXPECT_EQ(ring->write(twoSources, 4), 0);
+    EXPECT_TRUE(logs.contains(LogLevel::critical, kCategory, "Source channel count (2) doesn't match buffer channels (1)"));
+    EXPECT_EQ(ring->availableFrames(), 0);
+
+    ASSERT_EQ(writeMono(*ring, ramp(4)), 4);
+    std::vector<float> x(4, -7.0f), y(4, -7.0f);
+    const std::array<float*, 2> twoDestinations{x.data(), y.data()};
+    ring->read(twoDestinations, 4);
+    EXPECT_TRUE(
+        logs.contains(LogLevel::critical, kCategory, "Destination channel count (2) doesn't match buffer channels (1)"));
+    EXPECT_EQ(x, std::vector<float>(4, -7.0f));
+    EXPECT_EQ(ring->availableFrames(), 4);
+}
+
+TEST(FloatRingBufferTest, NonPositiveCountsDoNothingAndLogNothing) {
+    auto ring = FloatRingBuffer::create(1, 8);
+    CapturedLogs logs;
+    const auto samples = ramp(4);
+    const std::array<const float*, 1> sources{samples.data()};
+    EXPECT_EQ(ring->write(sources, 0), 0);
+    EXPECT_EQ(ring->write(sources, -3), 0);
+    std::vector<float> destination(4, -7.0f);
+    const std::array<float*, 1> destinations{destination.data()};
+    ring->read(destinations, 0);
+    ring->read(destinations, -1);
+    EXPECT_EQ(destination, std::vector<float>(4, -7.0f));
+    EXPECT_EQ(ring->availableFrames(), 0);
+    EXPECT_TRUE(logs.records().empty());
+}
+
+TEST(FloatRingBufferTest, ResetEmptiesAndSilencesStorage) {
+    CapturedLogs logs;
+    auto ring = FloatRingBuffer::create(1, 4);
+    ASSERT_EQ(writeMono(*ring, ramp(3)), 3);
+    ring->reset();
+    EXPECT_EQ(ring->availableFrames(), 0);
+    EXPECT_EQ(readMono(*ring, 4), std::vector<float>(4, 0.0f));
+    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Reset FloatRingBuffer"));
+    // Full capacity is usable again from position 0.
+    EXPECT_EQ(writeMono(*ring, ramp(4)), 4);
+    const auto snapshot = ring->snapshot();
+    EXPECT_EQ(snapshot.channels, 1);
+    EXPECT_EQ(snapshot.framesAvailable, 4);
+}
+
+// A producer thread writes a running counter in blocks of random size while
+// the consumer reads blocks of other random sizes: every value must arrive
+// exactly once and in order. Run under ThreadSanitizer this also checks that
+// the unlocked copies are ordered by the position updates.
+TEST(FloatRingBufferTest, ConcurrentProducerAndConsumerLoseAndDuplicateNothing) {
+    constexpr int64_t kTotalFrames = 400000;
+    auto ring = FloatRingBuffer::create(2, 1000);
+    std::thread producer([ring] {
+        std::mt19937 random(7);
+        std::vector<float> left(300), right(300);
+        int64_t next = 0;
+        while (next < kTotalFrames) {
+            const int64_t block = std::min<int64_t>(1 + static_cast<int64_t>(random() % 300), kTotalFrames - next);
+            for (int64_t i = 0; i < block; ++i) {
+                left[static_cast<size_t>(i)] = static_cast<float>(next + i);
+                right[static_cast<size_t>(i)] = -static_cast<float>(next + i);
+            }
+            const std::array<const float*, 2> sources{left.data(), right.data()};
+            int64_t written = 0;
+            while (written < block) {
+                const std::array<const float*, 2> rest{sources[0] + written, sources[1] + written};
+                written += ring->write(rest, block - written);
+                if (written < block) std::this_thread::yield();
+            }
+            next += block;
+        }
+    });
+
+    std::mt19937 random(11);
+    std::vector<float> left(400), right(400);
+    int64_t expected = 0;
+    bool inOrder = true;
+    while (expected < kTotalFrames && inOrder) {
+        const int64_t available = ring->availableFrames();
+        if (available == 0) {
+            std::this_thread::yield();
+            continue;
+        }
+        const int64_t block = std::min<int64_t>(available, 1 + static_cast<int64_t>(random() % 400));
+        const std::array<float*, 2> destinations{left.data(), right.data()};
+        ring->read(destinations, block);
+        for (int64_t i = 0; i < block; ++i) {
+            inOrder = inOrder && left[static_cast<size_t>(i)] == static_cast<float>(expected) &&
+                      right[static_cast<size_t>(i)] == -static_cast<float>(expected);
+            ++expected;
+        }
+    }
+    producer.join();
+    EXPECT_TRUE(inOrder) << "first wrong frame near " << expected;
+    EXPECT_EQ(expected, kTotalFrames);
+    EXPECT_EQ(ring->availableFrames(), 0);
+}
+
+}  // namespace
+}  // namespace velto
