@@ -108,16 +108,22 @@ private:
 // Cancels the channel when the last consumer handle goes away.
 template <class T>
 struct ConsumerLifetime {
-    std::shared_ptr<StreamChannel<T>> channel;
+    explicit ConsumerLifetime(std::shared_ptr<StreamChannel<T>> c) : channel(std::move(c)) {}
+    ConsumerLifetime(const ConsumerLifetime&) = delete;
+    ConsumerLifetime& operator=(const ConsumerLifetime&) = delete;
     ~ConsumerLifetime() { channel->cancel(); }
+    std::shared_ptr<StreamChannel<T>> channel;
 };
 
 // Finishes the channel when the last producer handle goes away, so a consumer
 // never waits for a producer that no longer exists.
 template <class T>
 struct ProducerLifetime {
-    std::shared_ptr<StreamChannel<T>> channel;
+    explicit ProducerLifetime(std::shared_ptr<StreamChannel<T>> c) : channel(std::move(c)) {}
+    ProducerLifetime(const ProducerLifetime&) = delete;
+    ProducerLifetime& operator=(const ProducerLifetime&) = delete;
     ~ProducerLifetime() { channel->finish(nullptr); }
+    std::shared_ptr<StreamChannel<T>> channel;
 };
 
 }  // namespace detail
@@ -156,7 +162,7 @@ public:
     private:
         friend class EventStream;
         explicit Continuation(std::shared_ptr<detail::StreamChannel<T>> channel)
-            : lifetime_(std::make_shared<detail::ProducerLifetime<T>>(detail::ProducerLifetime<T>{std::move(channel)})) {}
+            : lifetime_(std::make_shared<detail::ProducerLifetime<T>>(std::move(channel))) {}
         std::shared_ptr<detail::ProducerLifetime<T>> lifetime_;
     };
 
@@ -206,7 +212,7 @@ public:
 
 private:
     explicit EventStream(std::shared_ptr<detail::StreamChannel<T>> channel)
-        : lifetime_(std::make_shared<detail::ConsumerLifetime<T>>(detail::ConsumerLifetime<T>{std::move(channel)})) {}
+        : lifetime_(std::make_shared<detail::ConsumerLifetime<T>>(std::move(channel))) {}
     std::shared_ptr<detail::ConsumerLifetime<T>> lifetime_;
 };
 

@@ -1,0 +1,221 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <thread>
+#include <vector>
+
+#include "dispatch/RepeatingTimer.hpp"
+#include "dispatch/SerialQueue.hpp"
+#include "veltoaudio/EventStream.hpp"
+
+namespace velto {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(EventStream, DeliversInOrderThenEndsWithTheErrorOnce) {
+    auto [stream, continuation] = EventStream<int>::make();
+    std::vector<StreamTermination> terminations;
+    continuation.setOnTermination([&](StreamTermination t) { terminations.push_back(t); });
+    std::thread producer([c = continuation] {
+        for (int i = 0; i < 1000; ++i) c.yield(i);
+        c.finish(std::make_exception_ptr(std::runtime_error("device lost")));
+    });
+    std::vector<int> seen;
+    try {
+        for (int value : stream) seen.push_back(value);
+        FAIL() << "the error must end the iteration";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "device lost");
+    }
+    producer.join();
+    ASSERT_EQ(seen.size(), 1000u);
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(seen[i], i);
+    EXPECT_EQ(stream.next(), std::nullopt);  // the error is delivered once
+    EXPECT_EQ(terminations, std::vector<StreamTermination>{StreamTermination::finished});
+    EXPECT_FALSE(continuation.yield(5));
+}
+
+TEST(EventStream, ConsumerCancellationWakesAWaitingReaderAndTellsTheProducer) {
+    auto [stream, continuation] = EventStream<int>::make();
+    std::promise<StreamTermination> termination;
+    continuation.setOnTermination([&](StreamTermination t) { termination.set_value(t); });
+    auto reader = std::async(std::launch::async, [s = stream]() mutable { return s.next(); });
+    std::this_thread::sleep_for(10ms);
+    stream.cancel();
+    EXPECT_EQ(reader.get(), std::nullopt);
+    EXPECT_EQ(termination.get_future().get(), StreamTermination::cancelled);
+    EXPECT_FALSE(continuation.yield(1));
+}
+
+TEST(EventStream, LastConsumerHandleGoingAwayCancelsAndLastProducerFinishes) {
+    std::atomic<int> cancelled{0};
+    auto continuationCopy = [&] {
+        auto [stream, continuation] = EventStream<int>::make();
+        continuation.setOnTermination([&](StreamTermination t) { cancelled += t == StreamTermination::cancelled; });
+        auto copy = stream;  // copies share the channel
+        return continuation;
+    }();
+    EXPECT_EQ(cancelled.load(), 1);
+    EXPECT_TRUE(continuationCopy.isTerminated());
+
+    auto [stream, continuation] = EventStream<int>::make();
+    continuation.yield(7);
+    continuation = {};  // the producer is gone: buffered values, then the end
+    EXPECT_EQ(stream.next(), 7);
+    EXPECT_EQ(stream.next(), std::nullopt);
+}
+
+TEST(EventStream, HandlerInstalledAfterTheEndRunsAtOnce) {
+    auto [stream, continuation] = EventStream<int>::make();
+    continuation.finish();
+    std::optional<StreamTermination> seen;
+    continuation.setOnTermination([&](StreamTermination t) { seen = t; });
+    EXPECT_EQ(seen, StreamTermination::finished);
+    EXPECT_TRUE(stream.waitFor(0ms));
+}
+
+TEST(SerialQueue, RunsWorkInOrderOneAtATime) {
+    auto queue = SerialQueue::create("io.veltoaudio.test", QualityOfService::userInitiated);
+    std::vector<int> order;
+    std::atomic<int> running{0};
+    std::atomic<bool> overlapped{false};
+    for (int i = 0; i < 200; ++i) {
+        queue->async([&, i] {
+            if (running.fetch_add(1) != 0) overlapped = true;
+            order.push_back(i);
+            running.fetch_sub(1);
+        });
+    }
+    queue->sync([] {});
+    EXPECT_FALSE(overlapped.load());
+    ASSERT_EQ(order.size(), 200u);
+    for (int i = 0; i < 200; ++i) EXPECT_EQ(order[i], i);
+}
+
+TEST(SerialQueue, SyncFromTheQueueRunsInlineAndPropagatesErrors) {
+    auto queue = SerialQueue::create("io.veltoaudio.test", QualityOfService::defaultQoS);
+    bool inner = false;
+    queue->sync([&] {
+        EXPECT_TRUE(queue->isCurrent());
+        queue->sync([&] { inner = true; });
+    });
+    EXPECT_TRUE(inner);
+    EXPECT_FALSE(queue->isCurrent());
+    EXPECT_THROW(queue->sync([] { throw std::runtime_error("boom"); }), std::runtime_error);
+}
+
+TEST(SerialQueue, DelayedWorkWaitsForTheClockAndRunsInDeadlineOrder) {
+    auto clock = std::make_shared<ManualClock>(100.0);
+    auto queue = SerialQueue::create("io.veltoaudio.test", QualityOfService::utility, clock);
+    std::vector<int> order;
+    std::mutex mutex;
+    queue->asyncAfter(102.0, [&] { std::lock_guard l(mutex); order.push_back(2); });
+    queue->asyncAfter(101.0, [&] { std::lock_guard l(mutex); order.push_back(1); });
+    std::this_thread::sleep_for(20ms);
+    queue->sync([] {});
+    {
+        std::lock_guard l(mutex);
+        EXPECT_TRUE(order.empty());
+    }
+    clock->advance(5.0);
+    for (int i = 0; i < 500; ++i) {
+        {
+            std::lock_guard l(mutex);
+            if (order.size() == 2) break;
+        }
+        std::this_thread::sleep_for(2ms);
+    }
+    std::lock_guard l(mutex);
+    EXPECT_EQ(order, (std::vector<int>{1, 2}));
+}
+
+TEST(SerialQueue, QueueReleasedByItsOwnWorkShutsDownCleanly) {
+    auto queue = SerialQueue::create("io.veltoaudio.test", QualityOfService::background);
+    std::promise<void> ran;
+    auto* raw = queue.get();
+    raw->async([q = std::move(queue), &ran]() mutable {
+        q.reset();  // not the last reference yet: the closure owns it until it is released
+        ran.set_value();
+    });
+    ran.get_future().wait();
+}
+
+// Waits, in real time, until `predicate` holds; the clock under test is manual.
+template <class P>
+bool eventually(P predicate) {
+    for (int i = 0; i < 1000; ++i) {
+        if (predicate()) return true;
+        std::this_thread::sleep_for(1ms);
+    }
+    return predicate();
+}
+
+TEST(RepeatingTimer, FiresOnTheClockAndSkipsMissedDeadlines) {
+    auto clock = std::make_shared<ManualClock>(0.0);
+    auto queue = SerialQueue::create("io.veltoaudio.timer", QualityOfService::userInteractive, clock);
+    auto timer = RepeatingTimer::create(queue);
+    std::atomic<int> fires{0};
+    timer->schedule(clock->nowSeconds(), 0.1, 0);
+    timer->setEventHandler([&] { ++fires; });
+    timer->resume();
+    ASSERT_TRUE(eventually([&] { return fires == 1; }));  // first deadline is now
+
+    clock->advance(0.1);
+    ASSERT_TRUE(eventually([&] { return fires == 2; }));
+    clock->advance(1.0);  // ten deadlines missed: one late fire, not ten
+    ASSERT_TRUE(eventually([&] { return fires == 3; }));
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(fires.load(), 3);
+}
+
+TEST(RepeatingTimer, CancelStopsFiresAndWaitsForARunningHandler) {
+    auto queue = SerialQueue::create("io.veltoaudio.timer", QualityOfService::userInteractive);
+    auto timer = RepeatingTimer::create(queue);
+    std::atomic<bool> inHandler{false};
+    std::atomic<int> fires{0};
+    timer->schedule(queue->clock()->nowSeconds(), 0.001, 0);
+    timer->setEventHandler([&] {
+        inHandler = true;
+        std::this_thread::sleep_for(5ms);
+        ++fires;
+        inHandler = false;
+    });
+    timer->resume();
+    ASSERT_TRUE(eventually([&] { return inHandler.load(); }));
+    timer->cancel();
+    EXPECT_FALSE(inHandler.load());
+    int afterCancel = fires.load();
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(fires.load(), afterCancel);
+    EXPECT_TRUE(timer->isCancelled());
+}
+
+TEST(RepeatingTimer, HandlerMayCancelItsOwnTimerAndReleasedTimersStop) {
+    auto queue = SerialQueue::create("io.veltoaudio.timer", QualityOfService::userInteractive);
+    auto timer = RepeatingTimer::create(queue);
+    std::atomic<int> fires{0};
+    timer->schedule(queue->clock()->nowSeconds(), 0.001, 0);
+    timer->setEventHandler([&, weak = std::weak_ptr<RepeatingTimer>(timer)] {
+        if (++fires == 3)
+            if (auto t = weak.lock()) t->cancel();
+    });
+    timer->resume();
+    ASSERT_TRUE(eventually([&] { return timer->isCancelled(); }));
+    std::this_thread::sleep_for(10ms);
+    EXPECT_EQ(fires.load(), 3);
+
+    std::atomic<int> orphanFires{0};
+    {
+        auto orphan = RepeatingTimer::create(queue);
+        orphan->schedule(queue->clock()->nowSeconds() + 0.05, 0.001, 0);
+        orphan->setEventHandler([&] { ++orphanFires; });
+        orphan->resume();
+    }
+    std::this_thread::sleep_for(80ms);
+    EXPECT_EQ(orphanFires.load(), 0);
+}
+
+}  // namespace
+}  // namespace velto

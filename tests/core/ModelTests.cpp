@@ -1,0 +1,158 @@
+#include <gtest/gtest.h>
+
+#include <unordered_set>
+
+#include "logging/NumberFormat.hpp"
+#include "veltoaudio/veltoaudio.hpp"
+
+namespace velto {
+namespace {
+
+TEST(BufferConfiguration, RaisesEachSizeToItsMinimumAndKeepsLargeOnes) {
+    BufferConfiguration raised(0, -5, 256);
+    EXPECT_EQ(raised.ringBufferCapacity(), 1024);
+    EXPECT_EQ(raised.jitterBufferFrames(), 512);
+    EXPECT_EQ(raised.mixingBufferCapacity(), 256);
+
+    BufferConfiguration above(1025, 513, 257);
+    EXPECT_EQ(above.ringBufferCapacity(), 1025);
+    EXPECT_EQ(above.jitterBufferFrames(), 513);
+    EXPECT_EQ(above.mixingBufferCapacity(), 257);
+
+    BufferConfiguration huge(INT64_MAX, INT64_MAX, INT64_MAX);
+    EXPECT_EQ(huge.ringBufferCapacity(), INT64_MAX);
+
+    constexpr auto standard = BufferConfiguration::defaultConfiguration();
+    EXPECT_EQ(standard.ringBufferCapacity(), 96000);
+    EXPECT_EQ(standard.jitterBufferFrames(), 3072);
+    EXPECT_EQ(standard.mixingBufferCapacity(), 1024);
+}
+
+TEST(AudioFormat, SettingsCarryTheTypedValuesTheFileWriterNeeds) {
+    auto wav = makeAudioSettings(AudioFormat::wav);
+    auto flac = makeAudioSettings(AudioFormat::flac);
+    EXPECT_EQ(wav.size(), 7u);
+    EXPECT_EQ(flac.size(), 5u);
+    EXPECT_EQ(std::get<uint32_t>(wav.at(AVFormatIDKey)), 0x6C70636Du);
+    EXPECT_EQ(std::get<uint32_t>(flac.at(AVFormatIDKey)), 0x666C6163u);
+    EXPECT_EQ(std::get<int64_t>(flac.at(AVSampleRateKey)), 16000);
+    EXPECT_EQ(std::get<int64_t>(flac.at(AVLinearPCMBitDepthKey)), 32);
+    EXPECT_TRUE(std::get<bool>(flac.at(AVLinearPCMIsFloatKey)));
+    EXPECT_FALSE(flac.contains(AVLinearPCMIsBigEndianKey));
+    EXPECT_FALSE(flac.contains(AVLinearPCMIsNonInterleaved));
+    EXPECT_FALSE(std::get<bool>(wav.at(AVLinearPCMIsBigEndianKey)));
+    EXPECT_TRUE(std::get<bool>(wav.at(AVLinearPCMIsNonInterleaved)));
+
+    EXPECT_EQ(fileExtension(AudioFormat::wav), "wav");
+    EXPECT_EQ(fileExtension(AudioFormat::flac), "flac");
+    EXPECT_EQ(targetSampleRate(AudioFormat::flac), 16000.0);
+    EXPECT_EQ(avAudioFormat(AudioFormat::wav), (PcmFormat{16000.0, 1, true}));
+}
+
+TEST(AudioSources, DerivedPropertiesFollowTheCase) {
+    auto mic = AudioSources::microphoneOnly();
+    auto system = AudioSources::systemAudioOnly(CaptureTarget::systemWide);
+    auto both = AudioSources::both(CaptureTarget::systemWide);
+    EXPECT_FALSE(mic.systemAudioTarget().has_value());
+    EXPECT_EQ(system.systemAudioTarget(), CaptureTarget::systemWide);
+    EXPECT_EQ(both.systemAudioTarget(), CaptureTarget::systemWide);
+    EXPECT_TRUE(mic.includeMicrophone() && !mic.includeSystemAudio());
+    EXPECT_TRUE(!system.includeMicrophone() && system.includeSystemAudio());
+    EXPECT_TRUE(both.includeMicrophone() && both.includeSystemAudio());
+}
+
+TEST(PermissionStatus, NotDeterminedBlocksWithoutCountingAsDenied) {
+    EXPECT_TRUE((PermissionStatus{PermissionState::notRequired, PermissionState::granted}).allGranted());
+    PermissionStatus pending{PermissionState::granted, PermissionState::notDetermined};
+    EXPECT_FALSE(pending.allGranted());
+    EXPECT_FALSE(pending.anyDenied());
+    EXPECT_TRUE((PermissionStatus{PermissionState::denied, PermissionState::granted}).anyDenied());
+}
+
+TEST(ValueTypes, EqualityAndHashingUseEveryField) {
+    MicrophoneDevice a{"X", "Built-in", false};
+    MicrophoneDevice b{"X", "USB", false};
+    EXPECT_NE(a, b);
+    EXPECT_EQ(a, (MicrophoneDevice{"X", "Built-in", false}));
+    std::unordered_set<MicrophoneDevice> set{a, b, a};
+    EXPECT_EQ(set.size(), 2u);
+
+    EXPECT_EQ(AudioLevels::silence(), (AudioLevels{-160, -160}));
+    float nan = std::numeric_limits<float>::quiet_NaN();
+    AudioLevels notANumber{nan, 0};
+    EXPECT_FALSE(notANumber == notANumber);
+}
+
+TEST(RecordingError, DescriptionsAreFixedTexts) {
+    EXPECT_EQ(RecordingError::recorderInitializationFailed().errorDescription(), "Failed to initialize audio recorder");
+    EXPECT_EQ(RecordingError::permissionDenied().errorDescription(),
+              "Microphone permission is required to record audio.");
+    EXPECT_EQ(RecordingError::systemAudioDeviceStartFailed(-50).errorDescription(),
+              "Failed to start system audio device (error: -50).");
+    // A four-character status is written in decimal, never as characters or hex.
+    EXPECT_EQ(RecordingError::systemAudioTapCreationFailed(0x73746F70).errorDescription(),
+              "Failed to create system audio tap (error: 1937010544).");
+    EXPECT_EQ(RecordingError::systemAudioDeviceStartFailed(-50).caseDescription(), "systemAudioDeviceStartFailed(-50)");
+    EXPECT_EQ(RecordingError::systemAudioPermissionDenied().caseDescription(), "systemAudioPermissionDenied");
+
+    auto underlying = std::make_shared<PlatformError>("pulse", 7, "Connection refused");
+    EXPECT_EQ(RecordingError::sessionConfigurationFailed(underlying).errorDescription(),
+              "Failed to configure audio session: Connection refused");
+    EXPECT_EQ(RecordingError::recordingFailed(nullptr).errorDescription(), "Recording failed: Unknown error");
+}
+
+TEST(RecordingError, WrappedErrorsCompareByDescriptionAndStatusesByValue) {
+    auto a = std::make_shared<PlatformError>("pulse", 1, "Broken pipe");
+    auto b = std::make_shared<PlatformError>("errno", 32, "Broken pipe");
+    auto c = std::make_shared<PlatformError>("errno", 32, "No space left on device");
+    EXPECT_EQ(RecordingError::recordingFailed(a), RecordingError::recordingFailed(b));
+    EXPECT_NE(RecordingError::recordingFailed(a), RecordingError::recordingFailed(c));
+    EXPECT_NE(RecordingError::recordingFailed(a), RecordingError::unknown(a));
+    EXPECT_NE(RecordingError::systemAudioTapCreationFailed(1), RecordingError::systemAudioDeviceCreationFailed(1));
+    EXPECT_EQ(RecordingError::systemAudioDeviceStartFailed(-10), RecordingError::systemAudioDeviceStartFailed(-10));
+    EXPECT_NE(RecordingError::systemAudioDeviceStartFailed(-10), RecordingError::systemAudioDeviceStartFailed(-11));
+    EXPECT_EQ(RecordingError::invalidState(), RecordingError::invalidState());
+}
+
+TEST(Errors, CapturedErrorsKeepTheOriginalsTextAndObject) {
+    auto thrown = std::make_exception_ptr(RecordingError::systemAudioDeviceStartFailed(-50));
+    auto captured = captureError(thrown);
+    EXPECT_EQ(captured->errorDescription(), "Failed to start system audio device (error: -50).");
+    EXPECT_EQ(captured->caseDescription(), "systemAudioDeviceStartFailed(-50)");
+    EXPECT_THROW(std::rethrow_exception(std::static_pointer_cast<const CapturedError>(captured)->original()),
+                 RecordingError);
+    EXPECT_EQ(describeError(std::make_exception_ptr(std::runtime_error("disk on fire"))), "disk on fire");
+    EXPECT_EQ(RecordingError::fileSystemError(captureError(std::make_exception_ptr(std::runtime_error("full"))))
+                  .errorDescription(),
+              "File system error: full");
+}
+
+TEST(NumberFormat, ShortestRoundTripAlwaysWithAFraction) {
+    EXPECT_EQ(formatDouble(48000.0), "48000.0");
+    EXPECT_EQ(formatDouble(44100.0), "44100.0");
+    EXPECT_EQ(formatDouble(0.1), "0.1");
+    EXPECT_EQ(formatDouble(1.0 / 60.0), "0.016666666666666666");
+    EXPECT_EQ(formatDouble(-0.5), "-0.5");
+    EXPECT_EQ(formatFloat(0.3f), "0.3");
+    EXPECT_EQ(formatFloat(0.98f), "0.98");
+    EXPECT_EQ(formatFloat(0.0f), "0.0");
+    for (double v : {1e-7, 123456.789, 1.0 / 3.0, 6.02214076e23}) EXPECT_EQ(std::stod(formatDouble(v)), v);
+}
+
+TEST(PcmBuffer, LayoutFollowsTheFormat) {
+    auto planar = PcmBuffer::make(*PcmFormat::standard(48000, 2), 256);
+    ASSERT_TRUE(planar);
+    EXPECT_EQ(planar->floatChannelData().size(), 2u);
+    EXPECT_EQ(planar->floatChannelData()[1] - planar->floatChannelData()[0], 256);
+    planar->setFrameLength(1000);
+    EXPECT_EQ(planar->frameLength(), 256u);
+
+    auto interleaved = PcmBuffer::make(*PcmFormat::make(16000, 2, true), 10);
+    EXPECT_EQ(interleaved->floatChannelData().size(), 1u);
+    EXPECT_FALSE(PcmBuffer::make(PcmFormat{0, 1, false}, 10));
+    EXPECT_FALSE(PcmFormat::make(std::numeric_limits<double>::infinity(), 1, true));
+    EXPECT_EQ(PcmFormat::standard(48000, 2)->description(), "<PcmFormat: 2 ch, 48000.0 Hz, Float32, non-interleaved>");
+}
+
+}  // namespace
+}  // namespace velto
