@@ -1,0 +1,204 @@
+#include "signal/AudioFile.hpp"
+
+#include <sndfile.h>
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+#include <variant>
+
+#include "logging/LoggerCompat.hpp"
+#include "veltoaudio/Error.hpp"
+#include "logging/NumberFormat.hpp"
+
+namespace velto {
+
+struct AudioFile::Private {};
+
+namespace {
+
+constexpr const char* kSndfileDomain = "libsndfile";
+constexpr const char* kAudioFileDomain = "io.veltoaudio.AudioFile";
+// Unsynced audio is lost when the machine (not just the process) goes down;
+// a second of it is the most a crash may cost.
+constexpr double kSyncIntervalSeconds = 1.0;
+
+LoggerCompat& logger() {
+    static LoggerCompat instance{kLogSubsystem, "AudioFile"};
+    return instance;
+}
+
+template <class T>
+std::optional<T> setting(const AudioSettings& settings, const char* key) {
+    const auto found = settings.find(key);
+    if (found == settings.end()) return std::nullopt;
+    if (const auto* value = std::get_if<T>(&found->second)) return *value;
+    return std::nullopt;
+}
+
+PlatformError sndfileError(int code, const std::string& text) { return PlatformError(kSndfileDomain, code, text); }
+
+PlatformError unsupportedSettings() {
+    return sndfileError(SF_ERR_UNRECOGNISED_FORMAT, sf_error_number(SF_ERR_UNRECOGNISED_FORMAT));
+}
+
+int sndfileFormat(const AudioSettings& settings) {
+    const auto formatId = setting<uint32_t>(settings, AVFormatIDKey);
+    const auto bitDepth = setting<int64_t>(settings, AVLinearPCMBitDepthKey).value_or(16);
+    const bool isFloat = setting<bool>(settings, AVLinearPCMIsFloatKey).value_or(false);
+    if (formatId == kAudioFormatFLAC) {
+        // FLAC stores integers of at most 24 bits: float input keeps the most
+        // resolution as 24-bit samples.
+        const int subtype = bitDepth == 8 ? SF_FORMAT_PCM_S8 : bitDepth == 16 ? SF_FORMAT_PCM_16 : SF_FORMAT_PCM_24;
+        return SF_FORMAT_FLAC | subtype;
+    }
+    if (formatId == kAudioFormatLinearPCM) {
+        if (isFloat) {
+            if (bitDepth == 32) return SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+            if (bitDepth == 64) return SF_FORMAT_WAV | SF_FORMAT_DOUBLE;
+            throw unsupportedSettings();
+        }
+        switch (bitDepth) {
+            case 8: return SF_FORMAT_WAV | SF_FORMAT_PCM_U8;
+            case 16: return SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+            case 24: return SF_FORMAT_WAV | SF_FORMAT_PCM_24;
+            case 32: return SF_FORMAT_WAV | SF_FORMAT_PCM_32;
+            default: throw unsupportedSettings();
+        }
+    }
+    throw unsupportedSettings();
+}
+
+// Copies `frames` frames of `buffer` into `destination` as interleaved frames
+// of `fileChannels` channels.
+void interleaveForFile(const PcmBuffer& buffer, uint32_t frames, uint32_t fileChannels, float* destination) {
+    const uint32_t bufferChannels = buffer.channelCount();
+    const bool interleaved = buffer.format().interleaved;
+    const auto channelData = buffer.floatChannelData();
+    auto sampleAt = [&](uint32_t frame, uint32_t channel) {
+        return interleaved ? channelData[0][static_cast<size_t>(frame) * bufferChannels + channel]
+                           : channelData[channel][frame];
+    };
+    for (uint32_t frame = 0; frame < frames; ++frame) {
+        float* out = destination + static_cast<size_t>(frame) * fileChannels;
+        if (fileChannels == 1 && bufferChannels > 1) {
+            float sum = 0.0f;
+            for (uint32_t channel = 0; channel < bufferChannels; ++channel) sum += sampleAt(frame, channel);
+            out[0] = sum / static_cast<float>(bufferChannels);
+        } else {
+            for (uint32_t channel = 0; channel < fileChannels; ++channel) {
+                out[channel] = sampleAt(frame, channel % bufferChannels);
+            }
+        }
+    }
+}
+
+}  // namespace
+
+std::shared_ptr<AudioFile> AudioFile::openForWriting(const std::filesystem::path& path, const AudioSettings& settings,
+                                                     bool interleaved, std::shared_ptr<Clock> clock) {
+    const auto sampleRate = setting<int64_t>(settings, AVSampleRateKey);
+    const auto channels = setting<int64_t>(settings, AVNumberOfChannelsKey);
+    if (!sampleRate || !channels || *sampleRate < 1 || *channels < 1 || *sampleRate > INT32_MAX ||
+        *channels > 256) {
+        throw unsupportedSettings();
+    }
+    SF_INFO info{};
+    info.samplerate = static_cast<int>(*sampleRate);
+    info.channels = static_cast<int>(*channels);
+    info.format = sndfileFormat(settings);
+    if (!sf_format_check(&info)) throw unsupportedSettings();
+
+    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+    if (!file) {
+        const int code = sf_error(nullptr);
+        throw sndfileError(code, sf_strerror(nullptr));
+    }
+    // The header carries the data length: keeping it current after every
+    // write is what makes a file of a crashed recording readable.
+    sf_command(file, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
+    // Float samples outside ±1 would wrap around in integer formats.
+    sf_command(file, SFC_SET_CLIPPING, nullptr, SF_TRUE);
+
+    const auto fileFormat = *PcmFormat::make(static_cast<double>(*sampleRate), static_cast<uint32_t>(*channels), true);
+    const auto processingFormat =
+        *PcmFormat::make(static_cast<double>(*sampleRate), static_cast<uint32_t>(*channels), interleaved);
+    if (!clock) clock = Clock::system();
+    logger().debug("Opened audio file for writing: " + path.string() + ", " + fileFormat.description());
+    return std::make_shared<AudioFile>(Private{}, path, file, fileFormat, processingFormat, std::move(clock));
+}
+
+AudioFile::AudioFile(const Private&, std::filesystem::path path, sf_private_tag* file, PcmFormat fileFormat,
+                     PcmFormat processingFormat, std::shared_ptr<Clock> clock)
+    : path_(std::move(path)),
+      fileFormat_(fileFormat),
+      processingFormat_(processingFormat),
+      clock_(std::move(clock)),
+      file_(file),
+      lastSyncSeconds_(clock_->nowSeconds()) {}
+
+AudioFile::~AudioFile() {
+    std::lock_guard guard(lock_);
+    closeLocked();
+}
+
+void AudioFile::write(const PcmBuffer& buffer) {
+    std::lock_guard guard(lock_);
+    if (!file_) {
+        throw PlatformError(kAudioFileDomain, 1, "The audio file " + path_.filename().string() + " is already closed.");
+    }
+    if (buffer.format().sampleRate != fileFormat_.sampleRate) {
+        throw PlatformError(kAudioFileDomain, 2,
+                            "A buffer at " + formatDouble(buffer.format().sampleRate) +
+                                " Hz cannot be written to a file at " + formatDouble(fileFormat_.sampleRate) + " Hz.");
+    }
+    const uint32_t frames = buffer.frameLength();
+    if (frames == 0 || buffer.channelCount() == 0) return;
+
+    const size_t samples = static_cast<size_t>(frames) * fileFormat_.channelCount;
+    if (interleavedFrames_.size() < samples) interleavedFrames_.resize(samples);
+    interleaveForFile(buffer, frames, fileFormat_.channelCount, interleavedFrames_.data());
+
+    const sf_count_t written = sf_writef_float(file_, interleavedFrames_.data(), frames);
+    if (written > 0) framesWritten_ += written;
+    if (written != static_cast<sf_count_t>(frames)) {
+        int code = sf_error(file_);
+        std::string text = sf_strerror(file_);
+        if (code == SF_ERR_NO_ERROR) {
+            code = SF_ERR_SYSTEM;
+            text = "Only " + std::to_string(written) + " of " + std::to_string(frames) + " frames were written.";
+        }
+        throw sndfileError(code, text);
+    }
+
+    const double now = clock_->nowSeconds();
+    if (now - lastSyncSeconds_ >= kSyncIntervalSeconds) {
+        lastSyncSeconds_ = now;
+        sf_write_sync(file_);
+    }
+}
+
+void AudioFile::close() {
+    std::lock_guard guard(lock_);
+    closeLocked();
+}
+
+void AudioFile::closeLocked() {
+    if (!file_) return;
+    SNDFILE* file = file_;
+    file_ = nullptr;
+    sf_write_sync(file);
+    const int result = sf_close(file);
+    if (result != 0) {
+        logger().critical("Failed to close audio file " + path_.string() + ": " + sf_error_number(result));
+    } else {
+        logger().debug("Closed audio file: " + path_.string() + ", " + std::to_string(framesWritten_) + " frames");
+    }
+}
+
+int64_t AudioFile::framesWritten() const {
+    std::lock_guard guard(lock_);
+    return framesWritten_;
+}
+
+}  // namespace velto

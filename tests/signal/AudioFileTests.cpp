@@ -1,0 +1,247 @@
+#include <gtest/gtest.h>
+#include <sndfile.h>
+#include <sys/resource.h>
+
+#include <csignal>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <numbers>
+#include <string>
+#include <vector>
+
+#include "signal/AudioFile.hpp"
+#include "support/CapturedLogs.hpp"
+
+namespace velto {
+namespace {
+
+namespace fs = std::filesystem;
+
+class ScratchDirectory {
+public:
+    ScratchDirectory() {
+        path_ = fs::temp_directory_path() / ("velto-audiofile-" + std::to_string(::getpid()) + "-" +
+                                             std::to_string(counter_++));
+        fs::create_directories(path_);
+    }
+    ~ScratchDirectory() {
+        std::error_code ignored;
+        fs::remove_all(path_, ignored);
+    }
+    fs::path file(const std::string& name) const { return path_ / name; }
+
+private:
+    static inline int counter_ = 0;
+    fs::path path_;
+};
+
+struct DecodedFile {
+    int64_t frames = 0;
+    int channels = 0;
+    int sampleRate = 0;
+    int format = 0;
+    std::vector<float> samples;
+};
+
+DecodedFile decode(const fs::path& path) {
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    if (!file) {
+        ADD_FAILURE() << "cannot read " << path << ": " << sf_strerror(nullptr);
+        return {};
+    }
+    DecodedFile decoded{info.frames, info.channels, info.samplerate, info.format, {}};
+    // Read to the real end of the data rather than trusting the header alone.
+    std::vector<float> chunk(4096 * static_cast<size_t>(info.channels));
+    while (true) {
+        const sf_count_t got = sf_readf_float(file, chunk.data(), 4096);
+        if (got <= 0) break;
+        decoded.samples.insert(decoded.samples.end(), chunk.begin(), chunk.begin() + got * info.channels);
+    }
+    sf_close(file);
+    return decoded;
+}
+
+std::shared_ptr<PcmBuffer> sineBlock(int64_t firstFrame, uint32_t frames, double amplitude = 0.5) {
+    auto buffer = PcmBuffer::make(*PcmFormat::make(16000, 1, true), frames);
+    for (uint32_t i = 0; i < frames; ++i) {
+        buffer->floatChannelData()[0][i] = static_cast<float>(
+            amplitude * std::sin(2 * std::numbers::pi * 1000.0 * static_cast<double>(firstFrame + i) / 16000.0));
+    }
+    buffer->setFrameLength(frames);
+    return buffer;
+}
+
+int64_t writeSine(AudioFile& file, int64_t totalFrames, uint32_t blockFrames = 341) {
+    int64_t written = 0;
+    while (written < totalFrames) {
+        const auto frames = static_cast<uint32_t>(std::min<int64_t>(blockFrames, totalFrames - written));
+        file.write(*sineBlock(written, frames));
+        written += frames;
+    }
+    return written;
+}
+
+float expectedSine(int64_t frame) {
+    return static_cast<float>(0.5 * std::sin(2 * std::numbers::pi * 1000.0 * static_cast<double>(frame) / 16000.0));
+}
+
+TEST(AudioFileTest, WavHoldsExactFloatSamples) {
+    ScratchDirectory directory;
+    const auto path = directory.file("take.wav");
+    auto file = AudioFile::openForWriting(path, makeAudioSettings(AudioFormat::wav));
+    EXPECT_EQ(file->processingFormat(), *PcmFormat::make(16000, 1, true));
+    EXPECT_EQ(file->fileFormat().channelCount, 1u);
+    writeSine(*file, 16000);
+    EXPECT_EQ(file->framesWritten(), 16000);
+    file->close();
+    file->close();  // idempotent
+
+    const auto decoded = decode(path);
+    EXPECT_EQ(decoded.format, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+    EXPECT_EQ(decoded.sampleRate, 16000);
+    ASSERT_EQ(decoded.frames, 16000);
+    ASSERT_EQ(decoded.samples.size(), 16000u);
+    for (int64_t i = 0; i < 16000; i += 97) EXPECT_EQ(decoded.samples[static_cast<size_t>(i)], expectedSine(i));
+}
+
+TEST(AudioFileTest, FlacHolds24BitSamplesWithinQuantisation) {
+    ScratchDirectory directory;
+    const auto path = directory.file("take.flac");
+    {
+        auto file = AudioFile::openForWriting(path, makeAudioSettings(AudioFormat::flac));
+        writeSine(*file, 32000, 1024);
+    }  // closed by the destructor
+    const auto decoded = decode(path);
+    EXPECT_EQ(decoded.format, SF_FORMAT_FLAC | SF_FORMAT_PCM_24);
+    ASSERT_EQ(decoded.frames, 32000);
+    float worst = 0;
+    for (size_t i = 0; i < decoded.samples.size(); ++i) {
+        worst = std::max(worst, std::abs(decoded.samples[i] - expectedSine(static_cast<int64_t>(i))));
+    }
+    EXPECT_LT(worst, 2.0f / (1 << 23));
+}
+
+TEST(AudioFileTest, OtherChannelCountsAreBroughtToTheFilesChannels) {
+    ScratchDirectory directory;
+    const auto path = directory.file("folded.wav");
+    auto file = AudioFile::openForWriting(path, makeAudioSettings(AudioFormat::wav));
+    // Non-interleaved stereo: averaged to mono.
+    auto stereo = PcmBuffer::make(*PcmFormat::standard(16000, 2), 4);
+    for (uint32_t i = 0; i < 4; ++i) {
+        stereo->floatChannelData()[0][i] = 0.4f;
+        stereo->floatChannelData()[1][i] = 0.2f;
+    }
+    stereo->setFrameLength(4);
+    file->write(*stereo);
+    // Interleaved stereo too.
+    auto interleaved = PcmBuffer::make(*PcmFormat::make(16000, 2, true), 2);
+    const float frames[] = {1.0f, 0.0f, -0.5f, -0.25f};
+    std::copy(std::begin(frames), std::end(frames), interleaved->floatChannelData()[0]);
+    interleaved->setFrameLength(2);
+    file->write(*interleaved);
+    file->close();
+
+    const auto decoded = decode(path);
+    ASSERT_EQ(decoded.samples.size(), 6u);
+    EXPECT_FLOAT_EQ(decoded.samples[0], 0.3f);
+    EXPECT_FLOAT_EQ(decoded.samples[3], 0.3f);
+    EXPECT_FLOAT_EQ(decoded.samples[4], 0.5f);
+    EXPECT_FLOAT_EQ(decoded.samples[5], -0.375f);
+}
+
+TEST(AudioFileTest, FailuresCarryTheUnderlyingText) {
+    ScratchDirectory directory;
+    try {
+        AudioFile::openForWriting(directory.file("missing/dir/take.wav"), makeAudioSettings(AudioFormat::wav));
+        FAIL() << "opening in a missing directory succeeded";
+    } catch (const PlatformError& error) {
+        EXPECT_EQ(error.domain(), "libsndfile");
+        EXPECT_NE(error.errorDescription().find("No such file or directory"), std::string::npos)
+            << error.errorDescription();
+    }
+
+    auto file = AudioFile::openForWriting(directory.file("a.wav"), makeAudioSettings(AudioFormat::wav));
+    auto wrongRate = PcmBuffer::make(*PcmFormat::make(48000, 1, true), 16);
+    wrongRate->setFrameLength(16);
+    EXPECT_THROW(file->write(*wrongRate), PlatformError);
+    file->close();
+    EXPECT_THROW(file->write(*sineBlock(0, 16)), PlatformError);
+    EXPECT_EQ(file->framesWritten(), 0);
+}
+
+// A file copied while the writer still has it open is what a crash leaves
+// behind: it must decode, up to what was written (FLAC may still hold back
+// the one block its encoder is filling).
+TEST(AudioFileTest, UnfinishedFilesDecode) {
+    ScratchDirectory directory;
+    for (const auto format : {AudioFormat::wav, AudioFormat::flac}) {
+        SCOPED_TRACE(caseName(format));
+        const auto path = directory.file(std::string("live.") + fileExtension(format));
+        const auto copy = directory.file(std::string("crashed.") + fileExtension(format));
+        auto file = AudioFile::openForWriting(path, makeAudioSettings(format));
+        writeSine(*file, 40000);
+        fs::copy_file(path, copy, fs::copy_options::overwrite_existing);
+
+        const auto decoded = decode(copy);
+        const auto decodedFrames = static_cast<int64_t>(decoded.samples.size());
+        if (format == AudioFormat::wav) {
+            EXPECT_EQ(decoded.frames, 40000);
+            EXPECT_EQ(decodedFrames, 40000);
+        } else {
+            EXPECT_GE(decodedFrames, 40000 - 4608);
+            EXPECT_LE(decodedFrames, 40000);
+            for (int64_t i = 0; i < decodedFrames; i += 113) {
+                ASSERT_NEAR(decoded.samples[static_cast<size_t>(i)], expectedSine(i), 1e-6) << "frame " << i;
+            }
+            if (std::system("command -v flac >/dev/null 2>&1") == 0) {
+                const auto wav = directory.file("from-flac.wav");
+                const std::string command = "flac -s -d -F -f -o '" + wav.string() + "' '" + copy.string() + "'";
+                EXPECT_EQ(std::system(command.c_str()), 0) << command;
+                EXPECT_GE(static_cast<int64_t>(decode(wav).samples.size()), 40000 - 4608);
+            }
+        }
+        file->close();
+    }
+}
+
+// Disk full, simulated with a file-size limit: the write throws with the
+// system's text, and the file still reads back up to the last good block.
+TEST(AudioFileTest, WriteFailureThrowsAndLeavesAReadableFile) {
+    ScratchDirectory directory;
+    const auto path = directory.file("full.wav");
+    auto file = AudioFile::openForWriting(path, makeAudioSettings(AudioFormat::wav));
+
+    const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit previous{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &previous), 0);
+    rlimit limited = previous;
+    limited.rlim_cur = 64 * 1024;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
+
+    std::string failure;
+    int64_t goodFrames = 0;
+    for (int block = 0; block < 100 && failure.empty(); ++block) {
+        try {
+            file->write(*sineBlock(goodFrames, 1000));
+            goodFrames += 1000;
+        } catch (const PlatformError& error) {
+            failure = error.errorDescription();
+        }
+    }
+    file->close();
+    setrlimit(RLIMIT_FSIZE, &previous);
+    std::signal(SIGXFSZ, previousHandler);
+
+    ASSERT_FALSE(failure.empty()) << "no write failed";
+    EXPECT_NE(failure.find("File too large"), std::string::npos) << failure;
+    const auto decoded = decode(path);
+    EXPECT_GE(static_cast<int64_t>(decoded.samples.size()), goodFrames);
+    for (int64_t i = 0; i < goodFrames; i += 101) {
+        ASSERT_EQ(decoded.samples[static_cast<size_t>(i)], expectedSine(i)) << "frame " << i;
+    }
+}
+
+}  // namespace
+}  // namespace velto
