@@ -132,14 +132,20 @@ TEST(SerialQueue, DelayedWorkWaitsForTheClockAndRunsInDeadlineOrder) {
 }
 
 TEST(SerialQueue, QueueReleasedByItsOwnWorkShutsDownCleanly) {
-    auto queue = SerialQueue::create("io.veltoaudio.test", QualityOfService::background);
+    auto holder = std::make_shared<std::shared_ptr<SerialQueue>>(
+        SerialQueue::create("io.veltoaudio.test", QualityOfService::background));
+    std::promise<void> callerLetGo;
     std::promise<void> ran;
-    auto* raw = queue.get();
-    raw->async([q = std::move(queue), &ran]() mutable {
-        q.reset();  // not the last reference yet: the closure owns it until it is released
+    (*holder)->async([holder, letGo = callerLetGo.get_future().share(), &ran] {
+        letGo.wait();
+        holder->reset();  // the last reference goes away on the queue's own thread
         ran.set_value();
     });
+    auto observer = std::weak_ptr<SerialQueue>(*holder);
+    holder.reset();
+    callerLetGo.set_value();
     ran.get_future().wait();
+    EXPECT_TRUE(observer.expired());
 }
 
 // Waits, in real time, until `predicate` holds; the clock under test is manual.

@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# The whole test suite: installs what is missing, builds, and runs every test in a
+# normal build and under ThreadSanitizer (the library is threads and callbacks).
+#   scripts/test.sh            normal + ThreadSanitizer
+#   scripts/test.sh --asan     also AddressSanitizer + UndefinedBehaviorSanitizer
+#   scripts/test.sh --quick    normal build only
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+
+with_tsan=1
+with_asan=0
+for arg in "$@"; do
+  case "$arg" in
+    --asan) with_asan=1 ;;
+    --quick) with_tsan=0 ;;
+    *) echo "usage: scripts/test.sh [--asan] [--quick]" >&2; exit 2 ;;
+  esac
+done
+
+bash scripts/setup.sh
+
+jobs=$(nproc)
+run_suite() {  # name, cmake args...
+  local name=$1; shift
+  local dir="$root/build-test-$name"
+  echo "== $name build"
+  cmake -S "$root" -B "$dir" -DVELTO_BUILD_BENCHMARKS=OFF "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+  echo "== $name tests"
+  (cd "$dir" && ctest --output-on-failure --timeout 300 -j"$jobs")
+}
+
+run_suite normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
+if ((with_tsan)); then
+  # Halt on the first report so a race fails the run instead of scrolling by.
+  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 ${TSAN_OPTIONS:-}" \
+    run_suite tsan -DCMAKE_BUILD_TYPE=Debug -DVELTO_SANITIZE=thread -DVELTO_BUILD_CLI=OFF
+fi
+if ((with_asan)); then
+  ASAN_OPTIONS="detect_leaks=1 ${ASAN_OPTIONS:-}" UBSAN_OPTIONS="print_stacktrace=1 ${UBSAN_OPTIONS:-}" \
+    run_suite asan -DCMAKE_BUILD_TYPE=Debug -DVELTO_SANITIZE=address -DVELTO_BUILD_CLI=OFF
+fi
+echo "== all test runs passed"
