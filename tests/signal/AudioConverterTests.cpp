@@ -1,0 +1,186 @@
+#include <gtest/gtest.h>
+
+#include <random>
+#include <vector>
+
+#include "SignalQuality.hpp"
+#include "signal/AudioConverter.hpp"
+#include "support/CapturedLogs.hpp"
+
+namespace velto {
+namespace {
+
+using testing::CapturedLogs;
+using testing::fitSine;
+using testing::sineSample;
+
+constexpr const char* kCategory = "AudioConverter";
+
+PcmFormat mono(double rate) { return *PcmFormat::make(rate, 1, true); }
+
+std::shared_ptr<PcmBuffer> silentBlock(const PcmFormat& format, uint32_t frames) {
+    auto buffer = PcmBuffer::make(format, frames);
+    buffer->setFrameLength(frames);
+    return buffer;
+}
+
+// Feeds a 1 kHz sine (the same on every channel) in blocks of the given sizes
+// and returns the converter's whole output, first channel.
+std::vector<float> convertSine(AudioConverter& converter, const std::vector<uint32_t>& blockFrames) {
+    const PcmFormat& in = converter.inputFormat();
+    std::vector<float> output;
+    long long frame = 0;
+    for (const uint32_t frames : blockFrames) {
+        auto block = PcmBuffer::make(in, frames);
+        for (uint32_t i = 0; i < frames; ++i) {
+            const float value = sineSample(1000, in.sampleRate, frame + i);
+            for (uint32_t c = 0; c < in.channelCount; ++c) {
+                if (in.interleaved) block->floatChannelData()[0][i * in.channelCount + c] = value;
+                else block->floatChannelData()[c][i] = value;
+            }
+        }
+        block->setFrameLength(frames);
+        frame += frames;
+        const auto converted = converter.convert(*block);
+        EXPECT_LE(converted->frameLength(), converted->frameCapacity());
+        const PcmFormat& out = converted->format();
+        for (uint32_t i = 0; i < converted->frameLength(); ++i) {
+            output.push_back(out.interleaved ? converted->floatChannelData()[0][i * out.channelCount]
+                                             : converted->floatChannelData()[0][i]);
+        }
+    }
+    return output;
+}
+
+std::vector<uint32_t> jitteredBlocks(uint32_t nominal, size_t count, unsigned seed) {
+    std::mt19937 random(seed);
+    std::vector<uint32_t> blocks(count);
+    for (auto& block : blocks) block = nominal / 2 + static_cast<uint32_t>(random() % nominal);
+    return blocks;
+}
+
+TEST(AudioConverterTest, CreationLogsRatesAndRefusesUnmappableChannels) {
+    CapturedLogs logs;
+    auto converter = AudioConverter::create(mono(48000), mono(16000));
+    EXPECT_TRUE(logs.contains(LogLevel::info, kCategory, "Created high-quality audio converter: 48000.0 Hz -> 16000.0 Hz"));
+    EXPECT_EQ(converter->outputFormat(), mono(16000));
+    try {
+        AudioConverter::create(*PcmFormat::make(48000, 3, false), *PcmFormat::make(48000, 2, false));
+        FAIL() << "3 -> 2 channels was accepted";
+    } catch (const AudioConverterError& error) {
+        EXPECT_EQ(error.code(), AudioConverterError::Code::failedToCreateConverter);
+        EXPECT_EQ(error.errorDescription(), "Failed to create audio converter");
+    }
+}
+
+TEST(AudioConverterTest, FirstCallCapacityIsTheTruncatedRatio) {
+    struct Case { double in, out; uint32_t frames, capacity; };
+    for (const auto& c : {Case{48000, 16000, 1024, 341}, Case{44100, 48000, 1024, 1114},
+                          Case{48000, 44100, 512, 470}, Case{16000, 16000, 777, 777}}) {
+        auto converter = AudioConverter::create(mono(c.in), mono(c.out));
+        EXPECT_EQ(converter->convert(*silentBlock(mono(c.in), c.frames))->frameCapacity(), c.capacity)
+            << c.in << " -> " << c.out;
+    }
+}
+
+// Across a stream the output keeps pace exactly with the input: what is still
+// missing at any moment never exceeds the advertised hold-back, and nothing
+// is produced beyond what is due.
+TEST(AudioConverterTest, StreamOutputKeepsPaceWithinTheHoldBack) {
+    struct Case { double in, out; uint32_t nominalBlock; };
+    for (const auto& c : {Case{48000, 16000, 1024}, Case{44100, 48000, 735}, Case{16000, 48000, 266},
+                          Case{48000, 44100, 800}}) {
+        SCOPED_TRACE(std::to_string(c.in) + " -> " + std::to_string(c.out));
+        auto converter = AudioConverter::create(mono(c.in), mono(c.out));
+        const int64_t holdBack = converter->maximumHeldBackFrames();
+        EXPECT_GT(holdBack, 0);
+        EXPECT_LT(holdBack, static_cast<int64_t>(c.out * 0.1));  // well under 100 ms
+        int64_t inputTotal = 0, outputTotal = 0, worstBehind = 0;
+        for (const uint32_t frames : jitteredBlocks(c.nominalBlock, 3000, 5)) {
+            const auto out = converter->convert(*silentBlock(mono(c.in), frames));
+            inputTotal += frames;
+            outputTotal += out->frameLength();
+            const auto due = static_cast<int64_t>(std::floor(static_cast<double>(inputTotal) * c.out / c.in));
+            ASSERT_LE(outputTotal, due);
+            worstBehind = std::max(worstBehind, due - outputTotal);
+        }
+        EXPECT_LE(worstBehind, holdBack);
+        EXPECT_EQ(AudioConverter::create(mono(c.in), mono(c.in))->maximumHeldBackFrames(), 0);
+    }
+}
+
+TEST(AudioConverterTest, SinePathsAreCleanAndContinuous) {
+    struct Case { PcmFormat in, out; uint32_t nominalBlock; };
+    const std::vector<Case> cases{
+        {mono(48000), mono(16000), 1024},
+        {*PcmFormat::make(44100, 2, false), mono(48000), 1024},
+        {mono(16000), mono(48000), 341},
+        {*PcmFormat::make(44100, 2, true), *PcmFormat::make(16000, 1, false), 441},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.in.description() + " -> " + c.out.description());
+        auto converter = AudioConverter::create(c.in, c.out);
+        const auto blocks = jitteredBlocks(c.nominalBlock, static_cast<size_t>(3 * c.in.sampleRate / c.nominalBlock), 9);
+        const auto output = convertSine(*converter, blocks);
+        // Skip the first 100 ms of start-up transient; fit the rest in one piece.
+        const auto skip = static_cast<size_t>(c.out.sampleRate / 10);
+        ASSERT_GT(output.size(), skip + static_cast<size_t>(c.out.sampleRate));
+        const auto fit = fitSine(output, skip, output.size() - skip, 1000, c.out.sampleRate);
+        EXPECT_GE(fit.sinadDecibels, 90.0);
+        EXPECT_NEAR(fit.amplitude, 0.5, 0.001);
+        EXPECT_LT(fit.worstResidual, 1e-4) << "discontinuity near output frame " << fit.worstResidualIndex;
+        RecordProperty("sinad_" + std::to_string(static_cast<int>(c.in.sampleRate)) + "_" +
+                           std::to_string(static_cast<int>(c.out.sampleRate)),
+                       std::to_string(fit.sinadDecibels));
+        std::printf("  SINAD %s -> %s: %.1f dB\n", c.in.description().c_str(), c.out.description().c_str(),
+                    fit.sinadDecibels);
+    }
+}
+
+TEST(AudioConverterTest, ChannelAndLayoutChangesAtEqualRates) {
+    // Mono, non-interleaved -> stereo interleaved: copied to both channels.
+    auto spread = AudioConverter::create(*PcmFormat::standard(16000, 1), *PcmFormat::make(16000, 2, true));
+    auto monoBlock = PcmBuffer::make(*PcmFormat::standard(16000, 1), 3);
+    const float values[] = {0.1f, -0.2f, 0.3f};
+    std::copy(std::begin(values), std::end(values), monoBlock->floatChannelData()[0]);
+    monoBlock->setFrameLength(3);
+    const auto stereo = spread->convert(*monoBlock);
+    ASSERT_EQ(stereo->frameLength(), 3u);
+    EXPECT_EQ(std::vector<float>(stereo->floatChannelData()[0], stereo->floatChannelData()[0] + 6),
+              (std::vector<float>{0.1f, 0.1f, -0.2f, -0.2f, 0.3f, 0.3f}));
+
+    // Stereo interleaved -> mono: averaged.
+    auto fold = AudioConverter::create(*PcmFormat::make(16000, 2, true), *PcmFormat::standard(16000, 1));
+    const auto folded = fold->convert(*stereo);
+    ASSERT_EQ(folded->frameLength(), 3u);
+    EXPECT_FLOAT_EQ(folded->floatChannelData()[0][1], -0.2f);
+    auto uneven = PcmBuffer::make(*PcmFormat::make(16000, 2, true), 1);
+    uneven->floatChannelData()[0][0] = 0.4f;
+    uneven->floatChannelData()[0][1] = 0.2f;
+    uneven->setFrameLength(1);
+    EXPECT_FLOAT_EQ(fold->convert(*uneven)->floatChannelData()[0][0], 0.3f);
+}
+
+TEST(AudioConverterTest, FailedConversionIsLoggedOnceAndTheConverterGoesOn) {
+    auto converter = AudioConverter::create(mono(48000), mono(16000));
+    const auto first = converter->convert(*silentBlock(mono(48000), 480));
+    CapturedLogs logs;
+    try {
+        converter->convert(*silentBlock(mono(44100), 441));
+        FAIL() << "a buffer at the wrong rate was converted";
+    } catch (const AudioConverterError& error) {
+        EXPECT_EQ(error.code(), AudioConverterError::Code::conversionFailed);
+        ASSERT_TRUE(error.underlyingError());
+        EXPECT_EQ(error.errorDescription(), "Audio conversion failed: " + error.underlyingError()->errorDescription());
+        EXPECT_EQ(logs.count(kCategory, error.errorDescription()), 1);
+    }
+    // The stream continues where it was: capacity still counts the first 480 frames.
+    const auto next = converter->convert(*silentBlock(mono(48000), 480));
+    EXPECT_EQ(next->frameCapacity(), 320u - first->frameLength());
+    EXPECT_EQ(AudioConverterError::conversionFailed().errorDescription(), "Audio conversion failed: Unknown error");
+    EXPECT_EQ(AudioConverterError::failedToCreateBuffer().errorDescription(),
+              "Failed to create audio buffer for conversion");
+}
+
+}  // namespace
+}  // namespace velto
