@@ -1,0 +1,11 @@
+#pragma once
+
+namespace velto {
+
+// Where the recording service is in its session lifecycle.
+enum class RecordingState { idle, starting, recording, paused, stopping, cancelling, error };
+
+// The case name ("idle", "paused", ...), as it appears in log lines.
+const char* caseName(RecordingState state);
+
+}  // namespace velto
