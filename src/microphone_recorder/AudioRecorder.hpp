@@ -1,0 +1,106 @@
+#pragma once
+// Records the microphone alone into one WAV or FLAC file through one audio engine:
+// each tapped block is brought to 16000 Hz when needed, appended to the file, handed to
+// the live audio stream, metered and reported as one progress event.
+//
+// Threads: every piece of work (start, block handling, pause, resume, stop, cancel, the
+// reader's cancellation) runs on the one recorder queue "io.veltoaudio.AudioRecorder",
+// shared by all recorders, so the fields below need no lock. The public operations may be
+// called from any thread except that queue's own work; stop(), pause(), resume() and
+// cancel() return once their work has run. The engine's tap thread only copies the block
+// and queues it.
+
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "dispatch/Clock.hpp"
+#include "dispatch/SerialQueue.hpp"
+#include "platform/PlatformServices.hpp"
+#include "service/AudioRecorderProtocol.hpp"
+#include "veltoaudio/AudioFormat.hpp"
+#include "veltoaudio/AudioLevels.hpp"
+#include "veltoaudio/MicrophoneDevice.hpp"
+
+namespace velto {
+
+class AudioConverter;
+class AudioFile;
+
+class AudioRecorder final : public AudioRecorderProtocol, public std::enable_shared_from_this<AudioRecorder> {
+public:
+    enum class RecorderState { idle, recording, paused, stopping, finished, cancelling, cancelled };
+
+    // Creating the recorder starts it: the start is queued at once.
+    static std::shared_ptr<AudioRecorder> create(std::filesystem::path fileURL, AudioFormat format,
+                                                 std::optional<MicrophoneDevice> preferredMicrophone,
+                                                 platform::PlatformServices services,
+                                                 std::shared_ptr<Clock> clock = Clock::system());
+    ~AudioRecorder() override;
+
+    EventStream<RecordingEvent> events() override;
+    AudioBufferStream audioStream() override;
+    void stop() override;
+    void pause() override;
+    void resume() override;
+    void cancel() override;
+
+    // Read on the recorder queue, so the answer reflects all work queued before.
+    RecorderState state() const;
+    // The output file; the format-corrected location once set-up has run.
+    std::filesystem::path fileURL() const;
+
+    // The queue every AudioRecorder works on.
+    static const std::shared_ptr<SerialQueue>& recorderQueue();
+
+    // Levels of the first channel, in dBFS: silence and empty buffers read -160.
+    static AudioLevels calculateLevels(const PcmBuffer& buffer);
+
+    struct Private;
+    AudioRecorder(const Private&, std::filesystem::path fileURL, AudioFormat format,
+                  std::optional<MicrophoneDevice> preferredMicrophone, platform::PlatformServices services,
+                  std::shared_ptr<Clock> clock);
+
+private:
+    void startEngineRecording();
+    void setupRecording();
+    void configureInputDevice(const MicrophoneDevice& device);
+    void processAudioBuffer(const std::shared_ptr<PcmBuffer>& buffer, const std::shared_ptr<AudioFile>& file);
+    void endAfterWriteFailure(std::exception_ptr writeError);
+    void pauseRecording();
+    void resumeRecording();
+    void stopRecording();
+    void cancelRecording();
+    void handleCancellation();
+    void cleanup();
+    double elapsedSeconds() const;
+
+    const std::shared_ptr<SerialQueue> queue_;
+    const std::shared_ptr<Clock> clock_;
+    const platform::PlatformServices services_;
+    const AudioFormat format_;
+    const std::optional<MicrophoneDevice> preferredMicrophone_;
+    const std::shared_ptr<platform::AudioInputEngine> audioEngine_;
+
+    // Recorder queue only.
+    std::filesystem::path fileURL_;
+    std::shared_ptr<AudioFile> audioFile_;
+    std::optional<double> recordingStartSeconds_;
+    std::shared_ptr<AudioConverter> audioConverter_;
+    EventStream<RecordingEvent>::Continuation continuation_;
+    RecorderState recorderState_ = RecorderState::idle;
+    AudioBufferStream::Continuation streamContinuation_;
+    bool tapInstalled_ = false;
+
+    // Fixed at creation.
+    EventStream<RecordingEvent> stream_;
+
+    // The audio stream is made on first read, from any thread.
+    std::mutex audioStreamLock_;
+    std::optional<AudioBufferStream> audioStream_;  // guarded by audioStreamLock_
+};
+
+const char* caseName(AudioRecorder::RecorderState state);
+
+}  // namespace velto
