@@ -4,6 +4,7 @@
 //
 // Threads: every method may be called from any thread; requestAccess() blocks until answered.
 
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>

@@ -15,15 +15,17 @@
 
 namespace velto::platform {
 
+struct FakeAudioInputEngineScript {
+    PcmFormat inputFormat{48000.0, 1, false};
+    std::optional<PcmFormat> outputFormat;  // defaults to the input format
+    bool hasAudioUnit = true;
+    OSStatus setCurrentDeviceStatus = noErr;
+    std::optional<std::string> startFailure;  // the PlatformError text start() throws
+};
+
 class FakeAudioInputEngine final : public AudioInputEngine {
 public:
-    struct Script {
-        PcmFormat inputFormat{48000.0, 1, false};
-        std::optional<PcmFormat> outputFormat;  // defaults to the input format
-        bool hasAudioUnit = true;
-        OSStatus setCurrentDeviceStatus = noErr;
-        std::optional<std::string> startFailure;  // the PlatformError text start() throws
-    };
+    using Script = FakeAudioInputEngineScript;
 
     static std::shared_ptr<FakeAudioInputEngine> create(Script script = {}) {
         return std::make_shared<FakeAudioInputEngine>(std::move(script));

@@ -6,6 +6,7 @@
 
 #include "platform/CaptureDeviceDiscovery.hpp"
 
+#include <memory>
 #include <mutex>
 
 namespace velto::platform {

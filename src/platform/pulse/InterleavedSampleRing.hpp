@@ -1,0 +1,37 @@
+#pragma once
+// A lock-free single-producer single-consumer ring of interleaved float frames: the
+// hand-over from a PulseAudio read callback (producer, main-loop thread) to a delivery
+// thread (consumer). Storage is allocated once; neither side allocates, blocks or locks.
+//
+// Threads: write() from one producer thread, read() from one consumer thread;
+// availableFrames() from either.
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+namespace velto::pulse {
+
+class InterleavedSampleRing {
+public:
+    InterleavedSampleRing(std::uint32_t channels, std::uint32_t capacityFrames);
+
+    // Stores as many of `frames` frames as fit (the oldest first); answers how many.
+    std::uint32_t write(const float* interleaved, std::uint32_t frames);
+    // Takes exactly `frames` frames when that many are stored; otherwise takes nothing and answers false.
+    bool read(float* interleaved, std::uint32_t frames);
+    std::uint32_t availableFrames() const;
+
+    std::uint32_t channels() const { return channels_; }
+    std::uint32_t capacityFrames() const { return capacityFrames_; }
+
+private:
+    const std::uint32_t channels_;
+    const std::uint32_t capacityFrames_;
+    std::unique_ptr<float[]> samples_;
+    // Frame counters that only grow; their difference is the fill level.
+    std::atomic<std::uint64_t> writtenFrames_{0};  // moved by the producer only
+    std::atomic<std::uint64_t> readFrames_{0};     // moved by the consumer only
+};
+
+}  // namespace velto::pulse

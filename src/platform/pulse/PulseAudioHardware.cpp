@@ -1,0 +1,340 @@
+#include "platform/pulse/PulseAudioHardware.hpp"
+
+#include "dispatch/SerialQueue.hpp"
+#include "logging/LoggerCompat.hpp"
+#include "platform/Uuid.hpp"
+#include "platform/pulse/PulseObjectIDs.hpp"
+#include "veltoaudio/Error.hpp"
+
+#include <algorithm>
+
+namespace velto::pulse {
+namespace {
+
+using namespace platform;
+
+LoggerCompat& logger() {
+    static LoggerCompat instance{kLogSubsystem, "PulseAudioHardware"};
+    return instance;
+}
+
+constexpr std::uint32_t kStringReferenceBytes = 8;  // a string property is a reference, like a CFStringRef
+constexpr std::uint32_t kTapChannels = 2;            // taps are stereo mixdowns
+
+}  // namespace
+
+std::shared_ptr<PulseAudioHardware> PulseAudioHardware::create(std::shared_ptr<PulseConnection> connection) {
+    return std::make_shared<PulseAudioHardware>(std::move(connection));
+}
+
+PulseAudioHardware::PulseAudioHardware(std::shared_ptr<PulseConnection> connection)
+    : connection_(std::move(connection)) {}
+
+PulseAudioHardware::~PulseAudioHardware() {
+    std::map<AudioDeviceIOProcID, std::shared_ptr<IOProc>> procs;
+    {
+        std::lock_guard lock(mutex_);
+        procs.swap(procs_);
+    }
+    for (auto& [id, proc] : procs) {
+        if (proc->stream) proc->stream->close();
+    }
+}
+
+OSStatus PulseAudioHardware::statusOf(int pulseError) const {
+    switch (pulseError) {
+        case PA_OK: return noErr;
+        case PA_ERR_CONNECTIONREFUSED:
+        case PA_ERR_CONNECTIONTERMINATED:
+        case PA_ERR_TIMEOUT:
+        case PA_ERR_KILLED:
+        case PA_ERR_ACCESS: return kAudioHardwareNotRunningError;
+        case PA_ERR_NOENTITY: return kAudioHardwareBadDeviceError;
+        case PA_ERR_INVALID:
+        case PA_ERR_NOTSUPPORTED: return kAudio_ParamError;
+        default: return kAudioHardwareUnspecifiedError;
+    }
+}
+
+OSStatus PulseAudioHardware::readDevices(std::vector<std::pair<AudioObjectID, std::string>>& outDevices) {
+    auto sinks = connection_->sinks();
+    if (!sinks) return statusOf(sinks.error);
+    auto sources = connection_->sources();
+    if (!sources) return statusOf(sources.error);
+    outDevices.clear();
+    for (const auto& sink : *sinks.value) outDevices.emplace_back(makeObjectID(PulseObjectKind::sink, sink.index), sink.name);
+    for (const auto& source : *sources.value) {
+        outDevices.emplace_back(makeObjectID(PulseObjectKind::source, source.index), source.name);
+    }
+    return noErr;
+}
+
+OSStatus PulseAudioHardware::getPropertyDataSize(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                                                 std::uint32_t& outDataSizeBytes) {
+    if (object == kAudioObjectSystemObject) {
+        switch (address.mSelector) {
+            case kAudioHardwarePropertyProcessObjectList: {
+                auto inputs = connection_->sinkInputs();
+                if (!inputs) return statusOf(inputs.error);
+                outDataSizeBytes = static_cast<std::uint32_t>(inputs.value->size() * sizeof(AudioObjectID));
+                return noErr;
+            }
+            case kAudioHardwarePropertyDevices: {
+                std::vector<std::pair<AudioObjectID, std::string>> devices;
+                if (const OSStatus status = readDevices(devices); status != noErr) return status;
+                outDataSizeBytes = static_cast<std::uint32_t>(devices.size() * sizeof(AudioObjectID));
+                return noErr;
+            }
+            case kAudioHardwarePropertyDefaultSystemOutputDevice:
+                outDataSizeBytes = sizeof(AudioObjectID);
+                return noErr;
+            default: return kAudioHardwareUnknownPropertyError;
+        }
+    }
+    if (objectIndex(object, PulseObjectKind::tap)) {
+        std::lock_guard lock(mutex_);
+        if (!taps_.contains(object)) return kAudioHardwareBadObjectError;
+        if (address.mSelector == kAudioTapPropertyFormat) {
+            outDataSizeBytes = sizeof(AudioStreamBasicDescription);
+            return noErr;
+        }
+        if (address.mSelector == kAudioTapPropertyUID) {
+            outDataSizeBytes = kStringReferenceBytes;
+            return noErr;
+        }
+        return kAudioHardwareUnknownPropertyError;
+    }
+    if (address.mSelector != kAudioDevicePropertyDeviceUID) return kAudioHardwareUnknownPropertyError;
+    std::optional<std::string> uid;
+    if (const OSStatus status = getStringProperty(object, address, uid); status != noErr) return status;
+    outDataSizeBytes = kStringReferenceBytes;
+    return noErr;
+}
+
+OSStatus PulseAudioHardware::getObjectListProperty(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                                                   std::uint32_t dataSizeBytes, std::vector<AudioObjectID>& outObjects) {
+    if (object != kAudioObjectSystemObject) return kAudioHardwareBadObjectError;
+    std::vector<AudioObjectID> all;
+    if (address.mSelector == kAudioHardwarePropertyProcessObjectList) {
+        auto inputs = connection_->sinkInputs();
+        if (!inputs) return statusOf(inputs.error);
+        for (std::uint32_t index : *inputs.value) all.push_back(makeObjectID(PulseObjectKind::sinkInput, index));
+    } else if (address.mSelector == kAudioHardwarePropertyDevices) {
+        std::vector<std::pair<AudioObjectID, std::string>> devices;
+        if (const OSStatus status = readDevices(devices); status != noErr) return status;
+        for (const auto& device : devices) all.push_back(device.first);
+    } else {
+        return kAudioHardwareUnknownPropertyError;
+    }
+    const std::size_t count = std::min<std::size_t>(all.size(), dataSizeBytes / sizeof(AudioObjectID));
+    outObjects.assign(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(count));
+    return noErr;
+}
+
+OSStatus PulseAudioHardware::getObjectProperty(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                                               AudioObjectID& outObject) {
+    if (object != kAudioObjectSystemObject) return kAudioHardwareBadObjectError;
+    if (address.mSelector != kAudioHardwarePropertyDefaultSystemOutputDevice) return kAudioHardwareUnknownPropertyError;
+    auto server = connection_->serverInfo();
+    if (!server) return statusOf(server.error);
+    auto sinks = connection_->sinks();
+    if (!sinks) return statusOf(sinks.error);
+    for (const auto& sink : *sinks.value) {
+        if (sink.name == server.value->defaultSinkName) {
+            outObject = makeObjectID(PulseObjectKind::sink, sink.index);
+            return noErr;
+        }
+    }
+    return kAudioHardwareBadDeviceError;
+}
+
+OSStatus PulseAudioHardware::getStringProperty(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                                               std::optional<std::string>& outText) {
+    if (objectIndex(object, PulseObjectKind::tap)) {
+        if (address.mSelector != kAudioTapPropertyUID) return kAudioHardwareUnknownPropertyError;
+        std::lock_guard lock(mutex_);
+        const auto tap = taps_.find(object);
+        if (tap == taps_.end()) return kAudioHardwareBadObjectError;
+        outText = tap->second.uid;
+        return noErr;
+    }
+    if (address.mSelector != kAudioDevicePropertyDeviceUID) return kAudioHardwareUnknownPropertyError;
+    if (objectIndex(object, PulseObjectKind::aggregateDevice)) {
+        std::lock_guard lock(mutex_);
+        const auto device = aggregates_.find(object);
+        if (device == aggregates_.end()) return kAudioHardwareBadObjectError;
+        outText = device->second.description.string("uid");
+        return noErr;
+    }
+    if (!objectIndex(object, PulseObjectKind::sink) && !objectIndex(object, PulseObjectKind::source)) {
+        return kAudioHardwareBadObjectError;
+    }
+    std::vector<std::pair<AudioObjectID, std::string>> devices;
+    if (const OSStatus status = readDevices(devices); status != noErr) return status;
+    for (const auto& [id, name] : devices) {
+        if (id == object) {
+            outText = name;
+            return noErr;
+        }
+    }
+    return kAudioHardwareBadObjectError;
+}
+
+OSStatus PulseAudioHardware::getStreamDescriptionProperty(AudioObjectID object,
+                                                          const AudioObjectPropertyAddress& address,
+                                                          AudioStreamBasicDescription& outDescription) {
+    if (!objectIndex(object, PulseObjectKind::tap)) return kAudioHardwareBadObjectError;
+    if (address.mSelector != kAudioTapPropertyFormat) return kAudioHardwareUnknownPropertyError;
+    std::lock_guard lock(mutex_);
+    const auto tap = taps_.find(object);
+    if (tap == taps_.end()) return kAudioHardwareBadObjectError;
+    outDescription = AudioStreamBasicDescription::interleavedFloat32(tap->second.sampleRateHertz, kTapChannels);
+    return noErr;
+}
+
+OSStatus PulseAudioHardware::createProcessTap(const TapDescription& description, AudioObjectID& outTapID) {
+    auto server = connection_->serverInfo();
+    if (!server) return statusOf(server.error);
+    auto sinks = connection_->sinks();
+    if (!sinks) return statusOf(sinks.error);
+    const auto sink = std::find_if(sinks.value->begin(), sinks.value->end(),
+                                   [&](const PulseSinkInfo& s) { return s.name == server.value->defaultSinkName; });
+    if (sink == sinks.value->end() || sink->monitorSourceName.empty()) {
+        logger().error("No default output to tap: the server has no default sink with a monitor");
+        return kAudioHardwareBadDeviceError;
+    }
+    Tap tap{description.uuid.empty() ? makeRandomUUIDString() : description.uuid, sink->monitorSourceName,
+            sink->sampleRateHertz};
+    std::lock_guard lock(mutex_);
+    outTapID = makeObjectID(PulseObjectKind::tap, nextTapIndex_++);
+    taps_.emplace(outTapID, std::move(tap));
+    return noErr;
+}
+
+OSStatus PulseAudioHardware::destroyProcessTap(AudioObjectID tapID) {
+    std::lock_guard lock(mutex_);
+    return taps_.erase(tapID) > 0 ? noErr : kAudioHardwareBadObjectError;
+}
+
+OSStatus PulseAudioHardware::createAggregateDevice(const PropertyDictionary& description, AudioObjectID& outDeviceID) {
+    const auto uid = description.string("uid");
+    const PropertyValue* taps = description.find("taps");
+    if (!uid || uid->empty() || taps == nullptr || taps->list() == nullptr || taps->list()->empty()) {
+        return kAudio_ParamError;
+    }
+    const auto tapUID = taps->list()->front().string("uid");
+    if (!tapUID) return kAudio_ParamError;
+    std::lock_guard lock(mutex_);
+    for (const auto& [id, device] : aggregates_) {
+        if (device.description.string("uid") == uid) return kAudioHardwareIllegalOperationError;
+    }
+    const auto tap = std::find_if(taps_.begin(), taps_.end(), [&](const auto& entry) { return entry.second.uid == *tapUID; });
+    if (tap == taps_.end()) return kAudioHardwareBadObjectError;
+    outDeviceID = makeObjectID(PulseObjectKind::aggregateDevice, nextAggregateIndex_++);
+    aggregates_.emplace(outDeviceID, AggregateDevice{description, tap->first});
+    return noErr;
+}
+
+OSStatus PulseAudioHardware::destroyAggregateDevice(AudioObjectID deviceID) {
+    std::vector<std::unique_ptr<PulseCaptureStream>> orphans;
+    {
+        std::lock_guard lock(mutex_);
+        if (aggregates_.erase(deviceID) == 0) return kAudioHardwareBadObjectError;
+        for (auto it = procs_.begin(); it != procs_.end();) {
+            if (it->second->deviceID == deviceID) {
+                orphans.push_back(std::move(it->second->stream));
+                it = procs_.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+    for (auto& stream : orphans) {
+        if (stream) stream->close();
+    }
+    return noErr;
+}
+
+OSStatus PulseAudioHardware::createIOProcIDWithBlock(AudioDeviceIOProcID& outProcID, AudioObjectID deviceID,
+                                                     std::shared_ptr<SerialQueue> queue, AudioDeviceIOBlock block) {
+    if (!queue || !block) return kAudio_ParamError;
+    std::lock_guard lock(mutex_);
+    if (!aggregates_.contains(deviceID)) return kAudioHardwareBadObjectError;
+    auto proc = std::make_shared<IOProc>();
+    proc->deviceID = deviceID;
+    proc->queue = std::move(queue);
+    proc->block = std::make_shared<AudioDeviceIOBlock>(std::move(block));
+    outProcID = nextProcID_++;
+    procs_.emplace(outProcID, std::move(proc));
+    return noErr;
+}
+
+OSStatus PulseAudioHardware::deviceStart(AudioObjectID deviceID, AudioDeviceIOProcID procID) {
+    std::shared_ptr<IOProc> proc;
+    PulseCaptureStreamOptions options;
+    {
+        std::lock_guard lock(mutex_);
+        const auto found = procs_.find(procID);
+        if (found == procs_.end() || found->second->deviceID != deviceID) return kAudioHardwareBadObjectError;
+        proc = found->second;
+        if (proc->stream) return noErr;
+        const auto device = aggregates_.find(deviceID);
+        if (device == aggregates_.end()) return kAudioHardwareBadObjectError;
+        const auto tap = taps_.find(device->second.tapID);
+        if (tap == taps_.end()) return kAudioHardwareBadObjectError;
+        options.sourceName = tap->second.monitorSourceName;
+        options.sampleRateHertz = tap->second.sampleRateHertz;
+        options.channels = kTapChannels;
+        options.blockFrames = kIOBlockFrames;
+        options.streamName = "VeltoAudio system audio";
+    }
+    auto queue = proc->queue;
+    auto block = proc->block;
+    const std::uint32_t channels = options.channels;
+    std::unique_ptr<PulseCaptureStream> stream;
+    try {
+        stream = PulseCaptureStream::open(connection_, options, [queue, block, channels](const float* interleaved,
+                                                                                          std::uint32_t frames) {
+            AudioBuffer buffer{channels, frames * channels * static_cast<std::uint32_t>(sizeof(float)),
+                               const_cast<float*>(interleaved)};
+            const AudioBufferList list{1, &buffer};
+            queue->sync([&] { (*block)(list); });
+        });
+    } catch (const PlatformError& error) {
+        logger().error("Could not start capturing the output: " + error.errorDescription());
+        return statusOf(static_cast<int>(error.code()));
+    }
+    std::lock_guard lock(mutex_);
+    if (proc->stream) return noErr;  // started by a concurrent call; ours closes with `stream`
+    proc->stream = std::move(stream);
+    return noErr;
+}
+
+OSStatus PulseAudioHardware::deviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID) {
+    std::unique_ptr<PulseCaptureStream> stream;
+    {
+        std::lock_guard lock(mutex_);
+        const auto found = procs_.find(procID);
+        if (found == procs_.end() || found->second->deviceID != deviceID) return kAudioHardwareBadObjectError;
+        stream = std::move(found->second->stream);
+    }
+    if (stream) stream->close();
+    return noErr;
+}
+
+OSStatus PulseAudioHardware::destroyIOProcID(AudioObjectID deviceID, AudioDeviceIOProcID procID) {
+    std::shared_ptr<IOProc> proc;
+    std::unique_ptr<PulseCaptureStream> stream;
+    {
+        std::lock_guard lock(mutex_);
+        const auto found = procs_.find(procID);
+        if (found == procs_.end() || found->second->deviceID != deviceID) return kAudioHardwareBadObjectError;
+        proc = found->second;
+        stream = std::move(proc->stream);
+        procs_.erase(found);
+    }
+    if (stream) stream->close();
+    return noErr;
+}
+
+}  // namespace velto::pulse

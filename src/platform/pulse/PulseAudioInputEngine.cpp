@@ -1,0 +1,143 @@
+#include "platform/pulse/PulseAudioInputEngine.hpp"
+
+#include "platform/pulse/PulseObjectIDs.hpp"
+#include "veltoaudio/Error.hpp"
+
+#include <algorithm>
+
+namespace velto::pulse {
+
+using namespace platform;
+
+std::shared_ptr<PulseAudioInputEngine> PulseAudioInputEngine::create(std::shared_ptr<PulseConnection> connection) {
+    return std::make_shared<PulseAudioInputEngine>(std::move(connection));
+}
+
+PulseAudioInputEngine::PulseAudioInputEngine(std::shared_ptr<PulseConnection> connection)
+    : connection_(std::move(connection)) {}
+
+PulseAudioInputEngine::~PulseAudioInputEngine() { stop(); }
+
+std::string PulseAudioInputEngine::currentSourceName() const {
+    std::lock_guard lock(controlMutex_);
+    return sourceName_;
+}
+
+std::uint64_t PulseAudioInputEngine::droppedFrames() const {
+    std::lock_guard lock(controlMutex_);
+    return stream_ ? stream_->droppedFrames() : 0;
+}
+
+PcmFormat PulseAudioInputEngine::inputFormat(std::uint32_t) {
+    std::string name = currentSourceName();
+    if (name.empty()) {
+        auto server = connection_->serverInfo();
+        if (!server) return PcmFormat{};
+        name = server.value->defaultSourceName;
+    }
+    auto sources = connection_->sources();
+    if (!sources) return PcmFormat{};
+    for (const auto& source : *sources.value) {
+        if (source.name == name) return PcmFormat{source.sampleRateHertz, source.channels, false};
+    }
+    return PcmFormat{};
+}
+
+PcmFormat PulseAudioInputEngine::outputFormat(std::uint32_t bus) {
+    {
+        std::lock_guard lock(tapMutex_);
+        if (tapFormat_) return *tapFormat_;
+    }
+    return inputFormat(bus);
+}
+
+OSStatus PulseAudioInputEngine::setCurrentDevice(AudioObjectID deviceID) {
+    const auto index = objectIndex(deviceID, PulseObjectKind::source);
+    if (!index) return kAudioHardwareBadObjectError;
+    auto sources = connection_->sources();
+    if (!sources) return sources.error == PA_ERR_NOENTITY ? kAudioHardwareBadDeviceError : kAudioHardwareNotRunningError;
+    for (const auto& source : *sources.value) {
+        if (source.index == *index) {
+            std::lock_guard lock(controlMutex_);
+            sourceName_ = source.name;
+            return noErr;
+        }
+    }
+    return kAudioHardwareBadObjectError;
+}
+
+void PulseAudioInputEngine::installTap(std::uint32_t, std::uint32_t bufferSizeFrames, const PcmFormat& format,
+                                       AudioInputTapBlock block) {
+    std::lock_guard lock(tapMutex_);
+    tap_ = std::make_shared<AudioInputTapBlock>(std::move(block));
+    tapFrames_ = bufferSizeFrames > 0 ? bufferSizeFrames : kDefaultTapFrames;
+    // The tap always receives the platform's standard layout: one array per channel.
+    tapFormat_ = PcmFormat{format.sampleRate, format.channelCount, false};
+}
+
+void PulseAudioInputEngine::removeTap(std::uint32_t) {
+    std::lock_guard lock(tapMutex_);
+    tap_.reset();
+    tapFormat_.reset();
+}
+
+void PulseAudioInputEngine::start() {
+    if (running_) return;
+    PcmFormat format;
+    std::uint32_t blockFrames = kDefaultTapFrames;
+    {
+        std::lock_guard lock(tapMutex_);
+        if (tapFormat_) format = *tapFormat_;
+        blockFrames = tapFrames_;
+    }
+    if (format.channelCount == 0) {
+        // No tap: record in the source's own format, so that start() still reports a missing device.
+        format = inputFormat(0);
+    }
+    if (format.channelCount == 0 || !(format.sampleRate > 0.0)) {
+        throw PlatformError("PulseAudio", PA_ERR_NOENTITY, "No input device is available");
+    }
+    auto buffer = PcmBuffer::make(PcmFormat{format.sampleRate, format.channelCount, false}, blockFrames);
+    if (!buffer) throw PlatformError("PulseAudio", PA_ERR_INVALID, "Cannot allocate the input buffer");
+
+    std::lock_guard control(controlMutex_);
+    if (running_) return;
+    deliveryBuffer_ = buffer;
+
+    PulseCaptureStreamOptions options;
+    options.sourceName = sourceName_;
+    options.sampleRateHertz = format.sampleRate;
+    options.channels = format.channelCount;
+    options.blockFrames = blockFrames;
+    options.streamName = "VeltoAudio microphone";
+    stream_ = PulseCaptureStream::open(connection_, options, [this](const float* interleaved, std::uint32_t frames) {
+        PcmBuffer& block = *deliveryBuffer_;
+        const std::uint32_t channels = block.channelCount();
+        const auto destinations = block.floatChannelData();
+        for (std::uint32_t c = 0; c < channels; ++c) {
+            float* destination = destinations[c];
+            for (std::uint32_t f = 0; f < frames; ++f) destination[f] = interleaved[f * channels + c];
+        }
+        block.setFrameLength(frames);
+        std::lock_guard lock(tapMutex_);
+        if (tap_) (*tap_)(block);
+    });
+    running_ = true;
+}
+
+void PulseAudioInputEngine::stop() {
+    std::unique_ptr<PulseCaptureStream> stream;
+    {
+        std::lock_guard lock(controlMutex_);
+        stream = std::move(stream_);
+        running_ = false;
+    }
+    if (stream) stream->close();
+}
+
+void PulseAudioInputEngine::reset() {
+    // The stream is negotiated anew at every start; the chosen source stays.
+    stop();
+}
+
+}  // namespace velto::pulse

@@ -1,0 +1,72 @@
+#pragma once
+// An audio-engine input on a PulseAudio source: the default source, or the one chosen
+// with setCurrentDevice(). It records 32-bit float in the source's own rate and channel
+// count and hands the tap non-interleaved blocks of the requested frame count on the
+// stream's delivery thread.
+//
+// Threads: control methods from the owner, one at a time. The tap block runs on the
+// delivery thread; removeTap() and stop() wait for a running block to return, so they
+// must not be called from inside the block.
+
+#include "platform/AudioInputEngine.hpp"
+#include "platform/pulse/PulseCaptureStream.hpp"
+#include "platform/pulse/PulseConnection.hpp"
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace velto::pulse {
+
+class PulseAudioInputEngine final : public platform::AudioInputEngine {
+public:
+    static constexpr std::uint32_t kDefaultTapFrames = 1024;
+
+    static std::shared_ptr<PulseAudioInputEngine> create(std::shared_ptr<PulseConnection> connection);
+    explicit PulseAudioInputEngine(std::shared_ptr<PulseConnection> connection);
+    ~PulseAudioInputEngine() override;
+
+    PcmFormat inputFormat(std::uint32_t bus) override;
+    PcmFormat outputFormat(std::uint32_t bus) override;
+    bool hasAudioUnit() override { return true; }
+    platform::OSStatus setCurrentDevice(platform::AudioObjectID deviceID) override;
+    void installTap(std::uint32_t bus, std::uint32_t bufferSizeFrames, const PcmFormat& format,
+                    platform::AudioInputTapBlock block) override;
+    void removeTap(std::uint32_t bus) override;
+    void start() override;
+    void stop() override;
+    void reset() override;
+    bool isRunning() override { return running_.load(); }
+
+    // The source recorded from; empty = the server's default.
+    std::string currentSourceName() const;
+    std::uint64_t droppedFrames() const;
+
+private:
+    std::shared_ptr<PulseConnection> connection_;
+    mutable std::mutex controlMutex_;
+    std::string sourceName_;  // guarded by controlMutex_
+    std::unique_ptr<PulseCaptureStream> stream_;
+    std::atomic<bool> running_{false};
+
+    std::mutex tapMutex_;  // held while the tap block runs
+    std::shared_ptr<platform::AudioInputTapBlock> tap_;
+    std::uint32_t tapFrames_ = kDefaultTapFrames;
+    std::optional<PcmFormat> tapFormat_;
+    std::shared_ptr<PcmBuffer> deliveryBuffer_;  // delivery thread only while running
+};
+
+class PulseAudioEngineFactory final : public platform::AudioEngineFactory {
+public:
+    explicit PulseAudioEngineFactory(std::shared_ptr<PulseConnection> connection) : connection_(std::move(connection)) {}
+    std::shared_ptr<platform::AudioInputEngine> makeEngine() override {
+        return PulseAudioInputEngine::create(connection_);
+    }
+
+private:
+    std::shared_ptr<PulseConnection> connection_;
+};
+
+}  // namespace velto::pulse

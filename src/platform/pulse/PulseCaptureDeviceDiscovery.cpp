@@ -1,0 +1,98 @@
+#include "platform/pulse/PulseCaptureDeviceDiscovery.hpp"
+
+#include "logging/LoggerCompat.hpp"
+#include "platform/pulse/PulseCaptureStream.hpp"
+#include "veltoaudio/Error.hpp"
+
+#include <algorithm>
+
+namespace velto::pulse {
+namespace {
+
+using namespace platform;
+
+LoggerCompat& logger() {
+    static LoggerCompat instance{kLogSubsystem, "PulseCaptureDeviceDiscovery"};
+    return instance;
+}
+
+CaptureDevice captureDevice(const PulseSourceInfo& source) {
+    return CaptureDevice{source.name, source.description, {CaptureDeviceFormat{source.sampleRateHertz}}};
+}
+
+}  // namespace
+
+CaptureDeviceType PulseCaptureDeviceDiscovery::deviceType(const PulseSourceInfo& source) {
+    static constexpr const char* kExternalBuses[] = {"usb", "bluetooth", "firewire", "thunderbolt"};
+    for (const char* bus : kExternalBuses) {
+        if (source.bus == bus) return CaptureDeviceType::external;
+    }
+    return CaptureDeviceType::microphone;
+}
+
+std::vector<CaptureDevice> PulseCaptureDeviceDiscovery::devices(std::span<const CaptureDeviceType> deviceTypes) {
+    std::vector<CaptureDevice> found;
+    auto sources = connection_->sources();
+    if (!sources) {
+        logger().error("Cannot list the input devices: " + pulseErrorText(sources.error));
+        return found;
+    }
+    for (const auto& source : *sources.value) {
+        if (source.isMonitor) continue;
+        const CaptureDeviceType type = deviceType(source);
+        const bool wanted = std::any_of(deviceTypes.begin(), deviceTypes.end(), [&](CaptureDeviceType asked) {
+            return asked == type || (asked == CaptureDeviceType::builtInMicrophone && type == CaptureDeviceType::microphone);
+        });
+        if (wanted) found.push_back(captureDevice(source));
+    }
+    return found;
+}
+
+std::optional<CaptureDevice> PulseCaptureDeviceDiscovery::defaultAudioDevice() {
+    auto server = connection_->serverInfo();
+    if (!server) return std::nullopt;
+    auto sources = connection_->sources();
+    if (!sources) return std::nullopt;
+    for (const auto& source : *sources.value) {
+        if (source.name == server.value->defaultSourceName && !source.isMonitor) return captureDevice(source);
+    }
+    return std::nullopt;
+}
+
+AuthorizationStatus PulseCaptureDeviceDiscovery::authorizationStatus() {
+    const int error = connection_->ensureConnected();
+    if (error == PA_ERR_ACCESS || error == PA_ERR_AUTHKEY) return AuthorizationStatus::denied;
+    if (error != PA_OK) return AuthorizationStatus::notDetermined;
+    auto sources = connection_->sources();
+    if (!sources) return sources.error == PA_ERR_ACCESS ? AuthorizationStatus::denied : AuthorizationStatus::notDetermined;
+    auto server = connection_->serverInfo();
+    const PulseSourceInfo* candidate = nullptr;
+    for (const auto& source : *sources.value) {
+        if (source.isMonitor) continue;
+        if (candidate == nullptr || (server && source.name == server.value->defaultSourceName)) candidate = &source;
+    }
+    if (candidate == nullptr) return AuthorizationStatus::notDetermined;
+    // Opening the source is the honest test: a server that keeps the microphone from us refuses the stream.
+    PulseCaptureStreamOptions options;
+    options.sourceName = candidate->name;
+    options.sampleRateHertz = candidate->sampleRateHertz;
+    options.channels = std::max<std::uint32_t>(1, candidate->channels);
+    options.blockFrames = 256;
+    options.streamName = "VeltoAudio access check";
+    try {
+        auto stream = PulseCaptureStream::open(connection_, options, [](const float*, std::uint32_t) {});
+        stream->close();
+        return AuthorizationStatus::authorized;
+    } catch (const PlatformError& failure) {
+        if (failure.code() == PA_ERR_ACCESS) return AuthorizationStatus::denied;
+        logger().error("Cannot open the microphone to check access: " + failure.errorDescription());
+        return AuthorizationStatus::notDetermined;
+    }
+}
+
+bool PulseCaptureDeviceDiscovery::requestAccess() {
+    // There is no consent prompt on a sound server: access is what the server grants.
+    return authorizationStatus() == AuthorizationStatus::authorized;
+}
+
+}  // namespace velto::pulse

@@ -1,0 +1,173 @@
+#include "platform/pulse/PulseCaptureStream.hpp"
+
+#include "veltoaudio/Error.hpp"
+
+#include <algorithm>
+#include <chrono>
+
+namespace velto::pulse {
+namespace {
+
+constexpr const char* kErrorDomain = "PulseAudio";
+// How long the ring can hold while the consumer is late: generous, so only a stalled
+// consumer loses audio.
+constexpr double kRingSeconds = 2.0;
+// The delivery thread also looks every few milliseconds, so a missed wake-up only delays.
+constexpr auto kDeliveryPoll = std::chrono::milliseconds(5);
+
+std::uint32_t ringCapacityFrames(const PulseCaptureStreamOptions& options) {
+    const auto seconds = static_cast<std::uint32_t>(options.sampleRateHertz * kRingSeconds);
+    return std::max(seconds, options.blockFrames * 4);
+}
+
+[[noreturn]] void fail(int error, const std::string& what) {
+    throw PlatformError(kErrorDomain, error, what + ": " + pulseErrorText(error));
+}
+
+}  // namespace
+
+std::unique_ptr<PulseCaptureStream> PulseCaptureStream::open(std::shared_ptr<PulseConnection> connection,
+                                                             const PulseCaptureStreamOptions& options,
+                                                             Delivery delivery) {
+    auto stream = std::make_unique<PulseCaptureStream>(std::move(connection), options, std::move(delivery));
+    stream->connect();
+    return stream;
+}
+
+PulseCaptureStream::PulseCaptureStream(std::shared_ptr<PulseConnection> connection,
+                                       const PulseCaptureStreamOptions& options, Delivery delivery)
+    : connection_(std::move(connection)),
+      options_(options),
+      delivery_(std::move(delivery)),
+      ring_(options.channels, ringCapacityFrames(options)),
+      block_(static_cast<std::size_t>(options.blockFrames) * options.channels) {}
+
+PulseCaptureStream::~PulseCaptureStream() { close(); }
+
+void PulseCaptureStream::connect() {
+    if (options_.channels == 0 || options_.channels > PA_CHANNELS_MAX || options_.blockFrames == 0 ||
+        !(options_.sampleRateHertz > 0.0) || options_.sampleRateHertz > PA_RATE_MAX) {
+        fail(PA_ERR_INVALID, "Invalid capture format");
+    }
+    if (const int error = connection_->ensureConnected(); error != PA_OK) fail(error, "Cannot reach the sound server");
+
+    pa_sample_spec spec{};
+    spec.format = PA_SAMPLE_FLOAT32NE;
+    spec.rate = static_cast<std::uint32_t>(options_.sampleRateHertz);
+    spec.channels = static_cast<std::uint8_t>(options_.channels);
+    pa_channel_map map{};
+    pa_channel_map_init_extend(&map, spec.channels, PA_CHANNEL_MAP_DEFAULT);
+
+    {
+        PulseConnection::MainloopLock lock(*connection_);
+        pa_context* context = connection_->context(lock);
+        if (context == nullptr) fail(PA_ERR_CONNECTIONTERMINATED, "Cannot reach the sound server");
+        stream_ = pa_stream_new(context, options_.streamName.c_str(), &spec, &map);
+        if (stream_ == nullptr) fail(pa_context_errno(context), "Cannot create the record stream");
+        pa_stream_set_state_callback(stream_, stateCallback, this);
+        pa_stream_set_read_callback(stream_, readCallback, this);
+        // Ask for fragments of about one block, so blocks flow evenly rather than in bursts.
+        pa_buffer_attr attributes{};
+        attributes.maxlength = static_cast<std::uint32_t>(-1);
+        attributes.fragsize = options_.blockFrames * options_.channels * static_cast<std::uint32_t>(sizeof(float));
+        attributes.tlength = attributes.prebuf = attributes.minreq = static_cast<std::uint32_t>(-1);
+        const char* source = options_.sourceName.empty() ? nullptr : options_.sourceName.c_str();
+        if (pa_stream_connect_record(stream_, source, &attributes, PA_STREAM_ADJUST_LATENCY) < 0) {
+            const int error = pa_context_errno(context);
+            pa_stream_set_state_callback(stream_, nullptr, nullptr);
+            pa_stream_set_read_callback(stream_, nullptr, nullptr);
+            pa_stream_unref(stream_);
+            stream_ = nullptr;
+            fail(error, "Cannot connect the record stream");
+        }
+    }
+    {
+        std::unique_lock lock(wakeMutex_);
+        wake_.wait_for(lock, std::chrono::milliseconds(static_cast<int>(connection_->timeoutSeconds() * 1000)), [this] {
+            const int state = streamState_.load();
+            return state == PA_STREAM_READY || state == PA_STREAM_FAILED || state == PA_STREAM_TERMINATED;
+        });
+    }
+    int error = PA_OK;
+    {
+        PulseConnection::MainloopLock lock(*connection_);
+        const pa_stream_state_t state = pa_stream_get_state(stream_);
+        if (state != PA_STREAM_READY) {
+            pa_context* context = connection_->context(lock);
+            error = state == PA_STREAM_FAILED && context != nullptr ? pa_context_errno(context) : PA_ERR_TIMEOUT;
+            if (error == PA_OK) error = PA_ERR_UNKNOWN;
+        }
+    }
+    if (error != PA_OK) {
+        close();
+        fail(error, "Cannot record from " + (options_.sourceName.empty() ? std::string("the default source")
+                                                                        : "source " + options_.sourceName));
+    }
+    alive_ = true;
+    deliveryThread_ = std::thread([this] { deliveryLoop(); });
+}
+
+void PulseCaptureStream::close() {
+    // Disconnect first (no read callback after this), then stop and join the delivery thread.
+    {
+        PulseConnection::MainloopLock lock(*connection_);
+        if (stream_ != nullptr) {
+            pa_stream_set_read_callback(stream_, nullptr, nullptr);
+            pa_stream_set_state_callback(stream_, nullptr, nullptr);
+            pa_stream_disconnect(stream_);
+            pa_stream_unref(stream_);
+            stream_ = nullptr;
+        }
+    }
+    alive_ = false;
+    stopping_ = true;
+    wake_.notify_all();
+    if (deliveryThread_.joinable()) deliveryThread_.join();
+}
+
+void PulseCaptureStream::stateCallback(pa_stream* stream, void* userdata) {
+    auto* self = static_cast<PulseCaptureStream*>(userdata);
+    const pa_stream_state_t state = pa_stream_get_state(stream);
+    {
+        std::lock_guard lock(self->wakeMutex_);
+        self->streamState_ = state;
+    }
+    if (state == PA_STREAM_FAILED || state == PA_STREAM_TERMINATED) self->alive_ = false;
+    self->wake_.notify_all();
+}
+
+void PulseCaptureStream::readCallback(pa_stream* stream, std::size_t, void* userdata) {
+    auto* self = static_cast<PulseCaptureStream*>(userdata);
+    const std::size_t frameBytes = static_cast<std::size_t>(self->options_.channels) * sizeof(float);
+    const void* data = nullptr;
+    std::size_t bytes = 0;
+    while (pa_stream_readable_size(stream) > 0) {
+        if (pa_stream_peek(stream, &data, &bytes) < 0) return;
+        if (bytes == 0) break;  // nothing buffered after all
+        // data is null for a hole in the stream: nothing was recorded there.
+        if (data != nullptr) {
+            const auto frames = static_cast<std::uint32_t>(bytes / frameBytes);
+            const std::uint32_t stored = self->ring_.write(static_cast<const float*>(data), frames);
+            if (stored < frames) self->droppedFrames_.fetch_add(frames - stored, std::memory_order_relaxed);
+        }
+        pa_stream_drop(stream);
+    }
+    self->wake_.notify_one();
+}
+
+void PulseCaptureStream::deliveryLoop() {
+    while (!stopping_.load()) {
+        {
+            std::unique_lock lock(wakeMutex_);
+            wake_.wait_for(lock, kDeliveryPoll, [this] {
+                return stopping_.load() || ring_.availableFrames() >= options_.blockFrames;
+            });
+        }
+        while (!stopping_.load() && ring_.read(block_.data(), options_.blockFrames)) {
+            delivery_(block_.data(), options_.blockFrames);
+            deliveredBlocks_.fetch_add(1, std::memory_order_relaxed);
+        }
+    }
+}
+
+}  // namespace velto::pulse

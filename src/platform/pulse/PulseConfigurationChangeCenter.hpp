@@ -1,0 +1,65 @@
+#pragma once
+// Configuration-change notifications from the PulseAudio server: a source or sink added
+// or removed, the default source or sink changed, the server lost or found again. Bursts
+// (one device load announces several objects) are coalesced into one notification.
+//
+// While it has observers, a notifier thread of its own watches the bursts, checks
+// whether a server change moved a default, and reconnects every few seconds when the
+// server has gone away (so its return is noticed too).
+//
+// Threads: add/remove from any thread. Observers run on the notifier thread; after
+// removeObserver() returns, a block is not started again (an observer may remove
+// itself from inside its block).
+
+#include "platform/AudioConfigurationChangeCenter.hpp"
+#include "platform/ChangeCoalescer.hpp"
+#include "platform/pulse/PulseConnection.hpp"
+
+#include <atomic>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace velto::pulse {
+
+class PulseConfigurationChangeCenter final : public platform::AudioConfigurationChangeCenter {
+public:
+    static constexpr double kQuietSeconds = 0.25;
+    static constexpr double kMaximumDelaySeconds = 1.0;
+    static constexpr double kReconnectIntervalSeconds = 2.0;
+
+    explicit PulseConfigurationChangeCenter(std::shared_ptr<PulseConnection> connection);
+    ~PulseConfigurationChangeCenter() override;
+
+    platform::ConfigurationChangeObserverToken addObserver(std::function<void()> block) override;
+    void removeObserver(platform::ConfigurationChangeObserverToken token) override;
+
+private:
+    void startWatching();  // observersMutex_ held
+    void stopWatching();
+    void notifierLoop();
+    void noteEvent(bool definite);
+    bool defaultsMoved();
+    void notifyObservers();
+
+    std::shared_ptr<PulseConnection> connection_;
+
+    std::recursive_mutex observersMutex_;  // held while observers run
+    platform::ConfigurationChangeObserverToken nextToken_ = 1;
+    std::map<platform::ConfigurationChangeObserverToken, std::function<void()>> observers_;
+
+    std::mutex eventsMutex_;
+    std::condition_variable eventsChanged_;
+    platform::ChangeCoalescer coalescer_{kQuietSeconds, kMaximumDelaySeconds};  // guarded by eventsMutex_
+    bool definiteChange_ = false;                                                // guarded by eventsMutex_
+    bool stopping_ = false;                                                      // guarded by eventsMutex_
+    std::thread notifier_;
+    std::uint64_t eventToken_ = 0;
+    std::uint64_t connectionToken_ = 0;
+    std::string lastDefaultSink_;    // notifier thread only
+    std::string lastDefaultSource_;  // notifier thread only
+};
+
+}  // namespace velto::pulse

@@ -1,0 +1,321 @@
+#include "platform/pulse/PulseConnection.hpp"
+
+#include "logging/LoggerCompat.hpp"
+
+#include <chrono>
+
+namespace velto::pulse {
+namespace {
+
+LoggerCompat& logger() {
+    static LoggerCompat instance{kLogSubsystem, "PulseConnection"};
+    return instance;
+}
+
+std::chrono::milliseconds toDuration(double seconds) {
+    return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000.0));
+}
+
+std::string text(const char* value) { return value == nullptr ? std::string() : std::string(value); }
+
+// What a list request collects on the main-loop thread.
+template <class T>
+struct ListRequest {
+    PulseConnection::Completion completion;
+    std::vector<T> items;
+    bool failed = false;
+};
+
+}  // namespace
+
+std::string pulseErrorText(int error) { return text(pa_strerror(error)); }
+
+PulseConnection::MainloopLock::MainloopLock(const PulseConnection& connection) : mainloop_(connection.mainloop_) {
+    pa_threaded_mainloop_lock(mainloop_);
+}
+
+PulseConnection::MainloopLock::~MainloopLock() { pa_threaded_mainloop_unlock(mainloop_); }
+
+void PulseConnection::Completion::signal() {
+    std::lock_guard lock(mutex);
+    done = true;
+    condition.notify_all();
+}
+
+std::shared_ptr<PulseConnection> PulseConnection::shared() {
+    static std::mutex mutex;
+    static std::weak_ptr<PulseConnection> instance;
+    std::lock_guard lock(mutex);
+    auto connection = instance.lock();
+    if (!connection) {
+        connection = create("VeltoAudio", 3.0);
+        instance = connection;
+    }
+    return connection;
+}
+
+std::shared_ptr<PulseConnection> PulseConnection::create(std::string applicationName, double timeoutSeconds) {
+    return std::make_shared<PulseConnection>(std::move(applicationName), timeoutSeconds);
+}
+
+PulseConnection::PulseConnection(std::string applicationName, double timeoutSeconds)
+    : applicationName_(std::move(applicationName)), timeoutSeconds_(timeoutSeconds) {
+    mainloop_ = pa_threaded_mainloop_new();
+    pa_threaded_mainloop_set_name(mainloop_, "velto-pulse");
+    if (pa_threaded_mainloop_start(mainloop_) < 0) logger().critical("Could not start the PulseAudio main loop");
+}
+
+PulseConnection::~PulseConnection() {
+    {
+        MainloopLock lock(*this);
+        discardContext();
+    }
+    pa_threaded_mainloop_stop(mainloop_);
+    pa_threaded_mainloop_free(mainloop_);
+}
+
+void PulseConnection::discardContext() {
+    if (context_ == nullptr) return;
+    pa_context_set_state_callback(context_, nullptr, nullptr);
+    pa_context_set_subscribe_callback(context_, nullptr, nullptr);
+    pa_context_disconnect(context_);
+    pa_context_unref(context_);
+    context_ = nullptr;
+    contextState_ = PA_CONTEXT_UNCONNECTED;
+    if (connected_.exchange(false)) notifyConnection(false);
+}
+
+void PulseConnection::contextStateCallback(pa_context* context, void* userdata) {
+    auto* self = static_cast<PulseConnection*>(userdata);
+    const pa_context_state_t state = pa_context_get_state(context);
+    {
+        std::lock_guard lock(self->stateMutex_);
+        self->contextState_ = state;
+    }
+    self->stateChanged_.notify_all();
+    if ((state == PA_CONTEXT_FAILED || state == PA_CONTEXT_TERMINATED) && self->connected_.exchange(false)) {
+        // The server went away: tell the listeners now; the next request reconnects.
+        self->notifyConnection(false);
+    }
+}
+
+void PulseConnection::subscribeCallback(pa_context*, pa_subscription_event_type_t type, std::uint32_t index,
+                                        void* userdata) {
+    auto* self = static_cast<PulseConnection*>(userdata);
+    std::lock_guard lock(self->listenersMutex_);
+    for (const auto& [token, listener] : self->eventListeners_) listener(type, index);
+}
+
+void PulseConnection::notifyConnection(bool connected) {
+    std::lock_guard lock(listenersMutex_);
+    for (const auto& [token, listener] : connectionListeners_) listener(connected);
+}
+
+int PulseConnection::ensureConnected() {
+    if (connected_.load() && contextState_.load() == PA_CONTEXT_READY) return PA_OK;
+    std::lock_guard connecting(connectMutex_);
+    {
+        MainloopLock lock(*this);
+        if (context_ != nullptr && pa_context_get_state(context_) == PA_CONTEXT_READY) return PA_OK;
+        discardContext();
+        pa_proplist* properties = pa_proplist_new();
+        pa_proplist_sets(properties, PA_PROP_APPLICATION_NAME, applicationName_.c_str());
+        pa_proplist_sets(properties, PA_PROP_APPLICATION_ID, "io.veltoaudio");
+        context_ = pa_context_new_with_proplist(pa_threaded_mainloop_get_api(mainloop_), applicationName_.c_str(),
+                                                properties);
+        pa_proplist_free(properties);
+        if (context_ == nullptr) return PA_ERR_INTERNAL;
+        contextState_ = PA_CONTEXT_UNCONNECTED;
+        pa_context_set_state_callback(context_, contextStateCallback, this);
+        pa_context_set_subscribe_callback(context_, subscribeCallback, this);
+        // A library must not spawn a sound server behind the application's back.
+        if (pa_context_connect(context_, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
+            const int error = pa_context_errno(context_);
+            discardContext();
+            return error == PA_OK ? PA_ERR_CONNECTIONREFUSED : error;
+        }
+    }
+    {
+        std::unique_lock lock(stateMutex_);
+        stateChanged_.wait_for(lock, toDuration(timeoutSeconds_), [this] {
+            const int state = contextState_.load();
+            return state == PA_CONTEXT_READY || state == PA_CONTEXT_FAILED || state == PA_CONTEXT_TERMINATED;
+        });
+    }
+    MainloopLock lock(*this);
+    if (context_ == nullptr) return PA_ERR_CONNECTIONTERMINATED;
+    const pa_context_state_t state = pa_context_get_state(context_);
+    if (state != PA_CONTEXT_READY) {
+        int error = state == PA_CONTEXT_FAILED ? pa_context_errno(context_) : PA_ERR_TIMEOUT;
+        if (error == PA_OK) error = PA_ERR_CONNECTIONREFUSED;
+        discardContext();
+        return error;
+    }
+    const auto mask = static_cast<pa_subscription_mask_t>(PA_SUBSCRIPTION_MASK_SOURCE | PA_SUBSCRIPTION_MASK_SINK |
+                                                          PA_SUBSCRIPTION_MASK_SERVER);
+    if (pa_operation* operation = pa_context_subscribe(context_, mask, nullptr, nullptr)) pa_operation_unref(operation);
+    connected_ = true;
+    notifyConnection(true);
+    return PA_OK;
+}
+
+bool PulseConnection::await(pa_operation* operation, Completion& completion) {
+    bool completed = false;
+    {
+        std::unique_lock lock(completion.mutex);
+        completed = completion.condition.wait_for(lock, toDuration(timeoutSeconds_), [&] { return completion.done; });
+    }
+    MainloopLock lock(*this);
+    if (!completed) {
+        // It may have finished in between; with the main-loop lock held that answer is final.
+        {
+            std::lock_guard doneLock(completion.mutex);
+            completed = completion.done;
+        }
+        if (!completed) pa_operation_cancel(operation);
+    }
+    pa_operation_unref(operation);
+    return completed;
+}
+
+PulseResult<PulseServerInfo> PulseConnection::serverInfo() {
+    if (const int error = ensureConnected(); error != PA_OK) return {std::nullopt, error};
+    struct Request {
+        Completion completion;
+        PulseServerInfo info;
+    } request;
+    pa_operation* operation = nullptr;
+    {
+        MainloopLock lock(*this);
+        if (context_ == nullptr) return {std::nullopt, PA_ERR_CONNECTIONTERMINATED};
+        operation = pa_context_get_server_info(
+            context_,
+            [](pa_context*, const pa_server_info* info, void* userdata) {
+                auto* request = static_cast<Request*>(userdata);
+                if (info != nullptr) {
+                    request->info.defaultSinkName = text(info->default_sink_name);
+                    request->info.defaultSourceName = text(info->default_source_name);
+                }
+                request->completion.signal();
+            },
+            &request);
+        if (operation == nullptr) return {std::nullopt, pa_context_errno(context_)};
+    }
+    if (!await(operation, request.completion)) return {std::nullopt, PA_ERR_TIMEOUT};
+    return {request.info, PA_OK};
+}
+
+PulseResult<std::vector<PulseSourceInfo>> PulseConnection::sources() {
+    if (const int error = ensureConnected(); error != PA_OK) return {std::nullopt, error};
+    ListRequest<PulseSourceInfo> request;
+    pa_operation* operation = nullptr;
+    {
+        MainloopLock lock(*this);
+        if (context_ == nullptr) return {std::nullopt, PA_ERR_CONNECTIONTERMINATED};
+        operation = pa_context_get_source_info_list(
+            context_,
+            [](pa_context*, const pa_source_info* info, int eol, void* userdata) {
+                auto* request = static_cast<ListRequest<PulseSourceInfo>*>(userdata);
+                if (eol != 0) {
+                    request->failed = eol < 0;
+                    request->completion.signal();
+                    return;
+                }
+                PulseSourceInfo source;
+                source.index = info->index;
+                source.name = text(info->name);
+                source.description = text(info->description);
+                source.sampleRateHertz = info->sample_spec.rate;
+                source.channels = info->sample_spec.channels;
+                source.isMonitor = info->monitor_of_sink != PA_INVALID_INDEX;
+                source.bus = text(pa_proplist_gets(info->proplist, PA_PROP_DEVICE_BUS));
+                request->items.push_back(std::move(source));
+            },
+            &request);
+        if (operation == nullptr) return {std::nullopt, pa_context_errno(context_)};
+    }
+    if (!await(operation, request.completion)) return {std::nullopt, PA_ERR_TIMEOUT};
+    if (request.failed) return {std::nullopt, PA_ERR_UNKNOWN};
+    return {std::move(request.items), PA_OK};
+}
+
+PulseResult<std::vector<PulseSinkInfo>> PulseConnection::sinks() {
+    if (const int error = ensureConnected(); error != PA_OK) return {std::nullopt, error};
+    ListRequest<PulseSinkInfo> request;
+    pa_operation* operation = nullptr;
+    {
+        MainloopLock lock(*this);
+        if (context_ == nullptr) return {std::nullopt, PA_ERR_CONNECTIONTERMINATED};
+        operation = pa_context_get_sink_info_list(
+            context_,
+            [](pa_context*, const pa_sink_info* info, int eol, void* userdata) {
+                auto* request = static_cast<ListRequest<PulseSinkInfo>*>(userdata);
+                if (eol != 0) {
+                    request->failed = eol < 0;
+                    request->completion.signal();
+                    return;
+                }
+                PulseSinkInfo sink;
+                sink.index = info->index;
+                sink.name = text(info->name);
+                sink.description = text(info->description);
+                sink.sampleRateHertz = info->sample_spec.rate;
+                sink.channels = info->sample_spec.channels;
+                sink.monitorSourceName = text(info->monitor_source_name);
+                request->items.push_back(std::move(sink));
+            },
+            &request);
+        if (operation == nullptr) return {std::nullopt, pa_context_errno(context_)};
+    }
+    if (!await(operation, request.completion)) return {std::nullopt, PA_ERR_TIMEOUT};
+    if (request.failed) return {std::nullopt, PA_ERR_UNKNOWN};
+    return {std::move(request.items), PA_OK};
+}
+
+PulseResult<std::vector<std::uint32_t>> PulseConnection::sinkInputs() {
+    if (const int error = ensureConnected(); error != PA_OK) return {std::nullopt, error};
+    ListRequest<std::uint32_t> request;
+    pa_operation* operation = nullptr;
+    {
+        MainloopLock lock(*this);
+        if (context_ == nullptr) return {std::nullopt, PA_ERR_CONNECTIONTERMINATED};
+        operation = pa_context_get_sink_input_info_list(
+            context_,
+            [](pa_context*, const pa_sink_input_info* info, int eol, void* userdata) {
+                auto* request = static_cast<ListRequest<std::uint32_t>*>(userdata);
+                if (eol != 0) {
+                    request->failed = eol < 0;
+                    request->completion.signal();
+                    return;
+                }
+                request->items.push_back(info->index);
+            },
+            &request);
+        if (operation == nullptr) return {std::nullopt, pa_context_errno(context_)};
+    }
+    if (!await(operation, request.completion)) return {std::nullopt, PA_ERR_TIMEOUT};
+    if (request.failed) return {std::nullopt, PA_ERR_UNKNOWN};
+    return {std::move(request.items), PA_OK};
+}
+
+std::uint64_t PulseConnection::addEventListener(EventListener listener) {
+    std::lock_guard lock(listenersMutex_);
+    const auto token = nextListenerToken_++;
+    eventListeners_.emplace(token, std::move(listener));
+    return token;
+}
+
+std::uint64_t PulseConnection::addConnectionListener(ConnectionListener listener) {
+    std::lock_guard lock(listenersMutex_);
+    const auto token = nextListenerToken_++;
+    connectionListeners_.emplace(token, std::move(listener));
+    return token;
+}
+
+void PulseConnection::removeListener(std::uint64_t token) {
+    std::lock_guard lock(listenersMutex_);
+    eventListeners_.erase(token);
+    connectionListeners_.erase(token);
+}
+
+}  // namespace velto::pulse
