@@ -1,0 +1,361 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "microphone_recorder/AudioEngineRecorderError.hpp"
+#include "microphone_recorder/AudioRecorder.hpp"
+#include "RecorderTestSupport.hpp"
+
+#include <fstream>
+#include "platform/fake/FakePlatformServices.hpp"
+#include "support/CapturedLogs.hpp"
+#include "veltoaudio/RecordingError.hpp"
+
+namespace velto {
+namespace {
+
+using ::testing::ElementsAre;
+using Kind = RecordingEvent::Kind;
+using State = AudioRecorder::RecorderState;
+using velto::testing::CapturedLogs;
+using velto::testing::drainUntilEnd;
+using velto::testing::rampBlock;
+using velto::testing::readRecording;
+using velto::testing::sineBlock;
+using velto::testing::takeAvailable;
+
+class AudioRecorderTest : public ::testing::Test {
+public:
+    std::shared_ptr<AudioRecorder> makeRecorder(std::filesystem::path file, AudioFormat format,
+                                                std::optional<MicrophoneDevice> microphone = std::nullopt) {
+        auto recorder = AudioRecorder::create(std::move(file), format, std::move(microphone), fakes.services(), clock);
+        events = recorder->events();
+        recorder->state();  // the start has run once this returns
+        return recorder;
+    }
+    std::shared_ptr<platform::FakeAudioInputEngine> engine() { return fakes.audioEngineFactory->lastEngine(); }
+    void useMicrophoneFormat(double rateHertz, uint32_t channels = 1) {
+        platform::FakeAudioInputEngine::Script script;
+        script.inputFormat = PcmFormat{rateHertz, channels, false};
+        fakes.audioEngineFactory = platform::FakeAudioEngineFactory::create(script);
+    }
+    void deliverRamp(AudioRecorder& recorder, double rateHertz, int blocks) {
+        for (int i = 0; i < blocks; ++i) engine()->deliver(*rampBlock(rateHertz, 1024, rampIndex));
+        recorder.state();  // every queued block has been handled
+    }
+
+    CapturedLogs logs;
+    velto::testing::TemporaryDirectory directory;
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(500.0);
+    platform::FakePlatformServices fakes;
+    EventStream<RecordingEvent> events;
+    int64_t rampIndex = 0;
+};
+
+TEST_F(AudioRecorderTest, RecordsEveryDeliveredFrameAtSixteenKilohertzAndFinishesWithTheCorrectedLocation) {
+    useMicrophoneFormat(16000.0);
+    auto recorder = makeRecorder(directory.path() / "take.m4a", AudioFormat::wav);
+    ASSERT_EQ(recorder->state(), State::recording);
+    deliverRamp(*recorder, 16000.0, 5);
+    recorder->stop();
+
+    auto drained = drainUntilEnd(events);
+    ASSERT_TRUE(drained.ended);
+    EXPECT_EQ(drained.error, nullptr);
+    EXPECT_THAT(drained.shape(), ElementsAre(Kind::starting, Kind::started, Kind::progress, Kind::finished));
+    EXPECT_EQ(drained.count(Kind::progress), 5);  // one per written block
+    const auto file = directory.path() / "take.wav";
+    EXPECT_EQ(drained.events.back().fileURL, file);
+    EXPECT_FALSE(logs.containsPrefix("AudioRecorder", "Sample rate conversion enabled"));
+
+    // A ramp read back unchanged: no frame dropped, duplicated or reordered.
+    const auto recorded = readRecording(file);
+    ASSERT_TRUE(recorded.opened);
+    EXPECT_EQ(recorded.sampleRate, 16000.0);
+    EXPECT_EQ(recorded.channels, 1);
+    ASSERT_EQ(recorded.samples.size(), 5u * 1024u);
+    for (size_t i = 0; i < recorded.samples.size(); ++i) {
+        ASSERT_FLOAT_EQ(recorded.samples[i], static_cast<float>(i % 1000) / 1000.0f) << "frame " << i;
+    }
+    EXPECT_EQ(velto::testing::permissionsOf(file), 0600u);
+    EXPECT_EQ(engine()->hasTap(), false);
+    EXPECT_EQ(engine()->tapBufferSizeFrames(), 1024u);
+}
+
+TEST_F(AudioRecorderTest, ConvertsA48KilohertzMicrophoneToSixteenKilohertzFlac) {
+    auto recorder = makeRecorder(directory.path() / "take", AudioFormat::flac);
+    int64_t index = 0;
+    for (int i = 0; i < 30; ++i) engine()->deliver(*sineBlock(48000.0, 1024, 440.0, 0.5f, index));
+    recorder->stop();
+
+    auto drained = drainUntilEnd(events);
+    ASSERT_TRUE(drained.ended);
+    EXPECT_EQ(drained.error, nullptr);
+    ASSERT_EQ(drained.events.back().kind, Kind::finished);
+    EXPECT_EQ(drained.events.back().fileURL, directory.path() / "take.flac");
+    EXPECT_TRUE(logs.contains(LogLevel::info, "AudioRecorder", "Sample rate conversion enabled: 48000.0 Hz -> 16000.0 Hz"));
+    EXPECT_TRUE(logs.contains(LogLevel::info, "AudioRecorder", "Input format: 48000.0 Hz, 1 channels"));
+    EXPECT_TRUE(logs.contains(LogLevel::info, "AudioRecorder", "Recording format: flac"));
+
+    const auto recorded = readRecording(directory.path() / "take.flac");
+    ASSERT_TRUE(recorded.opened);
+    EXPECT_EQ(recorded.sampleRate, 16000.0);
+    EXPECT_EQ(recorded.channels, 1);
+    EXPECT_EQ(recorded.format & SF_FORMAT_TYPEMASK, SF_FORMAT_FLAC);
+    // A third of the frames, less what the resampler still holds back at the end.
+    EXPECT_LE(recorded.samples.size(), 30u * 1024u / 3u);
+    EXPECT_GE(recorded.samples.size(), 30u * 1024u / 3u - 400u);
+    float peak = 0;
+    for (size_t i = 2000; i < recorded.samples.size(); ++i) peak = std::max(peak, std::fabs(recorded.samples[i]));
+    EXPECT_NEAR(peak, 0.5f, 0.01f);
+}
+
+TEST_F(AudioRecorderTest, PausedBlocksAreDroppedWhileElapsedTimeKeepsCountingThePause) {
+    useMicrophoneFormat(16000.0);
+    auto recorder = makeRecorder(directory.path() / "take.wav", AudioFormat::wav);
+    deliverRamp(*recorder, 16000.0, 2);  // frames 0..2047 recorded
+    clock->advance(2.0);
+    recorder->pause();
+    recorder->pause();  // already paused: nothing
+    deliverRamp(*recorder, 16000.0, 3);  // dropped
+    clock->advance(10.0);
+    recorder->resume();
+    recorder->resume();  // already recording: nothing
+    clock->advance(1.0);
+    deliverRamp(*recorder, 16000.0, 1);
+    recorder->stop();
+    recorder->stop();  // already finished: nothing
+
+    auto drained = drainUntilEnd(events);
+    ASSERT_TRUE(drained.ended);
+    EXPECT_THAT(drained.shape(), ElementsAre(Kind::starting, Kind::started, Kind::progress, Kind::paused,
+                                             Kind::resumed, Kind::progress, Kind::finished));
+    EXPECT_EQ(drained.count(Kind::paused), 1);
+    EXPECT_EQ(drained.count(Kind::resumed), 1);
+    for (const auto& event : drained.events) {
+        if (event.kind == Kind::paused) {
+            EXPECT_DOUBLE_EQ(event.elapsedSeconds, 2.0);
+        }
+        if (event.kind == Kind::resumed) {
+            EXPECT_DOUBLE_EQ(event.elapsedSeconds, 12.0);
+        }
+    }
+    EXPECT_DOUBLE_EQ(drained.events[drained.events.size() - 2].elapsedSeconds, 13.0);
+    EXPECT_TRUE(logs.contains(LogLevel::info, "AudioRecorder", "Recording paused at 2.0s"));
+    EXPECT_TRUE(logs.contains(LogLevel::info, "AudioRecorder", "Recording resumed at 12.0s"));
+
+    const auto recorded = readRecording(directory.path() / "take.wav");
+    ASSERT_EQ(recorded.samples.size(), 3u * 1024u);
+    // The block after the pause continues where the ramp was at the resume.
+    const int64_t resumedAt = 5 * 1024;
+    EXPECT_FLOAT_EQ(recorded.samples[2048], static_cast<float>(resumedAt % 1000) / 1000.0f);
+}
+
+TEST_F(AudioRecorderTest, CancelRemovesTheFileAndEndsWithoutAnEvent) {
+    auto recorder = makeRecorder(directory.path() / "take.wav", AudioFormat::wav);
+    deliverRamp(*recorder, 48000.0, 3);
+    ASSERT_TRUE(std::filesystem::exists(directory.path() / "take.wav"));
+    recorder->cancel();
+    recorder->stop();  // over: nothing
+
+    auto drained = drainUntilEnd(events);
+    ASSERT_TRUE(drained.ended);
+    EXPECT_EQ(drained.error, nullptr);
+    EXPECT_EQ(drained.count(Kind::cancelled), 0);
+    EXPECT_EQ(drained.count(Kind::finished), 0);
+    EXPECT_FALSE(std::filesystem::exists(directory.path() / "take.wav"));
+    EXPECT_EQ(recorder->state(), State::cancelled);
+    EXPECT_TRUE(logs.contains(LogLevel::info, "AudioRecorder", "Cancelling recording"));
+}
+
+TEST_F(AudioRecorderTest, ReaderWalkingAwayStopsTheEngineAndRemovesTheFile) {
+    auto recorder = makeRecorder(directory.path() / "take.wav", AudioFormat::wav);
+    deliverRamp(*recorder, 48000.0, 2);
+    events.cancel();
+    recorder->state();  // the cancellation handling has run
+
+    EXPECT_EQ(recorder->state(), State::finished);
+    EXPECT_FALSE(std::filesystem::exists(directory.path() / "take.wav"));
+    EXPECT_FALSE(engine()->isRunning());
+    EXPECT_TRUE(logs.contains(LogLevel::info, "AudioRecorder", "Recording cancelled"));
+    recorder->stop();  // finished: nothing more happens
+    EXPECT_FALSE(logs.contains(LogLevel::info, "AudioRecorder", "Stopping recording"));
+}
+
+TEST_F(AudioRecorderTest, LiveAudioStreamCarriesTheWrittenBlocksAndEndsAtStop) {
+    useMicrophoneFormat(16000.0);
+    auto recorder = AudioRecorder::create(directory.path() / "take.wav", AudioFormat::wav, std::nullopt,
+                                          fakes.services(), clock);
+    auto audio = recorder->audioStream();
+    events = recorder->events();
+    recorder->state();
+    deliverRamp(*recorder, 16000.0, 4);
+    recorder->stop();
+
+    int64_t frames = 0;
+    while (audio.waitFor(std::chrono::seconds(5))) {
+        auto block = audio.next();
+        if (!block) break;
+        frames += (*block)->frameLength();
+    }
+    EXPECT_TRUE(audio.isTerminated());
+    EXPECT_EQ(frames, 4 * 1024);
+}
+
+TEST_F(AudioRecorderTest, StartFailuresEndTheStreamWithTheirOwnError) {
+    struct Case {
+        std::string name;
+        std::function<void(AudioRecorderTest&)> script;
+        std::optional<MicrophoneDevice> microphone;
+        std::string expectedDescription;
+        std::string expectedCriticalLog;
+    };
+    const std::vector<Case> cases = {
+        {"engine refuses to start",
+         [](AudioRecorderTest& t) {
+             platform::FakeAudioInputEngine::Script script;
+             script.startFailure = "Connection refused";
+             t.fakes.audioEngineFactory = platform::FakeAudioEngineFactory::create(script);
+         },
+         std::nullopt, "Connection refused", "Failed to start recording: Connection refused"},
+        {"preferred microphone not discovered", [](AudioRecorderTest&) {},
+         MicrophoneDevice{"missing-mic", "Missing", false}, "Unknown recording error occurred",
+         "Could not find AVCaptureDevice for microphone ID: missing-mic"},
+        {"device refuses selection",
+         [](AudioRecorderTest& t) {
+             t.fakes.captureDeviceDiscovery->setDevices({{"BuiltInMicrophoneDevice", "Built-in", {}}});
+             platform::FakeAudioInputEngine::Script script;
+             script.setCurrentDeviceStatus = -10851;
+             t.fakes.audioEngineFactory = platform::FakeAudioEngineFactory::create(script);
+         },
+         MicrophoneDevice{"BuiltInMicrophoneDevice", "Built-in", true}, "Unknown recording error occurred",
+         "Failed to set input device on AudioUnit: OSStatus = -10851"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        logs.clear();
+        fakes = platform::FakePlatformServices{};
+        c.script(*this);
+        auto recorder = makeRecorder(directory.path() / "take.wav", AudioFormat::wav, c.microphone);
+        auto drained = drainUntilEnd(events);
+        ASSERT_TRUE(drained.ended);
+        EXPECT_THAT(drained.kinds(), ElementsAre(Kind::starting));
+        ASSERT_NE(drained.error, nullptr);
+        EXPECT_EQ(describeError(drained.error), c.expectedDescription);
+        EXPECT_TRUE(logs.contains(LogLevel::critical, "AudioRecorder", c.expectedCriticalLog));
+        EXPECT_EQ(recorder->state(), State::idle);
+    }
+}
+
+TEST_F(AudioRecorderTest, AFileThatCannotBeOpenedFailsTheStart) {
+    auto recorder = makeRecorder(directory.path() / "no-such-directory" / "take.wav", AudioFormat::wav);
+    auto drained = drainUntilEnd(events);
+    ASSERT_NE(drained.error, nullptr);
+    EXPECT_THAT(drained.kinds(), ElementsAre(Kind::starting));
+    EXPECT_TRUE(logs.containsPrefix("AudioRecorder", "Failed to start recording: "));
+}
+
+TEST_F(AudioRecorderTest, SelectsThePreferredMicrophoneBeforeStarting) {
+    fakes.captureDeviceDiscovery->setDevices({{"BuiltInMicrophoneDevice", "Built-in", {}}});
+    auto recorder =
+        makeRecorder(directory.path() / "take.wav", AudioFormat::wav, MicrophoneDevice{"BuiltInMicrophoneDevice", "Built-in", true});
+    EXPECT_EQ(recorder->state(), State::recording);
+    EXPECT_EQ(engine()->currentDevice(), std::optional<platform::AudioObjectID>(41));
+    EXPECT_TRUE(logs.contains(LogLevel::info, "AudioRecorder", "🎙️ Successfully configured macOS input device: 'Built-in'"));
+    recorder->cancel();
+}
+
+TEST_F(AudioRecorderTest, StopReportsAMissingOrEmptyFileInsteadOfFinished) {
+    {
+        auto recorder = makeRecorder(directory.path() / "gone.wav", AudioFormat::wav);
+        std::filesystem::remove(directory.path() / "gone.wav");
+        recorder->stop();
+        auto drained = drainUntilEnd(events);
+        EXPECT_EQ(drained.count(Kind::finished), 0);
+        ASSERT_NE(drained.error, nullptr);
+        EXPECT_EQ(describeError(drained.error), "Recording file not found");
+        EXPECT_TRUE(logs.contains(LogLevel::critical, "AudioRecorder", "Recording file not found"));
+    }
+    {
+        auto recorder = makeRecorder(directory.path() / "empty.wav", AudioFormat::wav);
+        // The writer keeps its (now unlinked) file; the name points at an empty one.
+        std::filesystem::remove(directory.path() / "empty.wav");
+        { std::ofstream(directory.path() / "empty.wav"); }
+        recorder->stop();
+        auto drained = drainUntilEnd(events);
+        EXPECT_EQ(drained.count(Kind::finished), 0);
+        ASSERT_NE(drained.error, nullptr);
+        EXPECT_EQ(describeError(drained.error), "Recording file is empty");
+    }
+}
+
+TEST_F(AudioRecorderTest, AFileThatCanNoLongerBeWrittenEndsTheRecordingAfterFinished) {
+    useMicrophoneFormat(16000.0);
+    auto recorder = makeRecorder(directory.path() / "take.wav", AudioFormat::wav);
+    deliverRamp(*recorder, 16000.0, 2);
+    {
+        velto::testing::ScopedFileSizeLimit limit(12 * 1024);  // room for about one more block
+        deliverRamp(*recorder, 16000.0, 4);
+    }
+    EXPECT_EQ(recorder->state(), State::finished);
+    deliverRamp(*recorder, 16000.0, 1);  // nothing is listening any more
+
+    auto drained = drainUntilEnd(events);
+    ASSERT_TRUE(drained.ended);
+    ASSERT_GE(drained.events.size(), 3u);
+    EXPECT_EQ(drained.events.back().kind, Kind::finished);
+    EXPECT_EQ(drained.events.back().fileURL, directory.path() / "take.wav");
+    ASSERT_NE(drained.error, nullptr);
+    try {
+        std::rethrow_exception(drained.error);
+    } catch (const RecordingError& error) {
+        EXPECT_EQ(error.code(), RecordingError::Code::fileSystemError);
+        EXPECT_THAT(error.errorDescription(), ::testing::StartsWith("File system error: "));
+    } catch (...) {
+        ADD_FAILURE() << "expected a RecordingError";
+    }
+    EXPECT_FALSE(engine()->isRunning());
+    EXPECT_TRUE(logs.containsPrefix("AudioRecorder", "Failed to write audio buffer: "));
+    // What was written before the failure is still a readable recording.
+    const auto recorded = readRecording(directory.path() / "take.wav");
+    ASSERT_TRUE(recorded.opened);
+    EXPECT_GE(recorded.samples.size(), 2u * 1024u);
+}
+
+TEST(AudioRecorderLevels, MeasuresTheFirstChannelInDecibels) {
+    const auto levelsOf = [](std::vector<float> samples) {
+        auto buffer = PcmBuffer::make(*PcmFormat::make(16000.0, 1, false), static_cast<uint32_t>(samples.size()));
+        buffer->setFrameLength(static_cast<uint32_t>(samples.size()));
+        std::copy(samples.begin(), samples.end(), buffer->floatChannelData()[0]);
+        return AudioRecorder::calculateLevels(*buffer);
+    };
+    EXPECT_EQ(levelsOf(std::vector<float>(512, 0.0f)), AudioLevels::silence());
+    EXPECT_EQ(levelsOf({}), AudioLevels::silence());
+    std::vector<float> square(512);
+    for (size_t i = 0; i < square.size(); ++i) square[i] = i % 2 ? 1.0f : -1.0f;
+    EXPECT_FLOAT_EQ(levelsOf(square).average, 0.0f);
+    EXPECT_FLOAT_EQ(levelsOf(square).peak, 0.0f);
+    std::vector<float> sine(16000);
+    for (size_t i = 0; i < sine.size(); ++i) sine[i] = 0.5f * static_cast<float>(std::sin(2 * M_PI * 1000.0 * i / 16000.0));
+    EXPECT_NEAR(levelsOf(sine).peak, -6.02f, 0.01f);
+    EXPECT_NEAR(levelsOf(sine).average, -9.03f, 0.01f);
+
+    // Interleaved stereo: only the left samples count.
+    auto stereo = PcmBuffer::make(*PcmFormat::make(16000.0, 2, true), 4);
+    stereo->setFrameLength(4);
+    const float interleaved[] = {0.5f, 1.0f, -0.5f, 1.0f, 0.5f, 1.0f, -0.5f, 1.0f};
+    std::copy(std::begin(interleaved), std::end(interleaved), stereo->floatChannelData()[0]);
+    EXPECT_NEAR(AudioRecorder::calculateLevels(*stereo).peak, -6.02f, 0.01f);
+}
+
+TEST(AudioEngineRecorderErrorTexts, AreFixed) {
+    EXPECT_EQ(AudioEngineRecorderError::alreadyInProgress().errorDescription(), "Recording already in progress");
+    EXPECT_EQ(AudioEngineRecorderError::failedToCreateConverter().errorDescription(),
+              "Failed to create audio format converter");
+    EXPECT_EQ(AudioEngineRecorderError::unknownError().errorDescription(), "Unknown recording error occurred");
+    EXPECT_EQ(AudioEngineRecorderError::unknownError().caseDescription(), "unknownError");
+    EXPECT_TRUE(AudioEngineRecorderError::emptyFile() == AudioEngineRecorderError::emptyFile());
+    EXPECT_FALSE(AudioEngineRecorderError::emptyFile() == AudioEngineRecorderError::fileNotFound());
+}
+
+}  // namespace
+}  // namespace velto

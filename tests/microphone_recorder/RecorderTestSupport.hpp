@@ -1,0 +1,178 @@
+#pragma once
+// Helpers shared by the recorder tests: a private temporary directory, deterministic
+// blocks (ramps that expose dropped or duplicated frames, sines for levels), draining an
+// event stream with a bound on waiting, and reading a recording back.
+
+#include <sndfile.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "veltoaudio/EventStream.hpp"
+#include "veltoaudio/PcmBuffer.hpp"
+#include "veltoaudio/RecordingEvent.hpp"
+
+namespace velto::testing {
+
+class TemporaryDirectory {
+public:
+    TemporaryDirectory() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "velto-recorder-XXXXXX").string();
+        path_ = ::mkdtemp(pattern.data());
+    }
+    ~TemporaryDirectory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+// A mono block whose samples continue a ramp: sample i of the stream is (i % 1000) / 1000.
+inline std::shared_ptr<PcmBuffer> rampBlock(double rateHertz, uint32_t frames, int64_t& nextIndex) {
+    auto buffer = PcmBuffer::make(*PcmFormat::make(rateHertz, 1, false), frames);
+    buffer->setFrameLength(frames);
+    float* samples = buffer->floatChannelData()[0];
+    for (uint32_t i = 0; i < frames; ++i, ++nextIndex) samples[i] = static_cast<float>(nextIndex % 1000) / 1000.0f;
+    return buffer;
+}
+
+inline std::shared_ptr<PcmBuffer> sineBlock(double rateHertz, uint32_t frames, double frequencyHertz, float amplitude,
+                                            int64_t& nextIndex) {
+    auto buffer = PcmBuffer::make(*PcmFormat::make(rateHertz, 1, false), frames);
+    buffer->setFrameLength(frames);
+    float* samples = buffer->floatChannelData()[0];
+    for (uint32_t i = 0; i < frames; ++i, ++nextIndex) {
+        samples[i] = amplitude * static_cast<float>(std::sin(2.0 * M_PI * frequencyHertz * nextIndex / rateHertz));
+    }
+    return buffer;
+}
+
+struct DrainedEvents {
+    std::vector<RecordingEvent> events;
+    std::exception_ptr error;   // the stream's error, if it ended with one
+    bool ended = false;         // false: gave up waiting
+    std::vector<RecordingEvent::Kind> kinds() const {
+        std::vector<RecordingEvent::Kind> result;
+        for (const auto& e : events) result.push_back(e.kind);
+        return result;
+    }
+    // The kinds with consecutive progress events collapsed into one.
+    std::vector<RecordingEvent::Kind> shape() const {
+        std::vector<RecordingEvent::Kind> result;
+        for (const auto& e : events) {
+            if (e.kind == RecordingEvent::Kind::progress && !result.empty() &&
+                result.back() == RecordingEvent::Kind::progress)
+                continue;
+            result.push_back(e.kind);
+        }
+        return result;
+    }
+    int count(RecordingEvent::Kind kind) const {
+        int n = 0;
+        for (const auto& e : events) n += e.kind == kind;
+        return n;
+    }
+};
+
+// Reads until the stream ends, waiting at most `timeout` for each element.
+inline DrainedEvents drainUntilEnd(EventStream<RecordingEvent>& stream,
+                                   std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+    DrainedEvents result;
+    while (stream.waitFor(timeout)) {
+        try {
+            auto event = stream.next();
+            if (!event) {
+                result.ended = true;
+                return result;
+            }
+            result.events.push_back(*event);
+        } catch (...) {
+            result.error = std::current_exception();
+            result.ended = true;
+            return result;
+        }
+    }
+    return result;
+}
+
+// Takes whatever is already buffered, without waiting for the end.
+inline std::vector<RecordingEvent> takeAvailable(EventStream<RecordingEvent>& stream) {
+    std::vector<RecordingEvent> result;
+    try {
+        while (stream.waitFor(std::chrono::milliseconds(0))) {
+            auto event = stream.next();
+            if (!event) break;
+            result.push_back(*event);
+        }
+    } catch (...) {
+    }
+    return result;
+}
+
+struct RecordedFile {
+    bool opened = false;
+    double sampleRate = 0;
+    int channels = 0;
+    int format = 0;
+    std::vector<float> samples;  // interleaved
+};
+
+inline RecordedFile readRecording(const std::filesystem::path& path) {
+    RecordedFile result;
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    if (!file) return result;
+    result.opened = true;
+    result.sampleRate = info.samplerate;
+    result.channels = info.channels;
+    result.format = info.format;
+    result.samples.resize(static_cast<size_t>(info.frames) * static_cast<size_t>(info.channels));
+    sf_readf_float(file, result.samples.data(), info.frames);
+    sf_close(file);
+    return result;
+}
+
+inline unsigned permissionsOf(const std::filesystem::path& path) {
+    struct stat status{};
+    if (::stat(path.c_str(), &status) != 0) return 0;
+    return status.st_mode & 0777;
+}
+
+// While it lives, files this process writes cannot grow beyond `bytes`: writes past it
+// fail (EFBIG) the way a full disk fails them.
+class ScopedFileSizeLimit {
+public:
+    explicit ScopedFileSizeLimit(rlim_t bytes) {
+        ::getrlimit(RLIMIT_FSIZE, &previous_);
+        previousHandler_ = std::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit = previous_;
+        limit.rlim_cur = bytes;
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~ScopedFileSizeLimit() {
+        ::setrlimit(RLIMIT_FSIZE, &previous_);
+        std::signal(SIGXFSZ, previousHandler_);
+    }
+    ScopedFileSizeLimit(const ScopedFileSizeLimit&) = delete;
+    ScopedFileSizeLimit& operator=(const ScopedFileSizeLimit&) = delete;
+
+private:
+    rlimit previous_{};
+    void (*previousHandler_)(int) = nullptr;
+};
+
+}  // namespace velto::testing
