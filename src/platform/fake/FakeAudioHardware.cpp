@@ -52,6 +52,7 @@ bool FakeAudioHardware::hasIOBlock() const {
 }
 
 bool FakeAudioHardware::deliverInput(const AudioBufferList& input) {
+    std::lock_guard delivering(deliveryMutex_);
     std::shared_ptr<AudioDeviceIOBlock> block;
     std::shared_ptr<SerialQueue> queue;
     {
@@ -223,6 +224,7 @@ OSStatus FakeAudioHardware::deviceStop(AudioObjectID deviceID, AudioDeviceIOProc
 }
 
 OSStatus FakeAudioHardware::destroyIOProcID(AudioObjectID deviceID, AudioDeviceIOProcID) {
+    std::lock_guard delivering(deliveryMutex_);
     std::lock_guard lock(mutex_);
     record("destroyIOProcID(" + std::to_string(deviceID) + ")");
     ioBlock_.reset();

@@ -80,6 +80,7 @@ private:
     const Device* findDevice(AudioObjectID id) const;        // lock held
 
     mutable std::mutex mutex_;
+    std::mutex deliveryMutex_;  // held while the IO block runs, so destroyIOProcID() can wait for it
     std::vector<std::string> calls_;
     std::optional<TapDescription> lastTap_;
     std::optional<PropertyDictionary> lastAggregate_;

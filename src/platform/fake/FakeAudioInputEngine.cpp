@@ -30,6 +30,7 @@ std::uint32_t FakeAudioInputEngine::tapBufferSizeFrames() const {
 }
 
 bool FakeAudioInputEngine::deliver(const PcmBuffer& buffer) {
+    std::lock_guard delivering(deliveryMutex_);
     std::shared_ptr<AudioInputTapBlock> tap;
     {
         std::lock_guard lock(mutex_);
@@ -71,6 +72,7 @@ void FakeAudioInputEngine::installTap(std::uint32_t bus, std::uint32_t bufferSiz
 }
 
 void FakeAudioInputEngine::removeTap(std::uint32_t bus) {
+    std::lock_guard delivering(deliveryMutex_);
     std::lock_guard lock(mutex_);
     calls_.push_back("removeTap(" + std::to_string(bus) + ")");
     tap_.reset();

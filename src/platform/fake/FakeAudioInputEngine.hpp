@@ -4,7 +4,8 @@
 // buffers are delivered from the test with deliver().
 //
 // Threads: all methods are thread-safe. deliver() runs the tap block on the calling
-// thread (a test plays the engine's delivery thread by calling it from a thread of its own).
+// thread (a test plays the engine's delivery thread by calling it from a thread of its own);
+// like the real engine, removeTap() waits for a running block to return.
 
 #include "platform/AudioInputEngine.hpp"
 
@@ -55,6 +56,7 @@ public:
 
 private:
     mutable std::mutex mutex_;
+    std::mutex deliveryMutex_;  // held while the tap block runs, so removeTap() can wait for it
     Script script_;
     std::vector<std::string> calls_;
     std::optional<AudioObjectID> currentDevice_;

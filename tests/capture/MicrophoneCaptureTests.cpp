@@ -1,0 +1,358 @@
+#include "capture/MicrophoneCapture.hpp"
+
+#include "logging/LogThinning.hpp"
+#include "microphone_recorder/AudioEngineRecorderError.hpp"
+#include "platform/fake/FakePlatformServices.hpp"
+#include "support/CapturedLogs.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace velto {
+namespace {
+
+using namespace platform;
+using testing::CapturedLogs;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr const char* kCategory = "MicrophoneCapture";
+
+FakeAudioInputEngineScript engineScript(PcmFormat input, std::optional<PcmFormat> output = std::nullopt,
+                                        bool hasAudioUnit = true, OSStatus setDeviceStatus = noErr,
+                                        std::optional<std::string> startFailure = std::nullopt) {
+    FakeAudioInputEngineScript script;
+    script.inputFormat = input;
+    script.outputFormat = output;
+    script.hasAudioUnit = hasAudioUnit;
+    script.setCurrentDeviceStatus = setDeviceStatus;
+    script.startFailure = std::move(startFailure);
+    return script;
+}
+
+// A non-interleaved block whose channel c holds the value c + 1 in every frame.
+std::shared_ptr<PcmBuffer> channelNumberedBuffer(std::uint32_t channels, std::uint32_t frames) {
+    auto buffer = PcmBuffer::make(PcmFormat{48000.0, channels, false}, frames);
+    const auto data = buffer->floatChannelData();
+    for (std::uint32_t c = 0; c < channels; ++c) std::fill(data[c], data[c] + frames, static_cast<float>(c + 1));
+    buffer->setFrameLength(frames);
+    return buffer;
+}
+
+std::vector<std::vector<float>> drain(FloatRingBuffer& ring) {
+    const auto frames = ring.availableFrames();
+    std::vector<std::vector<float>> channels(static_cast<std::size_t>(ring.channels()),
+                                             std::vector<float>(static_cast<std::size_t>(frames)));
+    std::vector<float*> destinations;
+    for (auto& channel : channels) destinations.push_back(channel.data());
+    ring.read(destinations, frames);
+    return channels;
+}
+
+class MicrophoneCaptureTest : public ::testing::Test {
+protected:
+    MicrophoneCaptureTest() {
+        fakes.captureDeviceDiscovery->setDevices({{"BuiltInMicrophoneDevice", "MacBook Pro Microphone", {}},
+                                                  {"USB-Mic-1", "USB Microphone", {}}});
+        fakes.audioHardware->devices = {{40, std::string("BuiltInSpeakerDevice")},
+                                        {41, std::string("BuiltInMicrophoneDevice")},
+                                        {42, std::string("USB-Mic-1")}};
+    }
+
+    std::shared_ptr<MicrophoneCapture> makeCapture(std::int64_t channels = 1, std::int64_t capacityFrames = 96000) {
+        auto capture = MicrophoneCapture::create(channels, capacityFrames, fakes.services());
+        engine = fakes.audioEngineFactory->lastEngine();
+        return capture;
+    }
+
+    FakePlatformServices fakes;
+    std::shared_ptr<FakeAudioInputEngine> engine;
+    CapturedLogs logs;
+    const MicrophoneDevice usbMicrophone{"USB-Mic-1", "USB Microphone", false};
+};
+
+TEST_F(MicrophoneCaptureTest, StartSetsUpAFreshEngineAndReportsTheFormats) {
+    auto capture = makeCapture();
+    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Created MicrophoneCapture with 1 channels, 96000 frame capacity"));
+    capture->start(1024);
+
+    EXPECT_TRUE(capture->isCapturing());
+    EXPECT_THAT(engine->calls(), ElementsAre("reset", "removeTap(0)", "installTap(0,1024)", "start"));
+    ASSERT_TRUE(capture->inputFormat().has_value());
+    EXPECT_EQ(capture->inputFormat()->sampleRate, 48000.0);
+
+    const std::string format = PcmFormat{48000.0, 1, false}.description();
+    EXPECT_THAT(logs.messages(kCategory),
+                ::testing::IsSupersetOf(std::vector<std::string>{
+                    "Starting microphone capture with system default input device",
+                    "Creating fresh AVAudioEngine for isolated microphone capture", "Hardware input format: " + format,
+                    "Installed audio tap with buffer size: 1024", "Hardware format: " + format, "Tap format: " + format,
+                    "✅ Sample rates match: 48000.0Hz", "Microphone capture started with format: " + format}));
+}
+
+TEST_F(MicrophoneCaptureTest, RateMismatchIsReportedButCaptureGoesOn) {
+    fakes.audioEngineFactory = FakeAudioEngineFactory::create(
+        engineScript(PcmFormat{48000.0, 1, false}, PcmFormat{44100.0, 1, false}));
+    auto capture = makeCapture();
+    capture->start(1024);
+    EXPECT_TRUE(capture->isCapturing());
+    EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "Sample rate mismatch detected! Hardware: 48000.0Hz, Tap: 44100.0Hz"));
+}
+
+TEST_F(MicrophoneCaptureTest, StartWhileCapturingAndStopWhileIdleDoNothing) {
+    auto capture = makeCapture();
+    capture->stop();
+    EXPECT_THAT(engine->calls(), IsEmpty());
+
+    capture->start(1024);
+    capture->start(1024);
+    EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "Microphone capture already active"));
+    const auto calls = engine->calls();
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), "start"), 1);
+}
+
+TEST_F(MicrophoneCaptureTest, StopRemovesTheTapBeforeStoppingTheEngineAndEmptiesTheRing) {
+    auto capture = makeCapture();
+    capture->start(1024);
+    engine->deliver(*channelNumberedBuffer(1, 1024));
+    ASSERT_EQ(capture->ringBuffer()->availableFrames(), 1024);
+
+    capture->stop();
+    const auto calls = engine->calls();
+    EXPECT_THAT(std::vector<std::string>(calls.end() - 2, calls.end()), ElementsAre("removeTap(0)", "stop"));
+    EXPECT_FALSE(capture->isCapturing());
+    EXPECT_EQ(capture->ringBuffer()->availableFrames(), 0);
+    EXPECT_FALSE(engine->deliver(*channelNumberedBuffer(1, 1024)));
+    EXPECT_THAT(logs.messages(kCategory), ::testing::IsSupersetOf(std::vector<std::string>{
+                                                 "Stopping microphone capture", "Cleanup completed",
+                                                 "Microphone capture stopped"}));
+}
+
+TEST_F(MicrophoneCaptureTest, FailedEngineStartCleansUpAndPassesThePlatformErrorOn) {
+    fakes.audioEngineFactory = FakeAudioEngineFactory::create(
+        engineScript(PcmFormat{48000.0, 1, false}, std::nullopt, true, noErr, "No input device"));
+    auto capture = makeCapture();
+    try {
+        capture->start(1024);
+        FAIL() << "start() should have failed";
+    } catch (const PlatformError& error) {
+        EXPECT_EQ(error.errorDescription(), "No input device");
+    }
+    EXPECT_FALSE(capture->isCapturing());
+    EXPECT_FALSE(engine->hasTap());
+    EXPECT_EQ(engine->calls().back(), "removeTap(0)");
+    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Cleanup completed"));
+}
+
+TEST_F(MicrophoneCaptureTest, ChannelsAreMappedOntoTheRing) {
+    struct Case {
+        std::uint32_t inputChannels;
+        std::int64_t ringChannels;
+        std::vector<float> expectedPerRingChannel;
+    };
+    for (const auto& c : {Case{2, 1, {1.0f}}, Case{1, 2, {1.0f, 1.0f}}, Case{3, 2, {1.0f, 2.0f}}}) {
+        SCOPED_TRACE(std::to_string(c.inputChannels) + " into " + std::to_string(c.ringChannels));
+        auto capture = makeCapture(c.ringChannels);
+        capture->start(1024);
+        engine->deliver(*channelNumberedBuffer(c.inputChannels, 480));
+        const auto channels = drain(*capture->ringBuffer());
+        ASSERT_EQ(channels.size(), c.expectedPerRingChannel.size());
+        for (std::size_t r = 0; r < channels.size(); ++r) {
+            ASSERT_EQ(channels[r].size(), 480u);
+            EXPECT_THAT(channels[r], ::testing::Each(c.expectedPerRingChannel[r]));
+        }
+    }
+}
+
+TEST_F(MicrophoneCaptureTest, ChannelMappingLineIsSampled) {
+    ScopedLogThinning alwaysLog(true);
+    auto capture = makeCapture(2);
+    capture->start(1024);
+    engine->deliver(*channelNumberedBuffer(1, 64));
+    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory,
+                              "Channel mapping: input 1 channels, ring buffer expects 2 channels, created 2 source pointers"));
+}
+
+TEST_F(MicrophoneCaptureTest, EmptyBlockWritesAndLogsNothing) {
+    ScopedLogThinning alwaysLog(true);
+    auto capture = makeCapture();
+    capture->start(1024);
+    logs.clear();
+    auto empty = channelNumberedBuffer(1, 1024);
+    empty->setFrameLength(0);
+    engine->deliver(*empty);
+    EXPECT_EQ(capture->ringBuffer()->availableFrames(), 0);
+    EXPECT_THAT(logs.messages(kCategory), IsEmpty());
+}
+
+TEST_F(MicrophoneCaptureTest, OverrunKeepsWhatFitsAndLogsEveryShortWrite) {
+    auto capture = makeCapture(1, 1324);
+    capture->start(1024);
+    engine->deliver(*channelNumberedBuffer(1, 1024));
+    engine->deliver(*channelNumberedBuffer(1, 1024));
+    EXPECT_EQ(capture->ringBuffer()->availableFrames(), 1324);
+    EXPECT_TRUE(logs.contains(LogLevel::error, kCategory,
+                              "Ring buffer overrun: wrote 300/1024 frames, buffer channels: 1, src pointers: 1, "
+                              "available space: 1324/1324"));
+    engine->deliver(*channelNumberedBuffer(1, 1024));
+    EXPECT_EQ(logs.count(kCategory,
+                         "Ring buffer overrun: wrote 0/1024 frames, buffer channels: 1, src pointers: 1, "
+                         "available space: 1324/1324"),
+              1);
+}
+
+TEST_F(MicrophoneCaptureTest, CountingSignalFromTheDeliveryThreadArrivesWithoutGaps) {
+    auto capture = makeCapture(1, 4096);
+    capture->start(256);
+    constexpr int kBlocks = 300;
+    std::thread delivery([&] {
+        auto block = PcmBuffer::make(PcmFormat{48000.0, 1, false}, 256);
+        block->setFrameLength(256);
+        for (int b = 0; b < kBlocks; ++b) {
+            for (int f = 0; f < 256; ++f) block->floatChannelData()[0][f] = static_cast<float>(b * 256 + f);
+            while (capture->ringBuffer()->capacityFrames() - capture->ringBuffer()->availableFrames() < 256) {
+                std::this_thread::yield();
+            }
+            engine->deliver(*block);
+        }
+    });
+    std::vector<float> samples(64);
+    float* destinations[] = {samples.data()};
+    float expected = 0.0f;
+    while (expected < static_cast<float>(kBlocks * 256)) {
+        const auto available = std::min<std::int64_t>(capture->ringBuffer()->availableFrames(), 64);
+        if (available == 0) {
+            std::this_thread::yield();
+            continue;
+        }
+        capture->ringBuffer()->read(destinations, available);
+        for (std::int64_t i = 0; i < available; ++i) ASSERT_EQ(samples[i], expected++);
+    }
+    delivery.join();
+    capture->stop();
+}
+
+// ---- input-device selection ----
+
+TEST_F(MicrophoneCaptureTest, ConfiguringADevicePointsTheEngineAtIt) {
+    auto capture = makeCapture();
+    capture->configureInputDevice(usbMicrophone);
+    EXPECT_EQ(engine->currentDevice(), 42u);
+    EXPECT_EQ(capture->selectedMicrophone(), usbMicrophone);
+    EXPECT_EQ(capture->selectedMicrophoneID(), 42u);
+    EXPECT_THAT(logs.messages(kCategory),
+                ::testing::IsSupersetOf(std::vector<std::string>{
+                    "🎙️ Configuring macOS input device: 'USB Microphone' (ID: USB-Mic-1)",
+                    "🎙️ Successfully configured macOS input device: 'USB Microphone'"}));
+    EXPECT_THAT(fakes.captureDeviceDiscovery->discoveries().front(),
+                ElementsAre(CaptureDeviceType::microphone, CaptureDeviceType::external));
+}
+
+TEST_F(MicrophoneCaptureTest, EachStartSelectsTheRememberedDeviceAgainAfterTheReset) {
+    auto capture = makeCapture();
+    capture->configureInputDevice(usbMicrophone);
+    capture->start(1024);
+    EXPECT_THAT(engine->calls(), ElementsAre("setCurrentDevice(42)", "reset", "setCurrentDevice(42)", "removeTap(0)",
+                                             "installTap(0,1024)", "start"));
+}
+
+TEST_F(MicrophoneCaptureTest, WithoutAPreferenceTheEngineStaysOnTheDefaultInput) {
+    auto capture = makeCapture();
+    capture->start(1024);
+    EXPECT_FALSE(engine->currentDevice().has_value());
+    EXPECT_TRUE(fakes.audioHardware->calls().empty());
+}
+
+struct SelectionFailure {
+    const char* name;
+    std::function<void(FakePlatformServices&)> arrange;
+    std::vector<std::string> criticalLines;
+};
+
+class MicrophoneSelectionFailureTest : public MicrophoneCaptureTest,
+                                       public ::testing::WithParamInterface<SelectionFailure> {};
+
+TEST_P(MicrophoneSelectionFailureTest, FailsWithUnknownErrorAndKeepsTheEarlierSelection) {
+    auto capture = makeCapture();
+    const MicrophoneDevice builtIn{"BuiltInMicrophoneDevice", "MacBook Pro Microphone", true};
+    capture->configureInputDevice(builtIn);
+    GetParam().arrange(fakes);
+    if (GetParam().name == std::string("NoAudioUnit")) {
+        engine->setScript(engineScript(PcmFormat{48000.0, 1, false}, std::nullopt, false));
+    } else if (GetParam().name == std::string("SetDeviceRefused")) {
+        engine->setScript(engineScript(PcmFormat{48000.0, 1, false}, std::nullopt, true, -10851));
+    }
+    logs.clear();
+    try {
+        capture->configureInputDevice(usbMicrophone);
+        FAIL() << "configureInputDevice() should have failed";
+    } catch (const AudioEngineRecorderError& error) {
+        EXPECT_EQ(error, AudioEngineRecorderError::unknownError());
+    }
+    EXPECT_EQ(capture->selectedMicrophone(), builtIn);
+    EXPECT_EQ(capture->selectedMicrophoneID(), 41u);
+    for (const auto& line : GetParam().criticalLines) {
+        EXPECT_TRUE(logs.contains(LogLevel::critical, kCategory, line)) << line;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EachStep, MicrophoneSelectionFailureTest,
+    ::testing::Values(
+        SelectionFailure{"NotDiscovered",
+                         [](FakePlatformServices& f) {
+                             f.captureDeviceDiscovery->setDevices({{"BuiltInMicrophoneDevice", "Built-in", {}}});
+                         },
+                         {"Could not find AVCaptureDevice for microphone ID: USB-Mic-1"}},
+        SelectionFailure{"DeviceListSize",
+                         [](FakePlatformServices& f) {
+                             f.audioHardware->setStatus(FakeAudioHardware::sizeKey(kAudioHardwarePropertyDevices),
+                                                        kAudioHardwareNotRunningError);
+                         },
+                         {"Failed to get audio devices data size: OSStatus = 1937010544",
+                          "Could not get AudioDeviceID for device: USB Microphone"}},
+        SelectionFailure{"DeviceListData",
+                         [](FakePlatformServices& f) {
+                             f.audioHardware->setStatus(FakeAudioHardware::dataKey(kAudioHardwarePropertyDevices), -1);
+                         },
+                         {"Failed to get audio devices: OSStatus = -1",
+                          "Could not get AudioDeviceID for device: USB Microphone"}},
+        SelectionFailure{"NoMatchingUID",
+                         [](FakePlatformServices& f) {
+                             // Unreadable and absent UIDs are skipped; nothing else matches.
+                             f.audioHardware->devices = {{41, std::string("BuiltInMicrophoneDevice")},
+                                                         {42, std::string("USB-Mic-1"), -1},
+                                                         {43, std::string("USB-Mic-1"), noErr, -2},
+                                                         {44, std::nullopt}};
+                         },
+                         {"Could not get AudioDeviceID for device: USB Microphone"}},
+        SelectionFailure{"NoAudioUnit", [](FakePlatformServices&) {}, {"Could not get AudioUnit from input node"}},
+        SelectionFailure{"SetDeviceRefused",
+                         [](FakePlatformServices&) {},
+                         {"Failed to set input device on AudioUnit: OSStatus = -10851"}}),
+    [](const ::testing::TestParamInfo<SelectionFailure>& info) { return std::string(info.param.name); });
+
+TEST_F(MicrophoneCaptureTest, DeviceLookupSkipsUnreadableDevicesAndTakesTheFirstMatch) {
+    fakes.audioHardware->devices = {{50, std::string("USB-Mic-1"), -1},
+                                    {51, std::nullopt},
+                                    {52, std::string("USB-Mic-1")},
+                                    {53, std::string("USB-Mic-1")}};
+    auto capture = makeCapture();
+    capture->configureInputDevice(usbMicrophone);
+    EXPECT_EQ(capture->selectedMicrophoneID(), 52u);
+}
+
+TEST_F(MicrophoneCaptureTest, FailedReselectionAtStartEndsTheStartCleanly) {
+    auto capture = makeCapture();
+    capture->configureInputDevice(usbMicrophone);
+    fakes.captureDeviceDiscovery->setDevices({});  // the microphone was unplugged
+    EXPECT_THROW(capture->start(1024), AudioEngineRecorderError);
+    EXPECT_FALSE(capture->isCapturing());
+    EXPECT_FALSE(engine->hasTap());
+    EXPECT_EQ(capture->selectedMicrophone(), usbMicrophone);
+}
+
+}  // namespace
+}  // namespace velto

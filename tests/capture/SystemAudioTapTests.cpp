@@ -1,0 +1,405 @@
+#include "capture/SystemAudioTap.hpp"
+
+#include "dispatch/SerialQueue.hpp"
+#include "logging/LogThinning.hpp"
+#include "platform/fake/FakePlatformServices.hpp"
+#include "support/CapturedLogs.hpp"
+#include "veltoaudio/RecordingError.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <numeric>
+#include <regex>
+
+namespace velto {
+namespace {
+
+using namespace platform;
+using testing::CapturedLogs;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr const char* kCategory = "SystemAudioTap";
+
+class SystemAudioTapTest : public ::testing::Test {
+protected:
+    std::shared_ptr<SystemAudioTap> makeTap(std::int64_t capacityFrames = 96000) {
+        return SystemAudioTap::create(2, capacityFrames, fakes.services());
+    }
+
+    // Frames of a two-channel ring, read back channel by channel.
+    static std::vector<std::vector<float>> drain(FloatRingBuffer& ring) {
+        const auto frames = ring.availableFrames();
+        std::vector<std::vector<float>> channels(static_cast<std::size_t>(ring.channels()),
+                                                 std::vector<float>(static_cast<std::size_t>(frames)));
+        std::vector<float*> destinations;
+        for (auto& channel : channels) destinations.push_back(channel.data());
+        ring.read(destinations, frames);
+        return channels;
+    }
+
+    FakePlatformServices fakes;
+    CapturedLogs logs;
+};
+
+TEST_F(SystemAudioTapTest, StartCreatesTapDeviceAndIOBlockInOrderAndReportsTheFormat) {
+    auto tap = makeTap();
+    tap->start();
+
+    EXPECT_TRUE(tap->isCapturing());
+    EXPECT_EQ(tap->tapID(), 77u);
+    EXPECT_EQ(tap->aggregateID(), 88u);
+    EXPECT_EQ(tap->asbd().mSampleRate, 48000.0);
+    EXPECT_EQ(tap->asbd().mChannelsPerFrame, 2u);
+
+    std::vector<std::string> creations;
+    for (const auto& call : fakes.audioHardware->calls()) {
+        if (call.rfind("create", 0) == 0 || call.rfind("deviceStart", 0) == 0) creations.push_back(call);
+    }
+    EXPECT_THAT(creations, ElementsAre("createProcessTap", "createAggregateDevice", "createIOProcIDWithBlock(88)",
+                                       "deviceStart(88)"));
+    EXPECT_EQ(fakes.audioHardware->ioQueue()->label(), "SystemAudioTap.IOProc");
+    EXPECT_EQ(fakes.audioHardware->ioQueue()->qualityOfService(), QualityOfService::userInteractive);
+
+    EXPECT_TRUE(logs.contains(LogLevel::info, kCategory, "Starting real Core Audio process tap"));
+    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Found 2 audio processes for tapping"));
+    EXPECT_TRUE(logs.contains(LogLevel::info, kCategory, "Created process tap with ID: 77"));
+    EXPECT_TRUE(logs.contains(LogLevel::info, kCategory, "Retrieved tap format: SR=48000.0, Channels=2, Format=0x6c70636d"));
+    EXPECT_TRUE(logs.contains(LogLevel::info, kCategory, "Created aggregate device with ID: 88"));
+    EXPECT_TRUE(logs.contains(LogLevel::info, kCategory, "System audio tap started successfully"));
+    EXPECT_TRUE(logs.contains(LogLevel::info, kCategory, "Tap format: SR: 48000.0Hz, Ch: 2, Format: 0x6c70636d, Flags: 0x9"));
+    EXPECT_TRUE(logs.containsPrefix(kCategory, "Installed IOProc on aggregate device with procID: 0x"));
+}
+
+TEST_F(SystemAudioTapTest, TapDescriptionIsAnAudiblePrivateMixdownOfEveryProcess) {
+    auto tap = makeTap();
+    tap->start();
+    const auto description = fakes.audioHardware->lastTapDescription();
+    ASSERT_TRUE(description.has_value());
+    EXPECT_THAT(description->processes, ElementsAre(101u, 102u));
+    EXPECT_FALSE(description->isExclusive);
+    EXPECT_TRUE(description->isPrivate);
+    EXPECT_EQ(description->muteBehavior, TapMuteBehavior::unmuted);
+    EXPECT_EQ(description->name, "Ondrel-SystemAudioTap");
+    EXPECT_TRUE(std::regex_match(description->uuid,
+                                 std::regex("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}")));
+    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Creating process tap with UUID: " + description->uuid));
+}
+
+TEST_F(SystemAudioTapTest, AggregateDeviceIsClockedByTheOutputAndCarriesTheTap) {
+    auto tap = makeTap();
+    tap->start();
+    const auto description = fakes.audioHardware->lastAggregateDescription();
+    ASSERT_TRUE(description.has_value());
+    std::vector<std::string> keys;
+    for (const auto& entry : description->entries()) keys.push_back(entry.first);
+    EXPECT_THAT(keys, ElementsAre("name", "uid", "master", "private", "stacked", "tapautostart", "subdevices", "taps"));
+    EXPECT_EQ(description->string("uid"), "io.veltoaudio.SystemAudioTap.TAP-UID-1");
+    EXPECT_EQ(description->string("master"), "BuiltInSpeakerDevice");
+    EXPECT_EQ(description->boolean("private"), true);
+    EXPECT_EQ(description->boolean("stacked"), false);
+    EXPECT_EQ(description->boolean("tapautostart"), true);
+
+    EXPECT_THAT(logs.messages(kCategory),
+                ::testing::IsSupersetOf({
+                    std::string("Creating aggregate device with output UID: BuiltInSpeakerDevice, tap UUID: TAP-UID-1"),
+                    std::string("Aggregate device configuration:"),
+                    std::string("  name: Ondrel-SystemAudioTap"),
+                    std::string("  uid: io.veltoaudio.SystemAudioTap.TAP-UID-1"),
+                    std::string("  private: true"),
+                    std::string("  subdevices: [[\"uid\": \"BuiltInSpeakerDevice\"]]"),
+                    std::string("  taps: [[\"drift\": true, \"uid\": \"TAP-UID-1\"]]"),
+                }));
+}
+
+TEST_F(SystemAudioTapTest, StartWhileCapturingAndStopWhileIdleDoNothing) {
+    auto tap = makeTap();
+    tap->stop();
+    EXPECT_THAT(fakes.audioHardware->calls(), IsEmpty());
+    EXPECT_THAT(logs.messages(kCategory), ElementsAre("Created SystemAudioTap with 2 channels, 96000 frame capacity"));
+
+    tap->start();
+    fakes.audioHardware->clearCalls();
+    tap->start();
+    EXPECT_THAT(fakes.audioHardware->calls(), IsEmpty());
+    EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "System audio tap already active"));
+}
+
+TEST_F(SystemAudioTapTest, EmptyProcessListStillCreatesATap) {
+    fakes.audioHardware->processes.clear();
+    auto tap = makeTap();
+    tap->start();
+    EXPECT_TRUE(tap->isCapturing());
+    EXPECT_THAT(fakes.audioHardware->lastTapDescription()->processes, IsEmpty());
+    EXPECT_TRUE(logs.contains(LogLevel::error, kCategory,
+                              "No audio processes found for tapping - system audio capture may not work as expected"));
+}
+
+struct StartFailure {
+    const char* name;
+    std::string operation;  // FakeAudioHardware status key
+    OSStatus status;
+    RecordingError expected;
+    const char* statusRuleLine;  // nullptr: the step does not log by the status rule
+};
+
+class SystemAudioTapStartFailureTest : public SystemAudioTapTest, public ::testing::WithParamInterface<StartFailure> {};
+
+TEST_P(SystemAudioTapStartFailureTest, FailureMapsToItsErrorAndLeavesNothingBehind) {
+    const auto& failure = GetParam();
+    fakes.audioHardware->setStatus(failure.operation, failure.status);
+    auto tap = makeTap();
+    try {
+        tap->start();
+        FAIL() << "start() should have failed";
+    } catch (const RecordingError& error) {
+        EXPECT_EQ(error, failure.expected) << error.caseDescription();
+    }
+    EXPECT_FALSE(tap->isCapturing());
+    EXPECT_EQ(tap->tapID(), 0u);
+    EXPECT_EQ(tap->aggregateID(), 0u);
+    EXPECT_FALSE(fakes.audioHardware->hasIOBlock());
+    if (failure.statusRuleLine != nullptr) {
+        EXPECT_TRUE(logs.contains(LogLevel::critical, kCategory, failure.statusRuleLine));
+    }
+    EXPECT_TRUE(logs.contains(LogLevel::critical, kCategory,
+                              "Failed to start system audio tap: " + failure.expected.caseDescription()));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EachStep, SystemAudioTapStartFailureTest,
+    ::testing::Values(
+        StartFailure{"ProcessListSize", FakeAudioHardware::sizeKey(kAudioHardwarePropertyProcessObjectList),
+                     kAudioHardwareNotRunningError,
+                     RecordingError::systemAudioTapCreationFailed(kAudioHardwareNotRunningError), nullptr},
+        StartFailure{"ProcessListData", FakeAudioHardware::dataKey(kAudioHardwarePropertyProcessObjectList), -1,
+                     RecordingError::systemAudioTapCreationFailed(-1), nullptr},
+        StartFailure{"CreateProcessTap", "createProcessTap", -4,
+                     RecordingError::systemAudioTapCreationFailed(-4), "AudioHardwareCreateProcessTap failed: -4"},
+        StartFailure{"TapFormat", FakeAudioHardware::dataKey(kAudioTapPropertyFormat), -5,
+                     RecordingError::systemAudioTapCreationFailed(-5), nullptr},
+        StartFailure{"DefaultOutput", FakeAudioHardware::dataKey(kAudioHardwarePropertyDefaultSystemOutputDevice), -6,
+                     RecordingError::systemAudioTapCreationFailed(-6), nullptr},
+        StartFailure{"TapUID", FakeAudioHardware::dataKey(kAudioTapPropertyUID), -7,
+                     RecordingError::systemAudioTapCreationFailed(-7),
+                     "AudioObjectGetPropertyData (tap UUID) failed: -7"},
+        StartFailure{"CreateAggregateDevice", "createAggregateDevice", -8,
+                     RecordingError::systemAudioDeviceCreationFailed(-8),
+                     "AudioHardwareCreateAggregateDevice failed: -8"},
+        StartFailure{"CreateIOProc", "createIOProcIDWithBlock", -9, RecordingError::systemAudioTapCreationFailed(-9),
+                     "AudioDeviceCreateIOProcIDWithBlock failed: -9"},
+        StartFailure{"DeviceStart", "deviceStart", -50, RecordingError::systemAudioDeviceStartFailed(-50),
+                     "AudioDeviceStart failed: -50"}),
+    [](const ::testing::TestParamInfo<StartFailure>& info) { return std::string(info.param.name); });
+
+TEST_F(SystemAudioTapTest, FailedDeviceStartTearsDownInReverseOrderAndResetsTheRing) {
+    fakes.audioHardware->setStatus("deviceStart", -50);
+    auto tap = makeTap();
+    std::vector<float> samples(64, 0.5f);
+    const float* sources[] = {samples.data(), samples.data()};
+    tap->ringBuffer()->write(sources, 64);
+
+    EXPECT_THROW(tap->start(), RecordingError);
+
+    std::vector<std::string> teardown;
+    for (const auto& call : fakes.audioHardware->calls()) {
+        if (call.rfind("destroy", 0) == 0 || call.rfind("deviceStop", 0) == 0) teardown.push_back(call);
+    }
+    EXPECT_THAT(teardown, ElementsAre("deviceStop(88)", "destroyIOProcID(88)", "destroyAggregateDevice(88)",
+                                      "destroyProcessTap(77)"));
+    EXPECT_EQ(tap->ringBuffer()->availableFrames(), 0);
+}
+
+TEST_F(SystemAudioTapTest, ZeroAggregateDeviceIDFailsWithSuccessStatusAndDestroysTheTap) {
+    fakes.audioHardware->nextAggregateID = 0;
+    auto tap = makeTap();
+    try {
+        tap->start();
+        FAIL() << "start() should have failed";
+    } catch (const RecordingError& error) {
+        EXPECT_EQ(error, RecordingError::systemAudioDeviceCreationFailed(0));
+    }
+    EXPECT_TRUE(logs.contains(LogLevel::critical, kCategory, "Aggregate device ID is 0 - creation may have failed silently"));
+    const auto calls = fakes.audioHardware->calls();
+    EXPECT_EQ(calls.back(), "destroyProcessTap(77)");
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), "destroyAggregateDevice(0)"), 0);
+}
+
+TEST_F(SystemAudioTapTest, StopTearsDownAndStartAgainMakesANewTap) {
+    auto tap = makeTap();
+    tap->start();
+    const auto firstUUID = fakes.audioHardware->lastTapDescription()->uuid;
+    fakes.audioHardware->clearCalls();
+    tap->stop();
+    EXPECT_THAT(fakes.audioHardware->calls(), ElementsAre("deviceStop(88)", "destroyIOProcID(88)",
+                                                          "destroyAggregateDevice(88)", "destroyProcessTap(77)"));
+    EXPECT_FALSE(tap->isCapturing());
+    EXPECT_TRUE(logs.contains(LogLevel::info, kCategory, "Stopping system audio tap"));
+    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "System audio tap stopped"));
+
+    tap->start();
+    EXPECT_TRUE(tap->isCapturing());
+    EXPECT_NE(fakes.audioHardware->lastTapDescription()->uuid, firstUUID);
+}
+
+TEST_F(SystemAudioTapTest, DestructionWhileCapturingStopsFirst) {
+    auto tap = makeTap();
+    tap->start();
+    tap.reset();
+    const auto calls = fakes.audioHardware->calls();
+    EXPECT_EQ(calls.back(), "destroyProcessTap(77)");
+    const auto messages = logs.messages(kCategory);
+    EXPECT_EQ(messages.back(), "SystemAudioTap deallocated");
+}
+
+// ---- the IO block ----
+
+class SystemAudioTapInputTest : public SystemAudioTapTest {
+protected:
+    void SetUp() override {
+        tap = makeTap(8192);
+        tap->start();
+    }
+
+    std::shared_ptr<SystemAudioTap> tap;
+};
+
+TEST_F(SystemAudioTapInputTest, InterleavedStereoIsDeinterleavedFrameByFrame) {
+    std::vector<float> interleaved(1024);
+    std::iota(interleaved.begin(), interleaved.end(), 0.0f);  // frame f: left 2f, right 2f+1
+    AudioBuffer buffer{2, 4096, interleaved.data()};
+    ASSERT_TRUE(fakes.audioHardware->deliverInput(AudioBufferList{1, &buffer}));
+
+    const auto channels = drain(*tap->ringBuffer());
+    ASSERT_EQ(channels[0].size(), 512u);
+    for (std::size_t f = 0; f < 512; ++f) {
+        ASSERT_EQ(channels[0][f], static_cast<float>(2 * f));
+        ASSERT_EQ(channels[1][f], static_cast<float>(2 * f + 1));
+    }
+}
+
+TEST_F(SystemAudioTapInputTest, InterleavedChannelsBeyondTheRingAreDropped) {
+    std::vector<float> interleaved(3 * 100);
+    for (std::size_t f = 0; f < 100; ++f) {
+        interleaved[3 * f] = 1.0f;
+        interleaved[3 * f + 1] = 2.0f;
+        interleaved[3 * f + 2] = 3.0f;
+    }
+    AudioBuffer buffer{3, static_cast<std::uint32_t>(interleaved.size() * 4), interleaved.data()};
+    fakes.audioHardware->deliverInput(AudioBufferList{1, &buffer});
+    const auto channels = drain(*tap->ringBuffer());
+    ASSERT_EQ(channels[0].size(), 100u);
+    EXPECT_THAT(channels[0], ::testing::Each(1.0f));
+    EXPECT_THAT(channels[1], ::testing::Each(2.0f));
+}
+
+TEST_F(SystemAudioTapInputTest, InterleavedCycleOver2048FramesIsDroppedWhole) {
+    std::vector<float> interleaved(2 * 2049, 0.25f);
+    AudioBuffer oversized{2, 2049 * 8, interleaved.data()};
+    fakes.audioHardware->deliverInput(AudioBufferList{1, &oversized});
+    EXPECT_EQ(tap->ringBuffer()->availableFrames(), 0);
+
+    AudioBuffer largest{2, 2048 * 8, interleaved.data()};
+    fakes.audioHardware->deliverInput(AudioBufferList{1, &largest});
+    EXPECT_EQ(tap->ringBuffer()->availableFrames(), 2048);
+}
+
+TEST_F(SystemAudioTapInputTest, NonInterleavedBuffersAreWrittenPerChannel) {
+    std::vector<float> left(256, -0.5f);
+    std::vector<float> right(256, 0.75f);
+    AudioBuffer buffers[] = {{1, 1024, left.data()}, {1, 1024, right.data()}};
+    fakes.audioHardware->deliverInput(AudioBufferList{2, buffers});
+    const auto channels = drain(*tap->ringBuffer());
+    ASSERT_EQ(channels[0].size(), 256u);
+    EXPECT_THAT(channels[0], ::testing::Each(-0.5f));
+    EXPECT_THAT(channels[1], ::testing::Each(0.75f));
+}
+
+TEST_F(SystemAudioTapInputTest, MalformedCyclesWriteNothing) {
+    ScopedLogThinning alwaysLog(true);
+    fakes.audioHardware->deliverInput(AudioBufferList{0, nullptr});
+    EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "SystemAudioTap IOProc called but no audio buffers available"));
+
+    AudioBuffer noData{2, 4096, nullptr};
+    fakes.audioHardware->deliverInput(AudioBufferList{1, &noData});
+
+    std::vector<float> left(256);
+    AudioBuffer oneMissing[] = {{1, 1024, left.data()}, {1, 1024, nullptr}};
+    fakes.audioHardware->deliverInput(AudioBufferList{2, oneMissing});
+
+    // A single mono buffer is offered as one channel, which the two-channel ring refuses.
+    AudioBuffer mono{1, 1024, left.data()};
+    fakes.audioHardware->deliverInput(AudioBufferList{1, &mono});
+    EXPECT_TRUE(logs.contains(LogLevel::critical, "FloatRingBuffer",
+                              "Source channel count (1) doesn't match buffer channels (2)"));
+
+    EXPECT_EQ(tap->ringBuffer()->availableFrames(), 0);
+}
+
+TEST_F(SystemAudioTapInputTest, SampledLinesReportFramesAndFill) {
+    ScopedLogThinning alwaysLog(true);
+    std::vector<float> interleaved(2 * 512, 0.1f);
+    AudioBuffer buffer{2, 4096, interleaved.data()};
+    fakes.audioHardware->deliverInput(AudioBufferList{1, &buffer});
+    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "SystemAudioTap buffer: 512 frames, 2 channels, 1 buffers"));
+    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory,
+                              "SystemAudioTap (interleaved) wrote 512/512 frames to ring buffer (available: 512/8192)"));
+
+    std::vector<float> left(128), right(128);
+    AudioBuffer buffers[] = {{1, 512, left.data()}, {1, 512, right.data()}};
+    fakes.audioHardware->deliverInput(AudioBufferList{2, buffers});
+    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory,
+                              "SystemAudioTap (non-interleaved) wrote 128/128 frames to ring buffer (available: 640/8192)"));
+}
+
+TEST_F(SystemAudioTapInputTest, NoLinesInTheIOBlockWhenSamplingSaysNo) {
+    ScopedLogThinning neverLog(false);
+    logs.clear();
+    fakes.audioHardware->deliverInput(AudioBufferList{0, nullptr});
+    std::vector<float> interleaved(2 * 512, 0.1f);
+    AudioBuffer buffer{2, 4096, interleaved.data()};
+    fakes.audioHardware->deliverInput(AudioBufferList{1, &buffer});
+    EXPECT_THAT(logs.messages(kCategory), IsEmpty());
+}
+
+TEST_F(SystemAudioTapInputTest, CountingSignalFromTheIOQueueArrivesWithoutGapsWhileTheMixerDrains) {
+    // Producer: the IO queue (through the fake). Consumer: this thread, like the mixer.
+    constexpr int kCycles = 400;
+    constexpr std::uint32_t kFrames = 256;
+    std::thread producer([&] {
+        std::vector<float> interleaved(2 * kFrames);
+        for (int cycle = 0; cycle < kCycles; ++cycle) {
+            for (std::uint32_t f = 0; f < kFrames; ++f) {
+                const float value = static_cast<float>(cycle * kFrames + f);
+                interleaved[2 * f] = value;
+                interleaved[2 * f + 1] = -value;
+            }
+            AudioBuffer buffer{2, kFrames * 8, interleaved.data()};
+            while (tap->ringBuffer()->capacityFrames() - tap->ringBuffer()->availableFrames() < kFrames) {
+                std::this_thread::yield();
+            }
+            fakes.audioHardware->deliverInput(AudioBufferList{1, &buffer});
+        }
+    });
+    std::vector<float> left(100), right(100);
+    float* destinations[] = {left.data(), right.data()};
+    float expected = 0.0f;
+    while (expected < static_cast<float>(kCycles * kFrames)) {
+        const auto available = std::min<std::int64_t>(tap->ringBuffer()->availableFrames(), 100);
+        if (available == 0) {
+            std::this_thread::yield();
+            continue;
+        }
+        tap->ringBuffer()->read(destinations, available);
+        for (std::int64_t i = 0; i < available; ++i) {
+            ASSERT_EQ(left[i], expected);
+            ASSERT_EQ(right[i], -expected);
+            expected += 1.0f;
+        }
+    }
+    producer.join();
+}
+
+}  // namespace
+}  // namespace velto
