@@ -14,3 +14,5 @@
 #include "veltoaudio/RecordingConfiguration.hpp"
 #include "veltoaudio/RecordingError.hpp"
 #include "veltoaudio/RecordingEvent.hpp"
+#include "veltoaudio/RecordingService.hpp"
+#include "veltoaudio/UserDefaultsMicrophoneStorage.hpp"
