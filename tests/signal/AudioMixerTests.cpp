@@ -1,0 +1,281 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "MixerTestRig.hpp"
+#include "logging/LogThinning.hpp"
+#include "support/CapturedLogs.hpp"
+
+namespace velto {
+namespace {
+
+using testing::CapturedLogs;
+using testing::drainStream;
+using testing::MixerRig;
+using testing::ScratchFolder;
+using testing::writeConstant;
+
+constexpr const char* kCategory = "AudioMixer";
+
+PcmFormat fileFormat16k() { return *PcmFormat::make(16000, 1, true); }
+
+TEST(AudioMixerTest, CreationClampsTheJitterReserveAndLogsItsBuffers) {
+    CapturedLogs logs;
+    {
+        auto mixer = AudioMixer::create(1024, 100, std::make_shared<ManualClock>(), MixingTicks::caller);
+        EXPECT_EQ(mixer->jitterBufferFrames(), 512);
+        EXPECT_EQ(mixer->systemGain(), 0.7f);
+        EXPECT_EQ(mixer->microphoneGain(), 1.0f);
+        EXPECT_EQ(mixer->currentLevels(), AudioLevels::silence());
+        mixer->setSystemGain(0.3f);
+        mixer->setMicrophoneGain(0.5f);
+    }
+    EXPECT_EQ(logs.messages(kCategory),
+              (std::vector<std::string>{"Allocated mixing buffers and temporary buffers: 1024 frames each",
+                                        "Created AudioMixer with 1024 frame capacity, 512 jitter buffer frames",
+                                        "System gain set to: 0.3", "Microphone gain set to: 0.5",
+                                        "Deallocated mixing buffers and temporary buffers", "AudioMixer deallocated"}));
+}
+
+TEST(AudioMixerTest, MixingRateIsTheFirstStandardRateAboveBothSources) {
+    EXPECT_EQ(AudioMixer::chooseMixingRate(44100, 48000), 48000.0);
+    EXPECT_EQ(AudioMixer::chooseMixingRate(48000, 16000), 48000.0);
+    EXPECT_EQ(AudioMixer::chooseMixingRate(22050, 11025), 24000.0);
+    EXPECT_EQ(AudioMixer::chooseMixingRate(8000, 8000), 8000.0);
+    EXPECT_EQ(AudioMixer::chooseMixingRate(200000, 8000), 200000.0);
+}
+
+TEST(AudioMixerTest, DualStartLogsItsStepsAndASecondStartIsRefused) {
+    MixerRig rig;
+    auto systemRing = FloatRingBuffer::create(2, 96000);
+    auto microphoneRing = FloatRingBuffer::create(1, 96000);
+    CapturedLogs logs;
+    rig.mixer->startDualSourceMixing(systemRing, 44100, 2, microphoneRing, 48000, nullptr, fileFormat16k());
+    EXPECT_TRUE(rig.mixer->isMixing());
+    EXPECT_EQ(rig.mixer->mixingSampleRate(), 48000.0);
+    EXPECT_EQ(logs.messages(kCategory),
+              (std::vector<std::string>{"Starting dual-source audio mixing", "System audio: 44100.0Hz, 2 channels",
+                                        "Microphone: 48000.0Hz, 1 channel",
+                                        "Choosing mixing rate: system=44100.0Hz, mic=48000.0Hz -> mixing=48000.0Hz",
+                                        "Created system audio converter: 44100.0Hz -> 48000.0Hz",
+                                        "No microphone conversion needed: 48000.0Hz",
+                                        "Created output converter: 48000.0Hz -> 16000.0Hz",
+                                        "Dual-source audio mixing started successfully with temporal synchronization"}));
+    logs.clear();
+    rig.mixer->startDualSourceMixing(systemRing, 48000, 2, microphoneRing, 48000, nullptr, fileFormat16k());
+    EXPECT_EQ(logs.messages(kCategory), std::vector<std::string>{"Audio mixing already active"});
+    EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "Audio mixing already active"));
+    EXPECT_EQ(rig.mixer->mixingSampleRate(), 48000.0);
+}
+
+TEST(AudioMixerTest, StartFailsWhenAFormatCannotBeMade) {
+    MixerRig rig;
+    auto ring = FloatRingBuffer::create(1, 4096);
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    struct Case { double system, microphone; AudioMixerError::Code code; };
+    for (const auto& c : {Case{nan, nan, AudioMixerError::Code::failedToCreateMixingFormat},
+                          Case{0, 48000, AudioMixerError::Code::failedToCreateSystemAudioInputFormat},
+                          Case{48000, -1, AudioMixerError::Code::failedToCreateMicrophoneInputFormat}}) {
+        try {
+            rig.mixer->startDualSourceMixing(ring, c.system, 1, ring, c.microphone, nullptr, fileFormat16k());
+            ADD_FAILURE() << "start succeeded for " << c.system << " / " << c.microphone;
+        } catch (const AudioMixerError& error) {
+            EXPECT_EQ(error.code(), c.code);
+        }
+        EXPECT_FALSE(rig.mixer->isMixing());
+    }
+    EXPECT_EQ(AudioMixerError::failedToCreateMixingFormat().errorDescription(), "Failed to create mixing format");
+    EXPECT_EQ(AudioMixerError::failedToCreateSystemAudioInputFormat().errorDescription(),
+              "Failed to create system audio input format");
+    EXPECT_EQ(AudioMixerError::failedToCreateMicrophoneInputFormat().errorDescription(),
+              "Failed to create microphone input format");
+}
+
+TEST(AudioMixerTest, JitterReserveStaysUnreadAndBlocksAreAtLeast64Frames) {
+    MixerRig rig;
+    auto ring = FloatRingBuffer::create(1, 96000);
+    rig.mixer->startMixing(nullptr, ring, 48000, 1, nullptr, fileFormat16k());
+    rig.clock->advance(1.0);
+    writeConstant(*ring, 0.1f, 3100);
+    rig.mixer->tick();
+    EXPECT_EQ(rig.mixer->totalFramesProcessed(), 0);  // 28 spare frames: too few
+    writeConstant(*ring, 0.1f, 36);
+    rig.mixer->tick();
+    EXPECT_EQ(rig.mixer->totalFramesProcessed(), 64);
+    EXPECT_EQ(ring->availableFrames(), 3072);
+}
+
+TEST(AudioMixerTest, PacingFollowsTheClockAtMostOneBufferPerTick) {
+    MixerRig rig;
+    auto ring = FloatRingBuffer::create(1, 96000);
+    writeConstant(*ring, 0.1f, 96000);
+    rig.mixer->startMixing(nullptr, ring, 48000, 1, nullptr, fileFormat16k());
+    rig.clock->advance(0.05);  // 2400 frames due
+    std::vector<int64_t> totals;
+    for (int i = 0; i < 4; ++i) {
+        rig.mixer->tick();
+        totals.push_back(rig.mixer->totalFramesProcessed());
+    }
+    EXPECT_EQ(totals, (std::vector<int64_t>{1024, 2048, 2400, 2400}));
+    rig.clock->advance(2.0);  // far behind: still one buffer per tick
+    rig.mixer->tick();
+    EXPECT_EQ(rig.mixer->totalFramesProcessed(), 2400 + 1024);
+}
+
+// A single microphone source at 16 kHz into a 16 kHz WAV file (no
+// conversion anywhere). The jitter reserve is filled with `value`, so that a
+// mix of `value` comes out as that value alone.
+struct DirectPath {
+    explicit DirectPath(float value = 0.0f) : folder("velto-mixer"), ring(FloatRingBuffer::create(1, 96000)) {
+        file = AudioFile::openForWriting(folder.file("mix.wav"), makeAudioSettings(AudioFormat::wav));
+        stream = rig.mixer->audioStream();
+        rig.mixer->startMixing(nullptr, ring, 16000, 1, file, file->processingFormat());
+        writeConstant(*ring, value, 3072);
+    }
+    std::vector<float> mix(float value, int64_t frames) {
+        writeConstant(*ring, value, frames);
+        rig.clock->advance(static_cast<double>(frames) / 16000.0);
+        rig.mixer->tick();
+        return drainStream(stream);
+    }
+    MixerRig rig;
+    ScratchFolder folder;
+    std::shared_ptr<FloatRingBuffer> ring;
+    std::shared_ptr<AudioFile> file;
+    AudioBufferStream stream;
+};
+
+TEST(AudioMixerTest, ClipsAboveThresholdAndCountsEachClippedBlock) {
+    CapturedLogs logs;
+    ScopedLogThinning alwaysLog(true);
+    {
+        DirectPath atThreshold(0.98f);
+        EXPECT_EQ(atThreshold.mix(0.98f, 128), std::vector<float>(128, 0.98f));
+        EXPECT_EQ(atThreshold.rig.mixer->overflowCount(), 0);
+    }
+    DirectPath loud(1.5f);
+    EXPECT_EQ(loud.mix(1.5f, 128), std::vector<float>(128, 0.98f));
+    EXPECT_EQ(loud.mix(1.5f, 128), std::vector<float>(128, 0.98f));
+    EXPECT_EQ(loud.rig.mixer->overflowCount(), 2);
+    EXPECT_EQ(logs.count(kCategory, "Clipping detected! Peak: 1.5, Max since start: 1.5"), 2);
+    EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "Clipping detected! Peak: 1.5, Max since start: 1.5"));
+    EXPECT_NEAR(loud.rig.mixer->currentLevels().peak, 20 * std::log10(0.98f), 1e-4);
+
+    DirectPath negative(-2.0f);
+    EXPECT_EQ(negative.mix(-2.0f, 128), std::vector<float>(128, -0.98f));
+    EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "Clipping detected! Peak: 2.0, Max since start: 2.0"));
+}
+
+TEST(AudioMixerTest, LevelsDescribeTheLastBlock) {
+    DirectPath silent(0.0f);
+    EXPECT_EQ(silent.rig.mixer->currentLevels(), AudioLevels::silence());
+    silent.mix(0.0f, 256);
+    EXPECT_EQ(silent.rig.mixer->currentLevels(), (AudioLevels{-120.0f, -120.0f}));
+    DirectPath half(0.5f);
+    half.mix(0.5f, 256);
+    EXPECT_NEAR(half.rig.mixer->currentLevels().average, -6.0206f, 1e-3);
+    EXPECT_NEAR(half.rig.mixer->currentLevels().peak, -6.0206f, 1e-3);
+}
+
+TEST(AudioMixerTest, GainsApplyPerSourceAndStereoIsAveraged) {
+    {
+        // Microphone only with the recorder's gains: 0.8 comes out as 0.4.
+        DirectPath path(0.8f);
+        path.rig.mixer->setSystemGain(0.0f);
+        path.rig.mixer->setMicrophoneGain(0.5f);
+        EXPECT_EQ(path.mix(0.8f, 200), std::vector<float>(200, 0.4f));
+    }
+    // A stereo system source with left 0.4 and right 0.2 contributes 0.3 × gain.
+    MixerRig rig;
+    ScratchFolder folder("velto-mixer-stereo");
+    auto file = AudioFile::openForWriting(folder.file("mix.wav"), makeAudioSettings(AudioFormat::wav));
+    auto ring = FloatRingBuffer::create(2, 96000);
+    auto stream = rig.mixer->audioStream();
+    rig.mixer->setSystemGain(0.5f);
+    rig.mixer->startMixing(ring, nullptr, 16000, 2, file, file->processingFormat());
+    std::vector<float> left(3072 + 300, 0.4f), right(3072 + 300, 0.2f);
+    const std::array<const float*, 2> sources{left.data(), right.data()};
+    ring->write(sources, 3072 + 300);
+    rig.clock->advance(300.0 / 16000.0);
+    rig.mixer->tick();
+    const auto mixed = drainStream(stream);
+    ASSERT_EQ(mixed.size(), 300u);
+    for (const float sample : mixed) ASSERT_FLOAT_EQ(sample, 0.15f);
+    rig.mixer->stopMixing();
+    file->close();
+    EXPECT_EQ(file->framesWritten(), 300);
+}
+
+TEST(AudioMixerTest, StopEndsTheStreamOnceAndReleasesTheFile) {
+    DirectPath path;
+    path.mix(0.1f, 100);
+    CapturedLogs logs;
+    path.rig.mixer->stopMixing();
+    path.rig.mixer->stopMixing();
+    EXPECT_FALSE(path.rig.mixer->isMixing());
+    EXPECT_EQ(logs.messages(kCategory), (std::vector<std::string>{"Stopping audio mixing", "Audio mixing stopped"}));
+    EXPECT_TRUE(path.stream.waitFor(std::chrono::seconds(1)));
+    EXPECT_FALSE(path.stream.next().has_value());
+    EXPECT_EQ(path.file.use_count(), 1);  // the mixer let go of it
+    // Ticks after the stop do nothing.
+    path.rig.step(5);
+    EXPECT_EQ(path.rig.mixer->totalFramesProcessed(), 100);
+}
+
+TEST(AudioMixerTest, FailedWriteIsLoggedEveryTimeAndReportedOnce) {
+    DirectPath path;
+    int reports = 0;
+    std::string reported;
+    path.rig.mixer->setWriteFailureHandler([&](ErrorPtr error) {
+        ++reports;
+        reported = error->errorDescription();
+    });
+    path.file->close();  // every further write fails
+    CapturedLogs logs;
+    const auto first = path.mix(0.1f, 100);
+    const auto second = path.mix(0.1f, 100);
+    EXPECT_EQ(first.size(), 100u);  // the stream still gets the blocks
+    EXPECT_EQ(second.size(), 100u);
+    EXPECT_EQ(reports, 1);
+    EXPECT_EQ(logs.count(kCategory, "Failed to write mixed audio to file: " + reported), 2);
+    EXPECT_TRUE(logs.contains(LogLevel::critical, kCategory, "Failed to write mixed audio to file: " + reported));
+}
+
+TEST(AudioMixerTest, AVanishedSourceDropsOutAndTheOtherGoesOn) {
+    MixerRig rig;
+    auto systemRing = FloatRingBuffer::create(1, 96000);
+    auto microphoneRing = FloatRingBuffer::create(1, 96000);
+    rig.mixer->setSystemGain(1.0f);
+    rig.mixer->startDualSourceMixing(systemRing, 48000, 1, microphoneRing, 48000, nullptr, fileFormat16k());
+    writeConstant(*systemRing, 0.2f, 3072 + 800);
+    writeConstant(*microphoneRing, 0.2f, 3072 + 800);
+    rig.step();
+    EXPECT_EQ(rig.mixer->totalFramesProcessed(), 800);
+    microphoneRing.reset();
+    writeConstant(*systemRing, 0.2f, 800);
+    rig.step();
+    EXPECT_EQ(rig.mixer->totalFramesProcessed(), 1600);
+    EXPECT_EQ(rig.mixer->underrunCount(), 0);
+}
+
+TEST(AudioMixerTest, WaitingForTheJitterReserveIsLoggedWhenSampled) {
+    MixerRig rig;
+    auto systemRing = FloatRingBuffer::create(2, 96000);
+    auto microphoneRing = FloatRingBuffer::create(1, 96000);
+    rig.mixer->startDualSourceMixing(systemRing, 48000, 2, microphoneRing, 48000, nullptr, fileFormat16k());
+    writeConstant(*systemRing, 0.0f, 5000);
+    writeConstant(*microphoneRing, 0.0f, 100);
+    CapturedLogs logs;
+    ScopedLogThinning alwaysLog(true);
+    rig.step();
+    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Waiting for jitter buffer: system=5000/3072, mic=100/3072"));
+    EXPECT_EQ(rig.mixer->totalFramesProcessed(), 0);
+    rig.mixer->stopMixing();
+    rig.mixer->startMixing(nullptr, microphoneRing, 48000, 1, nullptr, fileFormat16k());
+    rig.step();
+    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Waiting for single-source jitter buffer: 100/3072"));
+}
+
+}  // namespace
+}  // namespace velto

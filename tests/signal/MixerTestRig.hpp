@@ -1,0 +1,72 @@
+#pragma once
+
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "dispatch/Clock.hpp"
+#include "signal/AudioMixer.hpp"
+
+// A mixer driven by hand: a manual clock, ticks called by the test, ring
+// buffers written by the test as a capture source would.
+namespace velto::testing {
+
+struct MixerRig {
+    explicit MixerRig(int64_t bufferFrameCapacity = 1024, int64_t jitterBufferFrames = 3072)
+        : clock(std::make_shared<ManualClock>()),
+          mixer(AudioMixer::create(bufferFrameCapacity, jitterBufferFrames, clock, MixingTicks::caller)) {}
+
+    // Advances the clock by one timer period and runs one tick.
+    void step(int ticks = 1) {
+        for (int i = 0; i < ticks; ++i) {
+            clock->advance(1.0 / 60.0);
+            mixer->tick();
+        }
+    }
+
+    std::shared_ptr<ManualClock> clock;
+    std::shared_ptr<AudioMixer> mixer;
+};
+
+// Writes `frames` frames of `value` on every channel; returns frames stored.
+inline int64_t writeConstant(FloatRingBuffer& ring, float value, int64_t frames) {
+    std::vector<float> samples(static_cast<size_t>(frames), value);
+    std::vector<const float*> sources(static_cast<size_t>(ring.channels()), samples.data());
+    return ring.write(sources, frames);
+}
+
+inline std::vector<float> drainStream(AudioBufferStream& stream) {
+    std::vector<float> samples;
+    while (stream.waitFor(std::chrono::milliseconds(0))) {
+        auto block = stream.next();
+        if (!block) break;
+        const auto& format = (*block)->format();
+        for (uint32_t i = 0; i < (*block)->frameLength(); ++i) {
+            samples.push_back((*block)->floatChannelData()[0][format.interleaved ? i * format.channelCount : i]);
+        }
+    }
+    return samples;
+}
+
+class ScratchFolder {
+public:
+    explicit ScratchFolder(const std::string& name)
+        : path_(std::filesystem::temp_directory_path() / (name + "-" + std::to_string(::getpid()))) {
+        std::filesystem::create_directories(path_);
+    }
+    ~ScratchFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    std::filesystem::path file(const std::string& name) const { return path_ / name; }
+
+private:
+    std::filesystem::path path_;
+};
+
+}  // namespace velto::testing
