@@ -1,0 +1,125 @@
+// The small platform-independent pieces: the device dictionary, the change coalescer,
+// the lock-free sample ring of the PulseAudio streams and the object-ID ranges.
+
+#include "platform/ChangeCoalescer.hpp"
+#include "platform/PropertyDictionary.hpp"
+#include "platform/Uuid.hpp"
+#include "platform/pulse/InterleavedSampleRing.hpp"
+#include "platform/pulse/PulseObjectIDs.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <set>
+#include <thread>
+
+namespace velto {
+namespace {
+
+using namespace platform;
+using namespace pulse;
+
+TEST(PropertyDictionaryTest, KeepsInsertionOrderAndReplacesInPlace) {
+    PropertyDictionary dictionary{{"b", "1"}, {"a", true}};
+    dictionary.set("b", "2");
+    dictionary.set("c", PropertyValue::List{});
+    ASSERT_EQ(dictionary.entries().size(), 3u);
+    EXPECT_EQ(dictionary.entries()[0].first, "b");
+    EXPECT_EQ(dictionary.string("b"), "2");
+    EXPECT_EQ(dictionary.boolean("a"), true);
+    EXPECT_FALSE(dictionary.string("a").has_value());  // wrong type is no answer
+    EXPECT_FALSE(dictionary.boolean("missing").has_value());
+}
+
+TEST(PropertyDictionaryTest, DescribesValuesLikeTheirDefaultTextualForm) {
+    const PropertyValue taps = PropertyValue::List{PropertyDictionary{{"drift", true}, {"uid", "T"}}};
+    EXPECT_EQ(taps.description(), "[[\"drift\": true, \"uid\": \"T\"]]");
+    EXPECT_EQ(PropertyValue("plain").description(), "plain");
+    EXPECT_EQ(PropertyValue(false).description(), "false");
+    EXPECT_EQ(PropertyDictionary{}.description(), "[:]");
+}
+
+TEST(UuidTest, EveryUUIDIsNewAndWellFormed) {
+    std::set<std::string> seen;
+    for (int i = 0; i < 100; ++i) {
+        const auto uuid = makeRandomUUIDString();
+        ASSERT_EQ(uuid.size(), 36u);
+        ASSERT_EQ(uuid[14], '4');
+        ASSERT_TRUE(seen.insert(uuid).second);
+    }
+}
+
+TEST(ChangeCoalescerTest, ABurstIsReportedOnceAfterItSettles) {
+    ChangeCoalescer coalescer(0.25, 1.0);
+    EXPECT_FALSE(coalescer.takeSettled(0.0));
+    coalescer.noteChange(10.00);
+    coalescer.noteChange(10.01);
+    coalescer.noteChange(10.02);
+    EXPECT_FALSE(coalescer.takeSettled(10.20));
+    EXPECT_TRUE(coalescer.takeSettled(10.27));
+    EXPECT_FALSE(coalescer.takeSettled(10.30));
+    EXPECT_FALSE(coalescer.hasPending());
+}
+
+TEST(ChangeCoalescerTest, ASteadyStreamIsStillReportedAtTheMaximumDelay) {
+    ChangeCoalescer coalescer(0.25, 1.0);
+    double now = 0.0;
+    int reports = 0;
+    for (; now < 3.0; now += 0.1) {  // an event every 100 ms never goes quiet
+        coalescer.noteChange(now);
+        if (coalescer.takeSettled(now)) ++reports;
+    }
+    EXPECT_EQ(reports, 2);  // at 1.0 s and 2.1 s
+}
+
+TEST(InterleavedSampleRingTest, WrapsAroundAndRefusesWhatDoesNotFit) {
+    InterleavedSampleRing ring(2, 4);
+    const float first[] = {1, -1, 2, -2, 3, -3};
+    EXPECT_EQ(ring.write(first, 3), 3u);
+    float out[8] = {};
+    ASSERT_TRUE(ring.read(out, 2));
+    EXPECT_THAT(std::vector<float>(out, out + 4), ::testing::ElementsAre(1, -1, 2, -2));
+    const float second[] = {4, -4, 5, -5, 6, -6, 7, -7};
+    EXPECT_EQ(ring.write(second, 4), 3u);  // one frame still stored, room for three
+    EXPECT_FALSE(ring.read(out, 5));
+    ASSERT_TRUE(ring.read(out, 4));
+    EXPECT_THAT(std::vector<float>(out, out + 8), ::testing::ElementsAre(3, -3, 4, -4, 5, -5, 6, -6));
+    EXPECT_EQ(ring.availableFrames(), 0u);
+}
+
+TEST(InterleavedSampleRingTest, CounterCrossesThreadsWithoutLossOrDuplication) {
+    InterleavedSampleRing ring(1, 1000);
+    constexpr std::uint32_t kTotal = 200000;
+    std::thread producer([&] {
+        std::vector<float> block(97);
+        std::uint32_t next = 0;
+        while (next < kTotal) {
+            const std::uint32_t count = std::min<std::uint32_t>(97, kTotal - next);
+            for (std::uint32_t i = 0; i < count; ++i) block[i] = static_cast<float>(next + i);
+            next += ring.write(block.data(), count);  // a short write is retried from where it stopped
+        }
+    });
+    std::vector<float> block(64);
+    std::uint32_t expected = 0;
+    while (expected + 64 <= kTotal) {
+        if (!ring.read(block.data(), 64)) {
+            std::this_thread::yield();
+            continue;
+        }
+        for (float value : block) ASSERT_EQ(value, static_cast<float>(expected++));
+    }
+    producer.join();
+}
+
+TEST(PulseObjectIDsTest, KindsHaveSeparateRangesAndIndexZeroIsAnObject) {
+    const auto source0 = makeObjectID(PulseObjectKind::source, 0);
+    EXPECT_NE(source0, kAudioObjectUnknown);
+    EXPECT_NE(source0, kAudioObjectSystemObject);
+    EXPECT_NE(source0, makeObjectID(PulseObjectKind::sink, 0));
+    EXPECT_EQ(objectIndex(source0, PulseObjectKind::source), 0u);
+    EXPECT_FALSE(objectIndex(source0, PulseObjectKind::sink).has_value());
+    EXPECT_EQ(objectIndex(makeObjectID(PulseObjectKind::tap, 12345), PulseObjectKind::tap), 12345u);
+}
+
+}  // namespace
+}  // namespace velto
