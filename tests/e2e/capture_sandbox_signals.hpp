@@ -1,0 +1,75 @@
+#pragma once
+// Known signals for the sandbox tests: a sine played into a sandbox sink with pacat, and
+// the measures that tell whether it arrived (level, frequency, no gaps).
+
+#include <cmath>
+#include <cstdio>
+#include <numbers>
+#include <string>
+#include <vector>
+
+namespace velto::testing {
+
+// Plays `seconds` of a sine into `device` (a sink name); blocks until pacat has played it.
+inline bool playSine(const std::string& device, double frequencyHertz, float amplitude, double seconds,
+                     std::uint32_t channels = 2, std::uint32_t rateHertz = 48000) {
+    const std::string command = "pacat --playback --raw --device=" + device +
+                                " --format=float32le --rate=" + std::to_string(rateHertz) +
+                                " --channels=" + std::to_string(channels) + " --latency-msec=40 2>/dev/null";
+    FILE* pipe = popen(command.c_str(), "w");
+    if (pipe == nullptr) return false;
+    const auto frames = static_cast<std::size_t>(seconds * rateHertz);
+    std::vector<float> block;
+    for (std::size_t f = 0; f < frames; ++f) {
+        const float value = amplitude * static_cast<float>(std::sin(2.0 * std::numbers::pi * frequencyHertz *
+                                                                    static_cast<double>(f) / rateHertz));
+        for (std::uint32_t c = 0; c < channels; ++c) block.push_back(value);
+        if (block.size() >= 4800) {
+            std::fwrite(block.data(), sizeof(float), block.size(), pipe);
+            block.clear();
+        }
+    }
+    std::fwrite(block.data(), sizeof(float), block.size(), pipe);
+    return pclose(pipe) == 0;
+}
+
+struct ToneMeasure {
+    std::size_t soundingFrames = 0;  // from the first to the last frame above the threshold
+    double rms = 0.0;                // over the middle half of the sounding part
+    double frequencyHertz = 0.0;     // from positive-going zero crossings over the same span
+    double weakestWindowPeak = 0.0;  // smallest peak of any 10 ms window there: near 0 means a gap
+};
+
+inline ToneMeasure measureTone(const std::vector<float>& samples, double rateHertz, float threshold = 0.02f) {
+    ToneMeasure measure;
+    std::size_t first = samples.size();
+    std::size_t last = 0;
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        if (std::fabs(samples[i]) > threshold) {
+            first = std::min(first, i);
+            last = i;
+        }
+    }
+    if (first >= last) return measure;
+    measure.soundingFrames = last - first + 1;
+    const std::size_t begin = first + measure.soundingFrames / 4;
+    const std::size_t end = last - measure.soundingFrames / 4;
+    double sum = 0.0;
+    int crossings = 0;
+    for (std::size_t i = begin; i < end; ++i) {
+        sum += static_cast<double>(samples[i]) * samples[i];
+        if (i > begin && samples[i - 1] < 0.0f && samples[i] >= 0.0f) ++crossings;
+    }
+    measure.rms = std::sqrt(sum / static_cast<double>(end - begin));
+    measure.frequencyHertz = crossings * rateHertz / static_cast<double>(end - begin);
+    const auto window = static_cast<std::size_t>(rateHertz / 100);
+    measure.weakestWindowPeak = 1.0;
+    for (std::size_t start = begin; start + window <= end; start += window) {
+        double peak = 0.0;
+        for (std::size_t i = start; i < start + window; ++i) peak = std::max(peak, std::fabs(double{samples[i]}));
+        measure.weakestWindowPeak = std::min(measure.weakestWindowPeak, peak);
+    }
+    return measure;
+}
+
+}  // namespace velto::testing

@@ -1,0 +1,135 @@
+// The capture sources on the real sound server: a tone played into the sandbox speakers
+// must arrive in the system-audio tap's ring buffer, a tone spoken into the virtual
+// microphone in the microphone capture's, both at the right pitch, level and without gaps.
+
+#include "capture/MicrophoneCapture.hpp"
+#include "capture/SystemAudioTap.hpp"
+#include "capture_sandbox_signals.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+namespace velto {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::measureTone;
+using testing::playSine;
+
+// Plays the tone on a thread while this thread drains the ring like the mixer does;
+// returns each channel's samples.
+std::vector<std::vector<float>> captureWhilePlaying(FloatRingBuffer& ring, const std::string& sink,
+                                                    std::uint32_t sinkChannels, double frequencyHertz,
+                                                    float amplitude) {
+    std::atomic<bool> played{false};
+    std::atomic<bool> playedOK{false};
+    std::thread player([&] {
+        playedOK = playSine(sink, frequencyHertz, amplitude, 0.8, sinkChannels);
+        played = true;
+    });
+    const auto channels = static_cast<std::size_t>(ring.channels());
+    std::vector<std::vector<float>> captured(channels);
+    std::vector<std::vector<float>> block(channels, std::vector<float>(4800));
+    std::vector<float*> destinations;
+    for (auto& b : block) destinations.push_back(b.data());
+    auto drainAvailable = [&] {
+        const auto frames = std::min<std::int64_t>(ring.availableFrames(), 4800);
+        if (frames == 0) return;
+        ring.read(destinations, frames);
+        for (std::size_t c = 0; c < channels; ++c) captured[c].insert(captured[c].end(), block[c].begin(), block[c].begin() + frames);
+    };
+    while (!played) {
+        drainAvailable();
+        std::this_thread::sleep_for(16ms);  // the mixer's tick
+    }
+    for (int i = 0; i < 20; ++i) {  // let the tail through the server's latency
+        drainAvailable();
+        std::this_thread::sleep_for(16ms);
+    }
+    player.join();
+    EXPECT_TRUE(playedOK.load()) << "pacat could not play into " << sink;
+    return captured;
+}
+
+TEST(SystemAudioTapSandboxTest, ToneOnTheSpeakersArrivesInTheRingBuffer) {
+    auto tap = SystemAudioTap::create(2, 96000);
+    tap->start();
+    ASSERT_TRUE(tap->isCapturing());
+    EXPECT_EQ(tap->asbd().mSampleRate, 48000.0);
+    EXPECT_EQ(tap->asbd().mChannelsPerFrame, 2u);
+
+    const auto captured = captureWhilePlaying(*tap->ringBuffer(), "velto_speakers", 2, 1000.0, 0.5f);
+    tap->stop();
+    EXPECT_FALSE(tap->isCapturing());
+
+    for (std::size_t channel = 0; channel < 2; ++channel) {
+        SCOPED_TRACE("channel " + std::to_string(channel));
+        const auto tone = measureTone(captured[channel], 48000.0);
+        EXPECT_NEAR(static_cast<double>(tone.soundingFrames), 0.8 * 48000, 0.05 * 48000);
+        EXPECT_NEAR(tone.rms, 0.5 / std::sqrt(2.0), 0.02);
+        EXPECT_NEAR(tone.frequencyHertz, 1000.0, 10.0);
+        EXPECT_GT(tone.weakestWindowPeak, 0.45);
+    }
+}
+
+TEST(SystemAudioTapSandboxTest, StartsAgainAfterStopAndReadsNothingWhileSilent) {
+    auto tap = SystemAudioTap::create(2, 96000);
+    tap->start();
+    tap->stop();
+    tap->start();
+    std::this_thread::sleep_for(200ms);
+    EXPECT_GT(tap->ringBuffer()->availableFrames(), 0);  // a null sink's monitor plays silence in real time
+    std::vector<float> left(4800), right(4800);
+    float* destinations[] = {left.data(), right.data()};
+    tap->ringBuffer()->read(destinations, 4800);
+    for (float sample : left) ASSERT_EQ(sample, 0.0f);
+    tap->stop();
+    EXPECT_EQ(tap->ringBuffer()->availableFrames(), 0);
+}
+
+TEST(MicrophoneCaptureSandboxTest, ToneIntoTheVirtualMicrophoneArrivesInTheRingBuffer) {
+    auto capture = MicrophoneCapture::create(1, 96000);
+    capture->start(1024);
+    ASSERT_TRUE(capture->isCapturing());
+    ASSERT_TRUE(capture->inputFormat().has_value());
+    EXPECT_EQ(capture->inputFormat()->sampleRate, 48000.0);
+    EXPECT_EQ(capture->inputFormat()->channelCount, 1u);
+
+    const auto captured = captureWhilePlaying(*capture->ringBuffer(), "velto_mic_in", 1, 440.0, 0.3f);
+    capture->stop();
+
+    const auto tone = measureTone(captured[0], 48000.0);
+    EXPECT_NEAR(static_cast<double>(tone.soundingFrames), 0.8 * 48000, 0.05 * 48000);
+    EXPECT_NEAR(tone.rms, 0.3 / std::sqrt(2.0), 0.015);
+    EXPECT_NEAR(tone.frequencyHertz, 440.0, 5.0);
+    EXPECT_GT(tone.weakestWindowPeak, 0.27);
+}
+
+TEST(MicrophoneCaptureSandboxTest, ChosenMicrophoneIsSelectedByItsSourceName) {
+    auto capture = MicrophoneCapture::create(2, 96000);
+    capture->configureInputDevice(MicrophoneDevice{"velto_mic", "Velto-Microphone", true});
+    ASSERT_TRUE(capture->selectedMicrophoneID().has_value());
+    capture->start(1024);
+
+    // Mono into a two-channel ring: both ring channels carry the microphone.
+    const auto captured = captureWhilePlaying(*capture->ringBuffer(), "velto_mic_in", 1, 880.0, 0.4f);
+    capture->stop();
+    for (const auto& channel : captured) {
+        const auto tone = measureTone(channel, 48000.0);
+        EXPECT_NEAR(tone.frequencyHertz, 880.0, 8.0);
+        EXPECT_NEAR(tone.rms, 0.4 / std::sqrt(2.0), 0.02);
+    }
+    EXPECT_EQ(captured[0], captured[1]);
+}
+
+TEST(MicrophoneCaptureSandboxTest, MonitorOfTheSpeakersIsNotAMicrophone) {
+    auto capture = MicrophoneCapture::create(1, 96000);
+    EXPECT_ANY_THROW(capture->configureInputDevice(MicrophoneDevice{"velto_speakers.monitor", "Monitor", false}));
+    EXPECT_FALSE(capture->selectedMicrophone().has_value());
+}
+
+}  // namespace
+}  // namespace velto

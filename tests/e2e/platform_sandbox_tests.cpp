@@ -1,0 +1,99 @@
+// The platform services on the real sound server: the virtual microphone is listed and
+// marked default, access is granted, and loading or unloading a device is announced
+// once per burst.
+
+#include "platform/MacOSSessionManager.hpp"
+#include "platform/PlatformServices.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <thread>
+
+namespace velto {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace platform;
+
+std::string run(const std::string& command) {
+    std::string output;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return output;
+    char buffer[256];
+    while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) output += buffer;
+    pclose(pipe);
+    while (!output.empty() && (output.back() == '\n' || output.back() == ' ')) output.pop_back();
+    return output;
+}
+
+template <class Predicate>
+bool waitUntil(Predicate predicate, std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (predicate()) return true;
+        std::this_thread::sleep_for(20ms);
+    }
+    return predicate();
+}
+
+TEST(PlatformSandboxTest, VirtualMicrophoneIsListedAsTheDefaultAndMonitorsAreNot) {
+    auto manager = MacOSSessionManager::create();
+    const auto microphones = manager->availableMicrophones();
+    EXPECT_THAT(microphones, ::testing::Contains(MicrophoneDevice{"velto_mic", "Velto-Microphone", true}));
+    for (const auto& microphone : microphones) {
+        EXPECT_EQ(microphone.id.find(".monitor"), std::string::npos) << microphone.id;
+        EXPECT_EQ(microphone.isDefault, microphone.id == "velto_mic") << microphone.id;
+    }
+}
+
+TEST(PlatformSandboxTest, MicrophoneAccessIsAuthorizedBySandboxServer) {
+    auto discovery = PlatformServices::pulse().captureDeviceDiscovery;
+    EXPECT_EQ(discovery->authorizationStatus(), AuthorizationStatus::authorized);
+    EXPECT_TRUE(discovery->requestAccess());
+}
+
+TEST(PlatformSandboxTest, DefaultOutputIsTheSpeakersSink) {
+    auto hardware = PlatformServices::pulse().audioHardware;
+    AudioObjectID output = 0;
+    ASSERT_EQ(hardware->getObjectProperty(kAudioObjectSystemObject,
+                                          AudioObjectPropertyAddress{kAudioHardwarePropertyDefaultSystemOutputDevice},
+                                          output),
+              noErr);
+    std::optional<std::string> uid;
+    ASSERT_EQ(hardware->getStringProperty(output, AudioObjectPropertyAddress{kAudioDevicePropertyDeviceUID}, uid), noErr);
+    EXPECT_EQ(uid, "velto_speakers");
+}
+
+TEST(PlatformSandboxTest, LoadingAndUnloadingADeviceIsAnnouncedOncePerBurst) {
+    auto center = PlatformServices::pulse().configurationChangeCenter;
+    std::atomic<int> notifications{0};
+    const auto token = center->addObserver([&] { ++notifications; });
+    std::this_thread::sleep_for(500ms);  // subscribed and settled
+    notifications = 0;
+
+    // One load announces a sink, its monitor source and a server change: one notification.
+    const std::string module = run("pactl load-module module-null-sink sink_name=velto_e2e_extra");
+    ASSERT_FALSE(module.empty());
+    EXPECT_TRUE(waitUntil([&] { return notifications.load() >= 1; }, 3000ms));
+    std::this_thread::sleep_for(600ms);
+    EXPECT_EQ(notifications.load(), 1);
+
+    run("pactl unload-module " + module);
+    EXPECT_TRUE(waitUntil([&] { return notifications.load() >= 2; }, 3000ms));
+    std::this_thread::sleep_for(600ms);
+    EXPECT_EQ(notifications.load(), 2);
+
+    center->removeObserver(token);
+    const std::string after = run("pactl load-module module-null-sink sink_name=velto_e2e_after");
+    run("pactl unload-module " + after);
+    std::this_thread::sleep_for(800ms);
+    EXPECT_EQ(notifications.load(), 2);
+}
+
+}  // namespace
+}  // namespace velto
