@@ -6,6 +6,7 @@
 #include "platform/Uuid.hpp"
 #include "platform/pulse/InterleavedSampleRing.hpp"
 #include "platform/pulse/PulseObjectIDs.hpp"
+#include "platform/pulse/SilencePacer.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -119,6 +120,39 @@ TEST(PulseObjectIDsTest, KindsHaveSeparateRangesAndIndexZeroIsAnObject) {
     EXPECT_EQ(objectIndex(source0, PulseObjectKind::source), 0u);
     EXPECT_FALSE(objectIndex(source0, PulseObjectKind::sink).has_value());
     EXPECT_EQ(objectIndex(makeObjectID(PulseObjectKind::tap, 12345), PulseObjectKind::tap), 12345u);
+}
+
+}  // namespace
+}  // namespace velto
+
+namespace velto {
+namespace {
+
+using pulse::SilencePacer;
+
+TEST(SilencePacerTest, IdleSourceIsFilledAtTheNominalRateFromItsLastRealBlock) {
+    SilencePacer pacer(48000.0, 480, 0.06);  // 10 ms blocks
+    pacer.start(100.0);
+    EXPECT_EQ(pacer.takeSilenceBlocksDue(100.05), 0u);  // not idle yet: it may only be late
+    EXPECT_FALSE(pacer.isIdle());
+    EXPECT_EQ(pacer.takeSilenceBlocksDue(100.065), 6u);  // the whole gap since 100.0
+    EXPECT_TRUE(pacer.isIdle());
+    EXPECT_EQ(pacer.takeSilenceBlocksDue(100.069), 0u);
+    EXPECT_EQ(pacer.takeSilenceBlocksDue(100.1005), 4u);
+    std::uint32_t total = 10;
+    for (double now = 100.11; now < 102.0; now += 0.0137) total += pacer.takeSilenceBlocksDue(now);
+    total += pacer.takeSilenceBlocksDue(102.0);
+    EXPECT_EQ(total, 200u);  // two seconds of 10 ms blocks, no more, no less
+}
+
+TEST(SilencePacerTest, RealBlocksStopTheFillingAndRestartTheIdleWait) {
+    SilencePacer pacer(48000.0, 480, 0.06);
+    pacer.start(0.0);
+    EXPECT_EQ(pacer.takeSilenceBlocksDue(0.1), 10u);
+    pacer.noteRealBlock(0.105);
+    EXPECT_FALSE(pacer.isIdle());
+    EXPECT_EQ(pacer.takeSilenceBlocksDue(0.16), 0u);
+    EXPECT_EQ(pacer.takeSilenceBlocksDue(0.1701), 6u);
 }
 
 }  // namespace

@@ -14,6 +14,12 @@ constexpr const char* kErrorDomain = "PulseAudio";
 constexpr double kRingSeconds = 2.0;
 // The delivery thread also looks every few milliseconds, so a missed wake-up only delays.
 constexpr auto kDeliveryPoll = std::chrono::milliseconds(5);
+// A source that has sent nothing for this long is idle, not late.
+constexpr double kIdleAfterSeconds = 0.06;
+
+double monotonicSeconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
 
 std::uint32_t ringCapacityFrames(const PulseCaptureStreamOptions& options) {
     const auto seconds = static_cast<std::uint32_t>(options.sampleRateHertz * kRingSeconds);
@@ -156,6 +162,8 @@ void PulseCaptureStream::readCallback(pa_stream* stream, std::size_t, void* user
 }
 
 void PulseCaptureStream::deliveryLoop() {
+    SilencePacer pacer(options_.sampleRateHertz, options_.blockFrames, kIdleAfterSeconds);
+    pacer.start(monotonicSeconds());
     while (!stopping_.load()) {
         {
             std::unique_lock lock(wakeMutex_);
@@ -163,9 +171,22 @@ void PulseCaptureStream::deliveryLoop() {
                 return stopping_.load() || ring_.availableFrames() >= options_.blockFrames;
             });
         }
+        bool delivered = false;
         while (!stopping_.load() && ring_.read(block_.data(), options_.blockFrames)) {
             delivery_(block_.data(), options_.blockFrames);
             deliveredBlocks_.fetch_add(1, std::memory_order_relaxed);
+            delivered = true;
+        }
+        const double now = monotonicSeconds();
+        if (delivered) {
+            pacer.noteRealBlock(now);
+            continue;
+        }
+        std::uint32_t silent = pacer.takeSilenceBlocksDue(now);
+        if (silent > 0) std::fill(block_.begin(), block_.end(), 0.0f);
+        for (; silent > 0 && !stopping_.load(); --silent) {
+            delivery_(block_.data(), options_.blockFrames);
+            silenceBlocks_.fetch_add(1, std::memory_order_relaxed);
         }
     }
 }

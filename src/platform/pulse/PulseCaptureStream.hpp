@@ -6,7 +6,8 @@
 // preallocated lock-free ring and wakes the delivery thread (it never allocates, locks
 // or logs). The delivery thread cuts the ring into blocks and hands each to `Delivery`.
 // Fragments that do not fit the ring (the consumer stalled for over a second) are
-// dropped and counted.
+// dropped and counted. While the source delivers nothing (an idle monitor), silence
+// blocks keep the stream's pace (see SilencePacer).
 //
 // Threads: open() and close()/destruction from one owner thread. After close() returns,
 // no read callback runs and `Delivery` is not called again. Delivery must not close
@@ -14,6 +15,7 @@
 
 #include "platform/pulse/InterleavedSampleRing.hpp"
 #include "platform/pulse/PulseConnection.hpp"
+#include "platform/pulse/SilencePacer.hpp"
 
 #include <atomic>
 #include <condition_variable>
@@ -52,6 +54,7 @@ public:
 
     std::uint64_t droppedFrames() const { return droppedFrames_.load(); }
     std::uint64_t deliveredBlocks() const { return deliveredBlocks_.load(); }
+    std::uint64_t silenceBlocks() const { return silenceBlocks_.load(); }
     // True while the server side of the stream is alive.
     bool isAlive() const { return alive_.load(); }
 
@@ -79,6 +82,7 @@ private:
     std::atomic<int> streamState_{PA_STREAM_UNCONNECTED};
     std::atomic<std::uint64_t> droppedFrames_{0};
     std::atomic<std::uint64_t> deliveredBlocks_{0};
+    std::atomic<std::uint64_t> silenceBlocks_{0};
     std::thread deliveryThread_;
 };
 

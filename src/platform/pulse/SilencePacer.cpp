@@ -1,0 +1,31 @@
+#include "platform/pulse/SilencePacer.hpp"
+
+namespace velto::pulse {
+
+SilencePacer::SilencePacer(double sampleRateHertz, std::uint32_t blockFrames, double idleAfterSeconds)
+    : sampleRateHertz_(sampleRateHertz), blockFrames_(blockFrames), idleAfterSeconds_(idleAfterSeconds) {}
+
+void SilencePacer::start(double nowSeconds) {
+    lastRealSeconds_ = nowSeconds;
+    idle_ = false;
+    silenceFramesDelivered_ = 0;
+}
+
+void SilencePacer::noteRealBlock(double nowSeconds) {
+    lastRealSeconds_ = nowSeconds;
+    idle_ = false;
+    silenceFramesDelivered_ = 0;
+}
+
+std::uint32_t SilencePacer::takeSilenceBlocksDue(double nowSeconds) {
+    const double quietSeconds = nowSeconds - lastRealSeconds_;
+    if (quietSeconds < idleAfterSeconds_) return 0;
+    idle_ = true;
+    const auto dueFrames = static_cast<std::uint64_t>(quietSeconds * sampleRateHertz_);
+    if (dueFrames < silenceFramesDelivered_ + blockFrames_) return 0;
+    const auto blocks = static_cast<std::uint32_t>((dueFrames - silenceFramesDelivered_) / blockFrames_);
+    silenceFramesDelivered_ += static_cast<std::uint64_t>(blocks) * blockFrames_;
+    return blocks;
+}
+
+}  // namespace velto::pulse
