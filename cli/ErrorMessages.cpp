@@ -1,0 +1,75 @@
+#include "ErrorMessages.hpp"
+
+#include "veltoaudio/RecordingError.hpp"
+
+namespace velto::cli {
+
+namespace {
+
+constexpr const char* kSoundServerAdvice =
+    "Check that a sound server (PulseAudio or PipeWire) is running and reachable.";
+
+std::string adviceForRecordingError(const RecordingError& error) {
+    using Code = RecordingError::Code;
+    switch (error.code()) {
+        case Code::permissionDenied:
+        case Code::systemAudioPermissionRequired:
+        case Code::systemAudioPermissionDenied:
+            return "Run 'velto permissions --sources both' to see what is missing.";
+        case Code::deviceNotFound:
+        case Code::sessionConfigurationFailed:
+            return "Run 'velto devices' to list the microphones.";
+        case Code::invalidState:
+            return "Another recording is still running; wait for it to end.";
+        case Code::fileSystemError:
+            return "Check that the output folder exists, is writable and has free space.";
+        case Code::systemAudioTapCreationFailed:
+        case Code::systemAudioDeviceCreationFailed:
+        case Code::systemAudioDeviceStartFailed:
+        case Code::invalidSystemAudioConfiguration:
+        case Code::systemAudioFormatNotSupported:
+            return "Check that the sound server has a default output device, or record with --sources microphone.";
+        case Code::recordingFailed:
+        case Code::recorderInitializationFailed:
+        case Code::notRecording:
+        case Code::unknown:
+            return kSoundServerAdvice;
+    }
+    return kSoundServerAdvice;
+}
+
+// One line, ending like a sentence: a platform's text may carry newlines of its own.
+std::string sentence(std::string text) {
+    for (char& c : text) {
+        if (c == '\n' || c == '\r') c = ' ';
+    }
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+    if (text.empty()) text = "Unknown error";
+    if (text.back() != '.' && text.back() != '!' && text.back() != '?') text += '.';
+    return text;
+}
+
+}  // namespace
+
+std::string adviceFor(const std::exception_ptr& error) {
+    if (!error) return {};
+    try {
+        std::rethrow_exception(error);
+    } catch (const RecordingError& recordingError) {
+        return adviceForRecordingError(recordingError);
+    } catch (const std::bad_alloc&) {
+        return {};
+    } catch (...) {
+        return kSoundServerAdvice;
+    }
+}
+
+std::string failureLine(const std::exception_ptr& error) {
+    std::string line = "velto: " + sentence(describeError(error));
+    if (auto advice = adviceFor(error); !advice.empty()) line += " " + advice;
+    return line;
+}
+
+std::string failureLine(const std::string& problem) { return "velto: " + sentence(problem); }
+
+}  // namespace velto::cli

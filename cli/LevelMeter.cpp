@@ -1,0 +1,46 @@
+#include "LevelMeter.hpp"
+
+#include <cmath>
+#include <cstdio>
+
+#include "EventJson.hpp"
+
+namespace velto::cli {
+
+std::string formatElapsed(double elapsedSeconds) {
+    if (!std::isfinite(elapsedSeconds) || elapsedSeconds < 0) elapsedSeconds = 0;
+    // Tenths as an integer so 59.99 s cannot print as "00:00:60.0".
+    auto tenths = static_cast<long long>(std::floor(elapsedSeconds * 10.0 + 1e-9));
+    long long hours = tenths / 36000;
+    long long minutes = (tenths / 600) % 60;
+    long long seconds = (tenths / 10) % 60;
+    long long tenth = tenths % 10;
+    char text[48];
+    std::snprintf(text, sizeof text, "%02lld:%02lld:%02lld.%lld", hours, minutes, seconds, tenth);
+    return text;
+}
+
+std::size_t barFill(double decibels, std::size_t barWidthCharacters) {
+    if (std::isnan(decibels) || decibels <= kMeterFloorDecibels) return 0;
+    if (decibels >= 0) return barWidthCharacters;
+    double fraction = (decibels - kMeterFloorDecibels) / -kMeterFloorDecibels;
+    return static_cast<std::size_t>(std::lround(fraction * static_cast<double>(barWidthCharacters)));
+}
+
+std::string renderMeterLine(double elapsedSeconds, AudioLevels levels, std::size_t barWidthCharacters) {
+    double average = roundedDecibels(levels.average);
+    double peak = roundedDecibels(levels.peak);
+    std::string bar(barWidthCharacters, '-');
+    std::size_t averageFill = barFill(average, barWidthCharacters);
+    for (std::size_t i = 0; i < averageFill; ++i) bar[i] = '#';
+    std::size_t peakFill = barFill(peak, barWidthCharacters);
+    if (peakFill > 0) bar[peakFill - 1] = '|';
+
+    char levelsText[64];
+    std::snprintf(levelsText, sizeof levelsText, " avg %6.1f dB  peak %6.1f dB", average, peak);
+    std::string line = "REC " + formatElapsed(elapsedSeconds) + " [" + bar + "]" + levelsText;
+    if (peak >= kClipDecibels) line += "  CLIP";
+    return line;
+}
+
+}  // namespace velto::cli

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "veltoaudio/AudioLevels.hpp"
+
+namespace velto::cli {
+
+// The live line shown on a terminal while recording, e.g.
+//   "REC 00:01:05.3 [#########---------|--] avg -23.1 dB  peak -6.0 dB"
+// The bar spans kMeterFloorDecibels..0 dB: '#' up to the average, '|' at the peak.
+// "CLIP" follows when the peak reaches full scale.
+inline constexpr double kMeterFloorDecibels = -60.0;
+inline constexpr double kClipDecibels = -0.1;
+
+std::string renderMeterLine(double elapsedSeconds, AudioLevels levels, std::size_t barWidthCharacters = 30);
+// "HH:MM:SS.t", tenths truncated so the display never runs ahead of the recording.
+std::string formatElapsed(double elapsedSeconds);
+// How many of `barWidthCharacters` a level fills (0 at or below the floor).
+std::size_t barFill(double decibels, std::size_t barWidthCharacters);
+
+}  // namespace velto::cli

@@ -1,0 +1,139 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "ArgumentParser.hpp"
+
+namespace velto::cli {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+ParseOutcome parse(std::vector<std::string> words) {
+    words.insert(words.begin(), "velto");
+    return parseCommandLine(words);
+}
+
+RecordOptions recordOptions(std::vector<std::string> words) {
+    auto outcome = parse(std::move(words));
+    EXPECT_TRUE(outcome.invocation) << outcome.standardError;
+    if (!outcome.invocation) return {};
+    return std::get<RecordOptions>(outcome.invocation->command);
+}
+
+TEST(ArgumentParser, PlainRecordTakesTheLibraryDefaults) {
+    auto options = recordOptions({"record"});
+    EXPECT_EQ(options.sources, SourceChoice::microphone);
+    EXPECT_FALSE(options.format);
+    EXPECT_EQ(effectiveFormat(options), AudioFormat::flac);
+    EXPECT_FALSE(options.durationSeconds);
+    EXPECT_FALSE(options.outputPath);
+    EXPECT_FALSE(options.microphoneId);
+    EXPECT_FALSE(options.json);
+    EXPECT_FALSE(options.overwrite);
+}
+
+TEST(ArgumentParser, EveryRecordOptionArrives) {
+    auto outcome = parse({"-v", "record", "--sources", "both", "--format", "wav", "--duration", "2.5", "--output",
+                          "/tmp/take.wav", "--microphone", "mic-1", "--json", "--overwrite", "-v"});
+    ASSERT_TRUE(outcome.invocation) << outcome.standardError;
+    // -v counts wherever it stands, also after the command's own options.
+    EXPECT_EQ(outcome.invocation->verbosity, 2);
+    auto options = std::get<RecordOptions>(outcome.invocation->command);
+    EXPECT_EQ(options.sources, SourceChoice::both);
+    EXPECT_EQ(options.format, AudioFormat::wav);
+    EXPECT_EQ(options.durationSeconds, 2.5);
+    EXPECT_EQ(options.outputPath, std::filesystem::path("/tmp/take.wav"));
+    EXPECT_EQ(options.microphoneId, "mic-1");
+    EXPECT_TRUE(options.json);
+    EXPECT_TRUE(options.overwrite);
+}
+
+TEST(ArgumentParser, FormatFollowsTheOutputExtensionUnlessGiven) {
+    EXPECT_EQ(effectiveFormat(recordOptions({"record", "-o", "take.WAV"})), AudioFormat::wav);
+    EXPECT_EQ(effectiveFormat(recordOptions({"record", "-o", "take.flac"})), AudioFormat::flac);
+    EXPECT_EQ(effectiveFormat(recordOptions({"record", "-o", "take.ogg"})), AudioFormat::flac);
+    EXPECT_EQ(effectiveFormat(recordOptions({"record", "-o", "take", "--format", "wav"})), AudioFormat::wav);
+}
+
+TEST(ArgumentParser, BadCommandLinesExitWithUsage) {
+    const std::vector<std::vector<std::string>> badLines = {
+        {},
+        {"record", "--frobnicate"},
+        {"record", "--sources", "speakers"},
+        {"record", "--format", "mp3"},
+        {"record", "--duration"},
+        {"record", "extra-word"},
+        {"microphone"},
+        {"microphone", "set"},
+        {"permissions", "--sources", "nothing"},
+        {"dance"},
+        // A FLAC stream in a file named .wav would mislead every player.
+        {"record", "--format", "flac", "--output", "take.wav"},
+        // System audio has no microphone to choose.
+        {"record", "--sources", "system", "--microphone", "mic-1"},
+    };
+    for (const auto& words : badLines) {
+        auto outcome = parse(words);
+        std::string line;
+        for (const auto& word : words) line += word + " ";
+        EXPECT_FALSE(outcome.invocation) << line;
+        EXPECT_EQ(outcome.exitCode, kUsageExitStatus) << line;
+        EXPECT_THAT(outcome.standardError, HasSubstr("velto: ")) << line;
+        EXPECT_THAT(outcome.standardError, HasSubstr("Usage")) << line;
+        EXPECT_THAT(outcome.standardOutput, IsEmpty()) << line;
+    }
+}
+
+TEST(ArgumentParser, DurationMustBeAFinitePositiveNumber) {
+    for (const char* duration : {"0", "-1", "-0.0", "abc", "5s", "nan", "inf", "-inf", "1e999", ""}) {
+        auto outcome = parse({"record", "--duration", duration});
+        EXPECT_FALSE(outcome.invocation) << duration;
+        EXPECT_EQ(outcome.exitCode, kUsageExitStatus) << duration;
+        EXPECT_THAT(outcome.standardError, HasSubstr("duration")) << duration;
+    }
+    EXPECT_EQ(recordOptions({"record", "--duration", "0.25"}).durationSeconds, 0.25);
+    EXPECT_EQ(recordOptions({"record", "--duration", "1e3"}).durationSeconds, 1000.0);
+}
+
+TEST(ArgumentParser, HelpGoesToStandardOutputAndSucceeds) {
+    auto top = parse({"--help"});
+    EXPECT_FALSE(top.invocation);
+    EXPECT_EQ(top.exitCode, 0);
+    EXPECT_THAT(top.standardOutput, HasSubstr("record"));
+    EXPECT_THAT(top.standardOutput, HasSubstr("devices"));
+
+    auto record = parse({"record", "--help"});
+    EXPECT_EQ(record.exitCode, 0);
+    EXPECT_THAT(record.standardOutput, HasSubstr("--duration"));
+    EXPECT_THAT(record.standardOutput, HasSubstr("--sources"));
+}
+
+TEST(ArgumentParser, OtherCommands) {
+    auto devices = parse({"devices", "--json"});
+    ASSERT_TRUE(devices.invocation);
+    EXPECT_TRUE(std::get<DevicesOptions>(devices.invocation->command).json);
+
+    auto permissions = parse({"permissions", "--sources", "both"});
+    ASSERT_TRUE(permissions.invocation);
+    EXPECT_EQ(std::get<PermissionsOptions>(permissions.invocation->command).sources, SourceChoice::both);
+
+    auto set = parse({"microphone", "set", "velto_mic"});
+    ASSERT_TRUE(set.invocation);
+    auto setOptions = std::get<MicrophoneOptions>(set.invocation->command);
+    EXPECT_EQ(setOptions.action, MicrophoneOptions::Action::set);
+    EXPECT_EQ(setOptions.deviceId, "velto_mic");
+
+    auto show = parse({"microphone", "show", "--json"});
+    ASSERT_TRUE(show.invocation) << show.standardError;
+    auto showOptions = std::get<MicrophoneOptions>(show.invocation->command);
+    EXPECT_EQ(showOptions.action, MicrophoneOptions::Action::show);
+    EXPECT_TRUE(showOptions.json);
+
+    auto clear = parse({"microphone", "--json", "clear"});
+    ASSERT_TRUE(clear.invocation) << clear.standardError;
+    EXPECT_EQ(std::get<MicrophoneOptions>(clear.invocation->command).action, MicrophoneOptions::Action::clear);
+}
+
+}  // namespace
+}  // namespace velto::cli

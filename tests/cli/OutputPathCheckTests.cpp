@@ -1,0 +1,78 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "OutputPathCheck.hpp"
+
+namespace velto::cli {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+class OutputPathCheck : public ::testing::Test {
+protected:
+    void SetUp() override {
+        folder_ = fs::temp_directory_path() / ("velto-cli-output-" + std::to_string(::getpid()));
+        fs::create_directories(folder_);
+    }
+    void TearDown() override {
+        fs::permissions(folder_, fs::perms::owner_all);
+        fs::remove_all(folder_);
+    }
+    // Nothing the check looks at may be created by it.
+    void expectFolderUnchanged(std::size_t entries) {
+        EXPECT_EQ(static_cast<std::size_t>(std::distance(fs::directory_iterator(folder_), fs::directory_iterator())),
+                  entries);
+    }
+    fs::path folder_;
+};
+
+TEST_F(OutputPathCheck, NewFileInAWritableFolderIsFine) {
+    EXPECT_THAT(outputPathProblem(folder_ / "take.flac", false), IsEmpty());
+    expectFolderUnchanged(0);
+}
+
+TEST_F(OutputPathCheck, RefusesWhatCannotBecomeARecording) {
+    EXPECT_THAT(outputPathProblem(folder_, false), HasSubstr("is a directory"));
+    EXPECT_THAT(outputPathProblem(folder_ / "missing" / "take.flac", false), HasSubstr("does not exist"));
+    EXPECT_THAT(outputPathProblem("", false), HasSubstr("empty"));
+    EXPECT_THAT(outputPathProblem("/dev/null", true), HasSubstr("not a regular file"));
+    std::ofstream(folder_ / "plain-file") << "x";
+    EXPECT_THAT(outputPathProblem(folder_ / "plain-file" / "take.flac", false), HasSubstr("is not a folder"));
+    expectFolderUnchanged(1);
+}
+
+TEST_F(OutputPathCheck, AnExistingRecordingIsKeptUnlessOverwriteIsGiven) {
+    auto existing = folder_ / "take.flac";
+    std::ofstream(existing) << "an earlier recording";
+    EXPECT_THAT(outputPathProblem(existing, false), HasSubstr("--overwrite"));
+    EXPECT_THAT(outputPathProblem(existing, true), IsEmpty());
+    EXPECT_EQ(fs::file_size(existing), 20u);
+}
+
+TEST_F(OutputPathCheck, ReadOnlyFolderIsRefusedUnlessWeAreAllowedAnyway) {
+    fs::permissions(folder_, fs::perms::owner_read | fs::perms::owner_exec);
+    auto problem = outputPathProblem(folder_ / "take.flac", false);
+    if (::geteuid() == 0) {
+        // Root writes anywhere on a writable file system; the check must not be stricter.
+        EXPECT_THAT(problem, IsEmpty());
+    } else {
+        EXPECT_THAT(problem, HasSubstr("cannot write to the folder"));
+    }
+}
+
+TEST_F(OutputPathCheck, ARelativeNameMeansTheCurrentFolder) {
+    auto previous = fs::current_path();
+    fs::current_path(folder_);
+    EXPECT_THAT(outputPathProblem("take.wav", false), IsEmpty());
+    fs::current_path(previous);
+}
+
+}  // namespace
+}  // namespace velto::cli

@@ -1,0 +1,242 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <sstream>
+
+#include "RecordCommand.hpp"
+#include "ScriptedBackend.hpp"
+#include "veltoaudio/RecordingError.hpp"
+
+namespace velto::cli {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ScriptedBackend;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) lines.push_back(line);
+    return lines;
+}
+
+class RecordCommandTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        folder_ = fs::temp_directory_path() / ("velto-cli-record-" + std::to_string(::getpid()));
+        fs::create_directories(folder_);
+    }
+    void TearDown() override { fs::remove_all(folder_); }
+
+    int run(RecordOptions options, bool meter = false, RecordEnvironment environment = {}) {
+        Console console(out_, err_, meter);
+        RecordCommand command(std::move(options), backend_, console, std::move(environment));
+        for (int i = 0; i < interruptionsBeforeRun_; ++i) command.interrupt();
+        return command.run();
+    }
+
+    ScriptedBackend backend_;
+    std::ostringstream out_;
+    std::ostringstream err_;
+    int interruptionsBeforeRun_ = 0;
+    fs::path folder_;
+};
+
+TEST_F(RecordCommandTest, DurationStopsTheRecordingAndThePathIsTheLastLine) {
+    backend_.progressEvents = 5;
+    RecordOptions options;
+    options.durationSeconds = 0.3;
+    EXPECT_EQ(run(options), 0);
+    EXPECT_EQ(backend_.stopCalls(), 1);
+    EXPECT_EQ(backend_.cancelCalls(), 0);
+    EXPECT_EQ(out_.str(), backend_.defaultFile.string() + "\n");
+    EXPECT_THAT(err_.str(), IsEmpty());
+    EXPECT_FALSE(backend_.requestedOutput);
+    ASSERT_TRUE(backend_.startedConfiguration);
+    EXPECT_EQ(backend_.startedConfiguration->audioFormat, AudioFormat::flac);
+    EXPECT_EQ(backend_.startedConfiguration->sources.kind(), AudioSources::Kind::microphoneOnly);
+    EXPECT_FALSE(backend_.startedConfiguration->preferredMicrophone);
+}
+
+TEST_F(RecordCommandTest, JsonModePrintsEveryEventWithFinishedLast) {
+    backend_.progressEvents = 2;
+    RecordOptions options;
+    options.json = true;
+    options.durationSeconds = 0.2;
+    EXPECT_EQ(run(options), 0);
+    EXPECT_THAT(linesOf(out_.str()),
+                ElementsAre(R"({"event":"starting"})", R"({"event":"started"})",
+                            R"({"event":"progress","elapsed":0.1,"average":-20.0,"peak":-6.0})",
+                            R"({"event":"progress","elapsed":0.2,"average":-20.0,"peak":-6.0})",
+                            R"({"event":"finished","file":")" + backend_.defaultFile.string() + R"("})"));
+}
+
+TEST_F(RecordCommandTest, FirstInterruptionStopsSecondCancels) {
+    interruptionsBeforeRun_ = 1;
+    EXPECT_EQ(run(RecordOptions{}), 0);
+    EXPECT_EQ(backend_.stopCalls(), 1);
+    EXPECT_EQ(out_.str(), backend_.defaultFile.string() + "\n");
+}
+
+TEST_F(RecordCommandTest, SecondInterruptionCancelsAndSaysWhereTheAudioIs) {
+    interruptionsBeforeRun_ = 2;
+    EXPECT_EQ(run(RecordOptions{}), kCancelledExitStatus);
+    EXPECT_EQ(backend_.cancelCalls(), 1);
+    EXPECT_EQ(backend_.stopCalls(), 0);
+    EXPECT_THAT(out_.str(), IsEmpty());
+    EXPECT_EQ(err_.str(), "velto: recording cancelled; what was recorded is kept in '" +
+                              backend_.defaultFile.string() + "'\n");
+}
+
+TEST_F(RecordCommandTest, ThirdInterruptionAbandonsAtOnce) {
+    interruptionsBeforeRun_ = 3;
+    std::atomic<int> abandoned{0};
+    RecordEnvironment environment;
+    environment.abandon = [&] { ++abandoned; };
+    EXPECT_EQ(run(RecordOptions{}, false, environment), kCancelledExitStatus);
+    EXPECT_EQ(abandoned, 1);
+    EXPECT_THAT(err_.str(), StartsWith("velto: interrupted again; exiting without waiting"));
+}
+
+TEST_F(RecordCommandTest, ErrorAfterFinishedGivesThePathAndTheError) {
+    // The disk filled up while the file was being completed.
+    backend_.errorAfterEnd = std::make_exception_ptr(
+        RecordingError::fileSystemError(std::make_shared<PlatformError>("errno", 28, "No space left on device")));
+    interruptionsBeforeRun_ = 1;
+    EXPECT_EQ(run(RecordOptions{}), 1);
+    EXPECT_EQ(out_.str(), backend_.defaultFile.string() + "\n");
+    EXPECT_THAT(linesOf(err_.str()), ElementsAre(StartsWith("velto: File system error: No space left on device.")));
+}
+
+TEST_F(RecordCommandTest, ErrorAfterFinishedInJsonModeIsTheLastEvent) {
+    backend_.errorAfterEnd = std::make_exception_ptr(
+        RecordingError::recordingFailed(std::make_shared<PlatformError>("pulse", 6, "Connection terminated")));
+    interruptionsBeforeRun_ = 1;
+    RecordOptions options;
+    options.json = true;
+    EXPECT_EQ(run(options), 1);
+    auto lines = linesOf(out_.str());
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_THAT(lines[lines.size() - 2], StartsWith(R"({"event":"finished")"));
+    EXPECT_EQ(lines.back(), R"({"event":"error","message":"Recording failed: Connection terminated","file":")" +
+                                backend_.defaultFile.string() + R"("})");
+    EXPECT_EQ(linesOf(err_.str()).size(), 1u);
+}
+
+TEST_F(RecordCommandTest, FailedStartLeavesNoFileBehind) {
+    backend_.startError = std::make_exception_ptr(RecordingError::permissionDenied());
+    backend_.createsFileBeforeFailing = true;
+    RecordOptions options;
+    options.outputPath = folder_ / "take.flac";
+    EXPECT_EQ(run(options), 1);
+    EXPECT_FALSE(fs::exists(folder_ / "take.flac"));
+    EXPECT_THAT(linesOf(err_.str()),
+                ElementsAre("velto: Microphone permission is required to record audio. Run 'velto permissions "
+                            "--sources both' to see what is missing."));
+    EXPECT_THAT(out_.str(), IsEmpty());
+}
+
+TEST_F(RecordCommandTest, FailedStartKeepsAFileThatWasThereBefore) {
+    backend_.startError = std::make_exception_ptr(RecordingError::invalidState());
+    auto existing = folder_ / "take.wav";
+    std::ofstream(existing) << "earlier";
+    RecordOptions options;
+    options.outputPath = existing;
+    options.overwrite = true;
+    EXPECT_EQ(run(options), 1);
+    EXPECT_TRUE(fs::exists(existing));
+}
+
+TEST_F(RecordCommandTest, MicrophoneOutputAndFormatReachTheService) {
+    backend_.devices = {{"usb-mic", "USB", false}, {"velto_mic", "Velto", true}};
+    interruptionsBeforeRun_ = 1;
+    RecordOptions options;
+    options.sources = SourceChoice::both;
+    options.microphoneId = "usb-mic";
+    auto previous = fs::current_path();
+    fs::current_path(folder_);
+    options.outputPath = "sub/../take.WAV";
+    fs::create_directories(folder_ / "sub");
+    int status = run(options);
+    fs::current_path(previous);
+    EXPECT_EQ(status, 0);
+    ASSERT_TRUE(backend_.startedConfiguration);
+    EXPECT_EQ(backend_.startedConfiguration->preferredMicrophone, (MicrophoneDevice{"usb-mic", "USB", false}));
+    EXPECT_EQ(backend_.startedConfiguration->sources.kind(), AudioSources::Kind::both);
+    EXPECT_EQ(backend_.startedConfiguration->audioFormat, AudioFormat::wav);
+    // The service gets, and the user sees, one absolute path.
+    EXPECT_EQ(backend_.requestedOutput, folder_ / "take.WAV");
+    EXPECT_EQ(out_.str(), (folder_ / "take.WAV").string() + "\n");
+}
+
+TEST_F(RecordCommandTest, UserMistakesEndBeforeAnythingStarts) {
+    backend_.devices = {{"velto_mic", "Velto", true}};
+    RecordOptions unknownMicrophone;
+    unknownMicrophone.microphoneId = "no-such-mic";
+    EXPECT_EQ(run(unknownMicrophone), 1);
+    EXPECT_THAT(linesOf(err_.str()),
+                ElementsAre("velto: no microphone has the identifier 'no-such-mic'. Run 'velto devices' to list "
+                            "the microphones."));
+
+    err_.str("");
+    RecordOptions intoFolder;
+    intoFolder.outputPath = folder_;
+    EXPECT_EQ(run(intoFolder), 1);
+    EXPECT_THAT(linesOf(err_.str()), ElementsAre(HasSubstr("is a directory")));
+
+    err_.str("");
+    RecordOptions json;
+    json.json = true;
+    json.outputPath = folder_ / "missing" / "take.flac";
+    EXPECT_EQ(run(json), 1);
+    EXPECT_THAT(out_.str(), StartsWith(R"({"event":"error","message":"the folder)"));
+    EXPECT_FALSE(backend_.startedConfiguration);
+}
+
+TEST_F(RecordCommandTest, RecordingWithoutAnyProgressIsAbandonedAsFailed) {
+    backend_.progressEvents = 0;
+    std::atomic<double> now{0};
+    RecordEnvironment environment;
+    environment.pollInterval = std::chrono::milliseconds(1);
+    environment.durationGraceSeconds = 2;
+    // Each look at the clock is one second later: the grace runs out after a few polls.
+    environment.monotonicSeconds = [&] { return now = now + 1.0; };
+    RecordOptions options;
+    options.durationSeconds = 1;
+    EXPECT_EQ(run(options, false, environment), 1);
+    EXPECT_EQ(backend_.cancelCalls(), 1);
+    EXPECT_EQ(backend_.stopCalls(), 0);
+    EXPECT_THAT(linesOf(err_.str()), ElementsAre(StartsWith("velto: no audio arrived from the sound server")));
+}
+
+TEST_F(RecordCommandTest, StreamThatEndsWithoutItsFileIsAFailure) {
+    backend_.endsWithoutFileEvent = true;
+    interruptionsBeforeRun_ = 1;
+    EXPECT_EQ(run(RecordOptions{}), 1);
+    EXPECT_THAT(out_.str(), IsEmpty());
+    EXPECT_THAT(linesOf(err_.str()), ElementsAre(StartsWith("velto: the recording ended before its file")));
+}
+
+TEST_F(RecordCommandTest, MeterLineIsWipedBeforeTheResult) {
+    backend_.progressEvents = 3;
+    RecordOptions options;
+    options.durationSeconds = 0.3;
+    EXPECT_EQ(run(options, true), 0);
+    auto err = err_.str();
+    EXPECT_THAT(err, StartsWith("velto: recording the microphone to the recordings folder for 1 s"));
+    EXPECT_THAT(err, HasSubstr("\r\033[KREC 00:00:00.3 ["));
+    EXPECT_THAT(err, EndsWith("\r\033[K"));
+    EXPECT_EQ(out_.str(), backend_.defaultFile.string() + "\n");
+}
+
+}  // namespace
+}  // namespace velto::cli

@@ -1,0 +1,93 @@
+#!/usr/bin/env bash
+# Runs the built velto program with one kind of user mistake (or --help) and checks the
+# exit status and what it prints. Usage: program-checks.sh VELTO CHECK
+set -uo pipefail
+velto=$1
+check=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+# The preferred-microphone store must not touch the real user's settings.
+export XDG_CONFIG_HOME="$work/config" HOME="$work/home"
+mkdir -p "$HOME"
+
+fail() { echo "FAIL [$check]: $*" >&2; echo "--- stdout:" >&2; cat "$work/out" >&2; echo "--- stderr:" >&2; cat "$work/err" >&2; exit 1; }
+
+# run EXPECTED_STATUS ARGS...: runs velto, checks the status.
+run() {
+    local expected=$1; shift
+    timeout 60 "$velto" "$@" >"$work/out" 2>"$work/err"
+    local status=$?
+    [[ $status -eq $expected ]] || fail "velto $* exited $status, expected $expected"
+}
+one_error_line() {  # the whole complaint is one line on standard error, naming $1
+    [[ $(wc -l <"$work/err") -eq 1 ]] || fail "expected exactly one line on standard error"
+    grep -q -- "$1" "$work/err" || fail "standard error does not mention '$1'"
+    grep -q '^velto: ' "$work/err" || fail "the line does not start with 'velto: '"
+}
+usage_shown() {
+    grep -q 'Usage' "$work/err" || fail "no usage on standard error"
+    [[ ! -s "$work/out" ]] || fail "standard output should stay empty"
+}
+
+case "$check" in
+    help)
+        run 0 --help
+        grep -q 'record' "$work/out" || fail "help does not list record"
+        run 0 record --help
+        grep -q -- '--duration' "$work/out" || fail "record help does not show --duration"
+        ;;
+    bad-arguments)
+        run 2
+        usage_shown
+        run 2 record --frobnicate
+        usage_shown
+        run 2 record --sources speakers
+        usage_shown
+        run 2 microphone set
+        usage_shown
+        ;;
+    bad-duration)
+        for duration in 0 -1 abc nan inf 2x; do
+            run 2 record --duration "$duration" --output "$work/never.flac"
+            usage_shown
+            [[ ! -e "$work/never.flac" ]] || fail "a file was created for --duration $duration"
+        done
+        ;;
+    format-conflict)
+        run 2 record --format flac --output "$work/take.wav"
+        usage_shown
+        ;;
+    microphone-without-source)
+        run 2 record --sources system --microphone velto_mic
+        usage_shown
+        ;;
+    output-is-directory)
+        run 1 record --duration 1 --output "$work"
+        one_error_line 'is a directory'
+        ;;
+    output-folder-missing)
+        run 1 record --duration 1 --output "$work/no/such/folder/take.flac"
+        one_error_line 'does not exist'
+        [[ ! -e "$work/no" ]] || fail "the missing folder was created"
+        ;;
+    output-exists)
+        echo "an earlier recording" >"$work/take.flac"
+        run 1 record --duration 1 --output "$work/take.flac"
+        one_error_line '--overwrite'
+        [[ $(cat "$work/take.flac") == "an earlier recording" ]] || fail "the existing file was changed"
+        ;;
+    unknown-microphone)
+        # Against a real server with microphones, so the list the name is checked
+        # against is a real one.
+        source "$(dirname "$0")/private-sandbox.sh" "$(cd "$(dirname "$0")/../.." && pwd)"
+        trap 'stop_private_sandbox; rm -rf "$work"' EXIT
+        run 1 record --duration 1 --microphone no-such-microphone --output "$work/take.flac"
+        one_error_line "no-such-microphone"
+        [[ ! -e "$work/take.flac" ]] || fail "a file was created"
+        ;;
+    *)
+        echo "unknown check $check" >&2
+        exit 2
+        ;;
+esac
+echo "ok [$check]"
