@@ -1,0 +1,198 @@
+// The preferences file and the microphone preference kept in it: values read back by a
+// fresh store and by other processes, concurrent writers, corrupt files.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include "support/CapturedLogs.hpp"
+#include "veltoaudio/UserDefaultsMicrophoneStorage.hpp"
+
+namespace velto::testing {
+namespace {
+
+using ::testing::ElementsAre;
+constexpr const char* kStorageCategory = "UserDefaultsMicrophoneStorage";
+
+class TemporaryFolder {
+public:
+    TemporaryFolder() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "velto-prefs-XXXXXX").string();
+        path_ = ::mkdtemp(pattern.data());
+    }
+    ~TemporaryFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+// Runs `body` in a child process; true when it exited with status 0.
+template <class Body>
+pid_t spawn(Body body) {
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        int status = 1;
+        try {
+            status = body() ? 0 : 1;
+        } catch (...) {
+        }
+        ::_exit(status);
+    }
+    return pid;
+}
+
+bool succeeded(pid_t pid) {
+    int status = 0;
+    return pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+class PreferenceStoreTest : public ::testing::Test {
+protected:
+    std::filesystem::path file() const { return folder.path() / "io.veltoaudio" / "preferences.json"; }
+    std::shared_ptr<UserDefaults> freshStore() const { return UserDefaults::create(file()); }
+    TemporaryFolder folder;
+};
+
+// MARK: - The microphone preference
+
+TEST_F(PreferenceStoreTest, storageLogsEachStepAndKeepsTheEmptyString) {
+    CapturedLogs logs;
+    UserDefaultsMicrophoneStorage storage(freshStore(), "selectedMicrophoneDeviceId");
+    storage.setSelectedMicrophoneId(std::nullopt);
+    EXPECT_FALSE(storage.getSelectedMicrophoneId().has_value());
+    storage.setSelectedMicrophoneId(std::string());
+    EXPECT_EQ(storage.getSelectedMicrophoneId(), std::string());
+    storage.setSelectedMicrophoneId("usb-2");
+    EXPECT_EQ(storage.getSelectedMicrophoneId(), "usb-2");
+    EXPECT_THAT(logs.messages(kStorageCategory),
+                ElementsAre("Initialized UserDefaultsMicrophoneStorage with key: selectedMicrophoneDeviceId",
+                            "Cleared stored microphone device ID", "No stored microphone device ID found",
+                            "Stored microphone device ID: ", "Retrieved stored microphone device ID: ",
+                            "Stored microphone device ID: usb-2", "Retrieved stored microphone device ID: usb-2"));
+    for (const auto& record : logs.records()) {
+        if (record.category == kStorageCategory) {
+            EXPECT_EQ(record.level, LogLevel::debug);
+        }
+    }
+}
+
+TEST_F(PreferenceStoreTest, storagesWithDifferentKeysDoNotSeeEachOther) {
+    auto store = freshStore();
+    UserDefaultsMicrophoneStorage first(store, "first");
+    UserDefaultsMicrophoneStorage second(store, "second");
+    first.setSelectedMicrophoneId("a");
+    EXPECT_FALSE(second.getSelectedMicrophoneId().has_value());
+    second.setSelectedMicrophoneId("b");
+    first.setSelectedMicrophoneId(std::nullopt);
+    EXPECT_EQ(second.getSelectedMicrophoneId(), "b");
+}
+
+TEST_F(PreferenceStoreTest, valuesOfOtherKindsReadAsStringsOnlyWhenTheyHaveAStringForm) {
+    auto store = freshStore();
+    UserDefaultsMicrophoneStorage storage(store, "key");
+    store->setBool("key", true);
+    EXPECT_FALSE(storage.getSelectedMicrophoneId().has_value());
+    store->setInteger("key", 42);
+    EXPECT_EQ(storage.getSelectedMicrophoneId(), "42");
+    store->setNumber("key", 1.5);
+    EXPECT_EQ(storage.getSelectedMicrophoneId(), "1.5");
+    store->setNumber("key", 48000.0);
+    EXPECT_EQ(storage.getSelectedMicrophoneId(), "48000");
+}
+
+// MARK: - The file
+
+TEST_F(PreferenceStoreTest, aFreshStoreAndAnotherProcessReadWhatWasWritten) {
+    UserDefaultsMicrophoneStorage(freshStore(), "selectedMicrophoneDeviceId").setSelectedMicrophoneId("from-parent");
+    EXPECT_EQ(UserDefaultsMicrophoneStorage(freshStore(), "selectedMicrophoneDeviceId").getSelectedMicrophoneId(),
+              "from-parent");
+
+    auto file = this->file();
+    pid_t reader = spawn([file] {
+        return UserDefaults::create(file)->stringForKey("selectedMicrophoneDeviceId") == "from-parent";
+    });
+    EXPECT_TRUE(succeeded(reader));
+
+    pid_t writer = spawn([file] {
+        UserDefaults::create(file)->setString("selectedMicrophoneDeviceId", "from-child");
+        return true;
+    });
+    ASSERT_TRUE(succeeded(writer));
+    EXPECT_EQ(freshStore()->stringForKey("selectedMicrophoneDeviceId"), "from-child");
+}
+
+TEST_F(PreferenceStoreTest, concurrentWritersInTwoProcessesKeepEveryKey) {
+    constexpr int kKeysPerWriter = 40;
+    auto file = this->file();
+    auto writeKeys = [file](char prefix) {
+        return [file, prefix] {
+            auto store = UserDefaults::create(file);
+            for (int i = 0; i < kKeysPerWriter; ++i) store->setInteger(std::string(1, prefix) + std::to_string(i), i);
+            return true;
+        };
+    };
+    pid_t first = spawn(writeKeys('a'));
+    pid_t second = spawn(writeKeys('b'));
+    ASSERT_TRUE(succeeded(first));
+    ASSERT_TRUE(succeeded(second));
+
+    auto store = freshStore();
+    for (char prefix : {'a', 'b'})
+        for (int i = 0; i < kKeysPerWriter; ++i)
+            EXPECT_EQ(store->stringForKey(std::string(1, prefix) + std::to_string(i)), std::to_string(i));
+    // Only the store and its lock file remain: no temporary file is left behind.
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(file.parent_path()))
+        names.push_back(entry.path().filename().string());
+    EXPECT_THAT(names, ::testing::UnorderedElementsAre("preferences.json", "preferences.json.lock"));
+}
+
+TEST_F(PreferenceStoreTest, aCorruptFileReadsAsEmptyAndIsReplacedByTheNextWrite) {
+    std::filesystem::create_directories(file().parent_path());
+    std::ofstream(file()) << "{\"selectedMicrophoneDeviceId\": \"half";
+    CapturedLogs logs;
+    auto store = freshStore();
+    EXPECT_FALSE(store->stringForKey("selectedMicrophoneDeviceId").has_value());
+    EXPECT_TRUE(logs.contains(LogLevel::error, "UserDefaults",
+                              "Preferences file " + file().string() + " is corrupt; treating it as empty"));
+    store->setString("selectedMicrophoneDeviceId", "recovered");
+    EXPECT_EQ(freshStore()->stringForKey("selectedMicrophoneDeviceId"), "recovered");
+
+    std::ofstream(file()) << "[1, 2, 3]";  // valid JSON, but not a store
+    EXPECT_FALSE(store->stringForKey("selectedMicrophoneDeviceId").has_value());
+}
+
+TEST_F(PreferenceStoreTest, anUnwritableFolderIsLoggedNotThrown) {
+    CapturedLogs logs;
+    std::filesystem::create_directories(folder.path() / "blocked");
+    std::ofstream(folder.path() / "blocked" / "io.veltoaudio") << "a file where the folder should be";
+    auto store = UserDefaults::create(folder.path() / "blocked" / "io.veltoaudio" / "preferences.json");
+    EXPECT_NO_THROW(store->setString("key", "value"));
+    EXPECT_FALSE(store->stringForKey("key").has_value());
+    EXPECT_TRUE(logs.containsPrefix("UserDefaults", "Failed to write preferences file "));
+}
+
+TEST_F(PreferenceStoreTest, standardStoreLivesInTheUsersConfigFolder) {
+    const char* saved = std::getenv("XDG_CONFIG_HOME");
+    std::optional<std::string> previous = saved ? std::optional<std::string>(saved) : std::nullopt;
+    ::setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);
+    EXPECT_EQ(UserDefaults::standardFilePath(), folder.path() / "io.veltoaudio" / "preferences.json");
+    ::setenv("XDG_CONFIG_HOME", "relative/ignored", 1);
+    EXPECT_EQ(UserDefaults::standardFilePath().parent_path().parent_path().filename(), ".config");
+    if (previous) {
+        ::setenv("XDG_CONFIG_HOME", previous->c_str(), 1);
+    } else {
+        ::unsetenv("XDG_CONFIG_HOME");
+    }
+}
+
+}  // namespace
+}  // namespace velto::testing

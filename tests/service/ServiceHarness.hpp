@@ -1,0 +1,70 @@
+#pragma once
+// A RecordingService over scripted collaborators, with helpers to drive a recording.
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "platform/fake/FakeAudioHardware.hpp"
+#include "service/RecordingServiceDependencies.hpp"
+#include "service/ServiceTestDoubles.hpp"
+#include "veltoaudio/RecordingService.hpp"
+
+namespace velto::testing {
+
+RecordingConfiguration makeConfiguration(AudioSources sources, AudioFormat format = AudioFormat::wav,
+                                         std::optional<MicrophoneDevice> preferredMicrophone = std::nullopt);
+
+struct DrainedEvents {
+    std::vector<RecordingEvent> events;
+    std::exception_ptr error;
+    std::vector<RecordingEvent::Kind> kinds() const;
+};
+// Reads the stream to its end.
+DrainedEvents drain(EventStream<RecordingEvent>& stream);
+
+class ServiceHarness {
+public:
+    ServiceHarness();
+    ~ServiceHarness();
+
+    RecordingService& service() { return *service_; }
+    // Builds a fresh service over the same collaborators (the old one is destroyed first).
+    RecordingService& rebuild();
+    void destroyService() { service_.reset(); }
+
+    // The index-th recorder, once the service has taken its events.
+    std::shared_ptr<ScriptedRecorder> recorder(std::size_t index = 0);
+    std::size_t recorderCount();
+    std::vector<std::string> recorderKinds();
+    std::vector<std::optional<MicrophoneDevice>> microphoneRecorderDevices();
+    std::vector<std::filesystem::path> generatedFiles();
+
+    void setVersion(int major, int minor) {
+        std::lock_guard lock(mutex_);
+        version_ = OperatingSystemVersion{major, minor, 0};
+    }
+
+    const std::shared_ptr<FakeSessionManager> sessionManager = std::make_shared<FakeSessionManager>();
+    const std::shared_ptr<InMemoryMicrophoneStorage> storage = std::make_shared<InMemoryMicrophoneStorage>();
+    const std::shared_ptr<ScriptedTccProvider> tcc = std::make_shared<ScriptedTccProvider>();
+    const std::shared_ptr<platform::FakeAudioHardware> hardware = platform::FakeAudioHardware::create();
+    std::atomic<platform::AuthorizationStatus> microphoneStatus{platform::AuthorizationStatus::authorized};
+    std::atomic<int> microphoneStatusQueries{0};
+    std::atomic<bool> microphoneAccessAnswer{true};
+    std::atomic<bool> recorderConstructionFails{false};
+
+private:
+    RecordingServiceDependencies dependencies();
+
+    std::mutex mutex_;
+    OperatingSystemVersion version_{14, 4, 0};
+    std::vector<std::shared_ptr<ScriptedRecorder>> recorders_;
+    std::vector<std::string> recorderKinds_;
+    std::vector<std::optional<MicrophoneDevice>> microphoneRecorderDevices_;
+    std::vector<std::filesystem::path> generatedFiles_;
+    std::unique_ptr<RecordingService> service_;
+};
+
+}  // namespace velto::testing

@@ -1,0 +1,111 @@
+#pragma once
+// Scripted collaborators of the recording service: a recorder whose events the test
+// drives, a session manager with a settable device list, an in-memory preference store
+// and a permission provider with scripted answers. All thread-safe.
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/TCCPermissionProviderProtocol.hpp"
+#include "service/AudioRecorderProtocol.hpp"
+#include "service/AudioSessionManagerProtocol.hpp"
+#include "veltoaudio/MicrophonePreferencesStorage.hpp"
+
+namespace velto::testing {
+
+// Polls `condition` until it holds or a generous limit passes (the limit only keeps a
+// broken test from hanging; no test depends on how long anything takes).
+bool eventually(const std::function<bool()>& condition);
+
+// A recorder like the real ones in what the service relies on: stop() delivers
+// `finished` and ends the sequence, cancel() delivers `cancelled` and ends it, each
+// before returning. Every call is recorded.
+class ScriptedRecorder final : public AudioRecorderProtocol {
+public:
+    explicit ScriptedRecorder(std::filesystem::path fileURL);
+
+    EventStream<RecordingEvent> events() override;
+    void stop() override;
+    void pause() override;
+    void resume() override;
+    void cancel() override;
+    AudioBufferStream audioStream() override;
+
+    // --- driving it ---
+    void emit(RecordingEvent event);
+    void end();
+    void fail(std::exception_ptr error);
+    // When false, stop() and cancel() record the call and do nothing else.
+    std::atomic<bool> endsOnStopAndCancel{true};
+
+    // --- observing it ---
+    std::vector<std::string> calls() const;
+    bool wasCalled(const std::string& call) const;
+    // True once the consumer end of the event sequence was cancelled or ended.
+    bool eventsTerminated() const { return continuation_.isTerminated(); }
+    const std::filesystem::path& fileURL() const { return fileURL_; }
+
+private:
+    void record(std::string call);
+    const std::filesystem::path fileURL_;
+    EventStream<RecordingEvent> events_;
+    EventStream<RecordingEvent>::Continuation continuation_;
+    AudioBufferStream audio_;
+    AudioBufferStream::Continuation audioContinuation_;
+    mutable std::mutex mutex_;
+    std::vector<std::string> calls_;
+};
+
+class FakeSessionManager final : public AudioSessionManagerProtocol {
+public:
+    void setDevices(std::vector<MicrophoneDevice> devices);
+    void failConfigurationWith(std::exception_ptr error);
+    std::vector<std::optional<MicrophoneDevice>> configuredMicrophones() const;
+    int deviceInformationLogs() const;
+
+    std::vector<MicrophoneDevice> availableMicrophones() override;
+    void configureSession(std::optional<MicrophoneDevice> preferredMicrophone) override;
+    void logDeviceInformation() override;
+    std::optional<MicrophoneDevice> preferredMicrophone() const override;
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<MicrophoneDevice> devices_;
+    std::exception_ptr configurationError_;
+    std::vector<std::optional<MicrophoneDevice>> configured_;
+    int deviceInformationLogs_ = 0;
+};
+
+class InMemoryMicrophoneStorage final : public MicrophonePreferencesStorage {
+public:
+    std::optional<std::string> getSelectedMicrophoneId() override;
+    void setSelectedMicrophoneId(std::optional<std::string> id) override;
+
+private:
+    std::mutex mutex_;
+    std::optional<std::string> id_;
+};
+
+class ScriptedTccProvider final : public platform::TCCPermissionProviderProtocol {
+public:
+    std::atomic<PermissionState> status{PermissionState::granted};
+    std::atomic<bool> requestAnswer{true};
+    std::exception_ptr requestError;  // set before use
+    std::atomic<int> statusQueries{0};
+    std::atomic<int> requests{0};
+
+    PermissionState checkPermissionStatus() override;
+    bool requestAudioCapturePermission() override;
+};
+
+}  // namespace velto::testing
