@@ -131,6 +131,10 @@ void AudioConverter::mapIntoWork(const PcmBuffer& input, uint32_t frames) {
     const auto channelData = input.floatChannelData();
     if (frames == 0 || inputChannels == 0) return;
 
+    if (inputChannels == workChannels_ && (interleaved || inputChannels == 1)) {
+        std::memcpy(work_.data(), channelData[0], samples * sizeof(float));
+        return;
+    }
     auto sampleAt = [&](uint32_t frame, uint32_t channel) {
         return interleaved ? channelData[0][static_cast<size_t>(frame) * inputChannels + channel]
                            : channelData[channel][frame];
@@ -181,6 +185,11 @@ void AudioConverter::resampleWork(uint32_t frames) {
 void AudioConverter::deliver(const float* work, uint32_t frames, PcmBuffer& output) const {
     const uint32_t outputChannels = output.channelCount();
     const auto channelData = output.floatChannelData();
+    output.setFrameLength(frames);
+    if (outputChannels == workChannels_ && (outputFormat_.interleaved || outputChannels == 1)) {
+        std::memcpy(channelData[0], work, static_cast<size_t>(frames) * outputChannels * sizeof(float));
+        return;
+    }
     for (uint32_t frame = 0; frame < frames; ++frame) {
         const float* in = work + static_cast<size_t>(frame) * workChannels_;
         for (uint32_t channel = 0; channel < outputChannels; ++channel) {
@@ -192,7 +201,6 @@ void AudioConverter::deliver(const float* work, uint32_t frames, PcmBuffer& outp
             }
         }
     }
-    output.setFrameLength(frames);
 }
 
 int64_t AudioConverter::maximumHeldBackFrames() const {

@@ -441,15 +441,24 @@ void AudioMixer::convertSourceBlock(Source& source, int64_t needFrames, int64_t 
 
 void AudioMixer::mixSources(int64_t frames, bool withSystem, bool withMicrophone) {
     float* mixed = mixedOutputBuffer_.get();
-    vec::clear(mixed, frames);
-    if (withSystem) vec::multiplyAdd(system_.blockBuffer.get(), systemGain_.load(), mixed, frames);
-    if (withMicrophone) vec::multiplyAdd(microphone_.blockBuffer.get(), microphoneGain_.load(), mixed, frames);
+    const float systemGain = withSystem ? systemGain_.load() : 0.0f;
+    const float microphoneGain = withMicrophone ? microphoneGain_.load() : 0.0f;
+    if (withSystem && withMicrophone) {
+        vec::weightedSum(system_.blockBuffer.get(), systemGain, microphone_.blockBuffer.get(), microphoneGain, mixed,
+                         frames);
+    } else {
+        vec::clear(mixed, frames);
+        if (withSystem) vec::multiplyAdd(system_.blockBuffer.get(), systemGain, mixed, frames);
+        if (withMicrophone) vec::multiplyAdd(microphone_.blockBuffer.get(), microphoneGain, mixed, frames);
+    }
     clip(frames);
 }
 
+// Clipping and metering share one pass over the block; the levels are those
+// of the clipped block, the overflow test uses the peak before clipping.
 void AudioMixer::clip(int64_t frames) {
-    float* mixed = mixedOutputBuffer_.get();
-    const float peak = vec::maxMagnitude(mixed, frames);
+    const auto measurement = vec::clipAndMeasure(mixedOutputBuffer_.get(), kClipThreshold, frames);
+    const float peak = measurement.peakBeforeClipping;
     maxPeakSinceStart_ = std::max(maxPeakSinceStart_, peak);
     if (peak > kClipThreshold) {
         if (oneIn(100)) {
@@ -459,15 +468,13 @@ void AudioMixer::clip(int64_t frames) {
         std::lock_guard guard(counterLock_);
         ++overflowCounter_;
     }
-    vec::clip(mixed, -kClipThreshold, kClipThreshold, frames);
+    lastBlockRms_ = static_cast<float>(std::sqrt(measurement.sumOfSquares / static_cast<double>(frames)));
+    lastBlockPeak_ = std::min(peak, kClipThreshold);
 }
 
-void AudioMixer::updateLevels(int64_t frames) {
-    const float* mixed = mixedOutputBuffer_.get();
-    const float rms = vec::rootMeanSquare(mixed, frames);
-    const float peak = vec::maxMagnitude(mixed, frames);
-    const AudioLevels levels{20.0f * std::log10(std::max(rms, kLevelFloor)),
-                             20.0f * std::log10(std::max(peak, kLevelFloor))};
+void AudioMixer::updateLevels(int64_t /*frames*/) {
+    const AudioLevels levels{20.0f * std::log10(std::max(lastBlockRms_, kLevelFloor)),
+                             20.0f * std::log10(std::max(lastBlockPeak_, kLevelFloor))};
     std::lock_guard guard(levelsLock_);
     currentLevels_ = levels;
 }

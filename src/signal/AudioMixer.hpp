@@ -168,6 +168,8 @@ private:
     double mixingStartTimeSeconds_ = 0;
     int64_t totalFramesProcessed_ = 0;
     float maxPeakSinceStart_ = 0.0f;
+    float lastBlockRms_ = 0.0f;   // of the last mixed block, after clipping
+    float lastBlockPeak_ = 0.0f;  // of the last mixed block, after clipping
     int64_t paddedSilenceFrames_ = 0;
     bool writeFailureReported_ = false;
 

@@ -23,21 +23,46 @@ inline void average(const float* a, const float* b, float* destination, int64_t 
     for (int64_t i = 0; i < count; ++i) destination[i] = (a[i] + b[i]) * 0.5f;
 }
 
-inline float maxMagnitude(const float* values, int64_t count) {
-    float peak = 0.0f;
-    for (int64_t i = 0; i < count; ++i) peak = std::max(peak, std::abs(values[i]));
-    return peak;
+// destination[i] = a[i] × gainA + b[i] × gainB, in one pass.
+inline void weightedSum(const float* a, float gainA, const float* b, float gainB, float* destination, int64_t count) {
+    for (int64_t i = 0; i < count; ++i) destination[i] = a[i] * gainA + b[i] * gainB;
 }
 
-inline float rootMeanSquare(const float* values, int64_t count) {
-    if (count < 1) return 0.0f;
-    double sum = 0.0;
-    for (int64_t i = 0; i < count; ++i) sum += static_cast<double>(values[i]) * values[i];
-    return static_cast<float>(std::sqrt(sum / static_cast<double>(count)));
-}
+struct ClipMeasurement {
+    float peakBeforeClipping;  // largest |sample| before the limit
+    double sumOfSquares;       // of the clipped samples
+};
 
-inline void clip(float* values, float low, float high, int64_t count) {
-    for (int64_t i = 0; i < count; ++i) values[i] = std::clamp(values[i], low, high);
+// Limits every sample to ±limit in place and measures the block on the way,
+// so that a block is read once for clipping and metering. Eight independent
+// accumulators keep the reduction free of a serial dependency chain.
+inline ClipMeasurement clipAndMeasure(float* values, float limit, int64_t count) {
+    constexpr int kLanes = 8;
+    float peaks[kLanes] = {};
+    float squares[kLanes] = {};
+    int64_t i = 0;
+    for (; i + kLanes <= count; i += kLanes) {
+        for (int lane = 0; lane < kLanes; ++lane) {
+            const float value = values[i + lane];
+            const float magnitude = value < 0 ? -value : value;
+            peaks[lane] = magnitude > peaks[lane] ? magnitude : peaks[lane];
+            const float clipped = value > limit ? limit : (value < -limit ? -limit : value);
+            values[i + lane] = clipped;
+            squares[lane] += clipped * clipped;
+        }
+    }
+    ClipMeasurement measurement{0.0f, 0.0};
+    for (; i < count; ++i) {
+        const float value = values[i];
+        measurement.peakBeforeClipping = std::max(measurement.peakBeforeClipping, std::abs(value));
+        values[i] = std::clamp(value, -limit, limit);
+        measurement.sumOfSquares += static_cast<double>(values[i]) * values[i];
+    }
+    for (int lane = 0; lane < kLanes; ++lane) {
+        measurement.peakBeforeClipping = std::max(measurement.peakBeforeClipping, peaks[lane]);
+        measurement.sumOfSquares += squares[lane];
+    }
+    return measurement;
 }
 
 }  // namespace velto::vec

@@ -14,6 +14,7 @@ namespace velto::testing {
 struct SineFit {
     double sinadDecibels = 0;
     double amplitude = 0;
+    double phaseRadians = 0;  // of amplitude·sin(ωi + phase)
     double worstResidual = 0;  // largest |sample - fitted sine|
     size_t worstResidualIndex = 0;
 };
@@ -51,6 +52,7 @@ inline SineFit fitSine(const std::vector<float>& samples, size_t first, size_t c
         }
     }
     fit.amplitude = std::hypot(a, b);
+    fit.phaseRadians = std::atan2(b, a);
     fit.sinadDecibels = 10 * std::log10(signal / std::max(noise, 1e-300));
     return fit;
 }
