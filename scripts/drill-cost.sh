@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# CPU cost of recording both sources to 16 kHz mono FLAC: velto against ffmpeg doing the
+# same job (two PulseAudio inputs, amix, resample) in the same run, on the same sounds.
+# Reports CPU seconds (user + system) per recorded second for each, and their ratio.
+# Target: velto at most half of ffmpeg.
+#   scripts/drill-cost.sh [SECONDS]     (default 30)
+source "$(dirname "$0")/drill-common.sh"
+seconds=${1:-30}
+VELTO_WITH_DRILL_TOOLS=1 bash "$root/scripts/setup.sh" >/dev/null
+
+# cpu_of OUTPUT_FILE COMMAND...: runs the command, prints its user+system CPU seconds.
+cpu_of() {
+    local times="$work/times"
+    /usr/bin/time -f "%U %S %e" -o "$times" "$@" >/dev/null 2>"$work/stderr" || {
+        echo "command failed: $*" >&2; cat "$work/stderr" >&2; return 1; }
+    awk '{ printf "%.3f %.3f\n", $1 + $2, $3 }' "$times"
+}
+
+play_into velto_speakers $((2 * seconds + 20)) 440
+play_into velto_mic_in $((2 * seconds + 20)) 660
+sleep 1
+
+note "velto: $seconds s of both sources"
+read -r velto_cpu velto_wall < <(cpu_of "$velto" record --sources both --format flac --duration "$seconds" \
+    --output "$work/velto.flac")
+note "ffmpeg: $seconds s of both sources"
+read -r ffmpeg_cpu ffmpeg_wall < <(cpu_of ffmpeg -nostdin -hide_banner -loglevel error \
+    -f pulse -i velto_speakers.monitor -f pulse -i velto_mic \
+    -filter_complex "[0:a][1:a]amix=inputs=2:duration=longest,aresample=16000,aformat=channel_layouts=mono" \
+    -t "$seconds" -c:a flac -y "$work/ffmpeg.flac")
+
+[[ -n ${velto_cpu:-} && -n ${ffmpeg_cpu:-} ]] || { echo "a recording failed" >&2; exit 1; }
+velto_len=$(soxi -D "$work/velto.flac")
+ffmpeg_len=$(soxi -D "$work/ffmpeg.flac")
+awk -v vc="$velto_cpu" -v vl="$velto_len" -v vw="$velto_wall" -v fc="$ffmpeg_cpu" -v fl="$ffmpeg_len" \
+    -v fw="$ffmpeg_wall" 'BEGIN {
+    v = vc / vl; f = fc / fl
+    printf "velto : %6.3f CPU s for %6.2f s recorded (%5.2f s wall) = %.4f CPU s per recorded s\n", vc, vl, vw, v
+    printf "ffmpeg: %6.3f CPU s for %6.2f s recorded (%5.2f s wall) = %.4f CPU s per recorded s\n", fc, fl, fw, f
+    printf "ratio velto/ffmpeg: %.3f (target <= 0.5): %s\n", v / f, (v / f <= 0.5 ? "met" : "NOT met")
+}'
