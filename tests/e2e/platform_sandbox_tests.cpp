@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <thread>
 
@@ -93,6 +94,53 @@ TEST(PlatformSandboxTest, LoadingAndUnloadingADeviceIsAnnouncedOncePerBurst) {
     run("pactl unload-module " + after);
     std::this_thread::sleep_for(800ms);
     EXPECT_EQ(notifications.load(), 2);
+}
+
+}  // namespace
+}  // namespace velto
+
+namespace velto {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace platform;
+
+// The sandbox script, pointed at the server this test talks to.
+std::string sandbox(const std::string& action) {
+    const char* server = std::getenv("PULSE_SERVER");
+    std::string directory = server != nullptr ? server : "";
+    if (directory.rfind("unix:", 0) == 0) directory = directory.substr(5);
+    directory = directory.substr(0, directory.rfind('/'));
+    return run("VELTO_SANDBOX_DIR=" + directory + " " VELTO_SANDBOX_SCRIPT " " + action);
+}
+
+TEST(PlatformSandboxTest, ServerThatGoesAwayIsReportedAndFoundAgainWhenItReturns) {
+    auto services = PlatformServices::pulse();
+    std::atomic<int> notifications{0};
+    const auto token = services.configurationChangeCenter->addObserver([&] { ++notifications; });
+    std::this_thread::sleep_for(500ms);
+    notifications = 0;
+
+    sandbox("stop");
+    EXPECT_TRUE(waitUntil([&] { return notifications.load() >= 1; }, 3000ms)) << "loss of the server not announced";
+
+    const auto before = std::chrono::steady_clock::now();
+    std::uint32_t size = 0;
+    EXPECT_EQ(services.audioHardware->getPropertyDataSize(
+                  kAudioObjectSystemObject, AudioObjectPropertyAddress{kAudioHardwarePropertyDevices}, size),
+              kAudioHardwareNotRunningError);
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 4s);  // answered within the time-out, not hung
+    EXPECT_EQ(services.captureDeviceDiscovery->authorizationStatus(), AuthorizationStatus::notDetermined);
+    EXPECT_TRUE(services.captureDeviceDiscovery->devices(std::vector{CaptureDeviceType::microphone}).empty());
+
+    ASSERT_NE(sandbox("start").find("started"), std::string::npos);
+    notifications = 0;
+    EXPECT_TRUE(waitUntil([&] { return notifications.load() >= 1; }, 6000ms)) << "return of the server not announced";
+    EXPECT_EQ(services.audioHardware->getPropertyDataSize(
+                  kAudioObjectSystemObject, AudioObjectPropertyAddress{kAudioHardwarePropertyDevices}, size),
+              noErr);
+    EXPECT_GT(size, 0u);
+    services.configurationChangeCenter->removeObserver(token);
 }
 
 }  // namespace
