@@ -239,9 +239,9 @@ void RecordingServiceCore::forwardEvents(std::weak_ptr<RecordingServiceCore> wea
 
     if (auto core = weakCore.lock()) {
         Turn turn(core->turn_);
-        core->finishForwarding(*task, failure, continuation, turn);
+        core->finishForwarding(*task, std::move(failure), continuation, turn);
     } else if (failure) {
-        continuation.finish(failure);
+        continuation.finish(std::move(failure));
     } else {
         continuation.finish();
     }
@@ -294,7 +294,9 @@ void RecordingServiceCore::finishForwarding(ForwardingTask& task, std::exception
     } else {
         if (ownSession) transition(RecordingState::error, turn);
         logger().critical("Recording stream failed: " + describeError(failure));
-        continuation.finish(failure);
+        // Handed over, not copied: the caller's side then holds the error's last reference,
+        // so it is released on the thread that reads it.
+        continuation.finish(std::move(failure));
     }
     if (ownSession) cleanup(turn);
 }

@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "service/ServiceHarness.hpp"
 #include "support/CapturedLogs.hpp"
 #include "veltoaudio/RecordingError.hpp"
@@ -261,11 +263,20 @@ TEST_F(RecordingServiceTest, destroyingTheServiceCancelsTheRecordingAndEndsTheSt
 }
 
 TEST_F(RecordingServiceTest, aStopThatNeverEndsTheSequenceStillReturnsAndCleansUp) {
+    auto clock = std::make_shared<ManualClock>();
+    harness.clock = clock;
+    harness.rebuild();
     auto stream = startRecording();
     auto recorder = harness.recorder();
     reachRecordingState(recorder);
     recorder->endsOnStopAndCancel = false;
+    // The stop waits for the recorder's last events until its grace period has passed.
+    std::thread timeKeeper([&] {
+        eventually([&] { return recorder->wasCalled("stop"); });
+        clock->advance(60.0);
+    });
     harness.service().stopRecording();
+    timeKeeper.join();
     EXPECT_EQ(harness.service().recordingState(), RecordingState::idle);
     auto drained = drain(stream);  // the cleanup cancelled the forwarding: a normal end
     EXPECT_EQ(drained.error, nullptr);

@@ -78,6 +78,7 @@ RecordingServiceDependencies ServiceHarness::dependencies() {
     d.operatingSystemVersion = version;
     d.tccPermissionProvider = tcc;
     d.systemAudioPermissionManager = std::make_shared<platform::SystemAudioPermissionManager>(tcc, hardware, version);
+    d.clock = clock;
     return d;
 }
 

@@ -54,6 +54,8 @@ public:
     std::atomic<int> microphoneStatusQueries{0};
     std::atomic<bool> microphoneAccessAnswer{true};
     std::atomic<bool> recorderConstructionFails{false};
+    // Bounds the wait for a stopped recorder's last events; set before rebuild().
+    std::shared_ptr<Clock> clock = Clock::system();
 
 private:
     RecordingServiceDependencies dependencies();
