@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <system_error>
 
 #include "ErrorMessages.hpp"
@@ -73,10 +74,13 @@ int RecordCommand::fail(const std::string& problem) {
 
 std::string RecordCommand::announcement(const std::optional<fs::path>& outputFile) const {
     std::string where = outputFile ? "'" + outputFile->string() + "'" : "the recordings folder";
-    std::string until = options_.durationSeconds ? "for " + std::to_string(static_cast<long long>(std::ceil(
-                                                                *options_.durationSeconds))) +
-                                                       " s; Ctrl-C stops earlier"
-                                                 : "until Ctrl-C";
+    std::string until = "until Ctrl-C";
+    if (options_.durationSeconds) {
+        // %g: any finite duration the parser lets through prints sensibly, 1e+300 included.
+        char seconds[32];
+        std::snprintf(seconds, sizeof seconds, "%g", *options_.durationSeconds);
+        until = std::string("for ") + seconds + " s; Ctrl-C stops earlier";
+    }
     return std::string("velto: recording ") + sourcesPhrase(options_.sources) + " to " + where + " " + until;
 }
 

@@ -232,7 +232,7 @@ TEST_F(RecordCommandTest, MeterLineIsWipedBeforeTheResult) {
     options.durationSeconds = 0.3;
     EXPECT_EQ(run(options, true), 0);
     auto err = err_.str();
-    EXPECT_THAT(err, StartsWith("velto: recording the microphone to the recordings folder for 1 s"));
+    EXPECT_THAT(err, StartsWith("velto: recording the microphone to the recordings folder for 0.3 s; Ctrl-C stops earlier"));
     EXPECT_THAT(err, HasSubstr("\r\033[KREC 00:00:00.3 ["));
     EXPECT_THAT(err, EndsWith("\r\033[K"));
     EXPECT_EQ(out_.str(), backend_.defaultFile.string() + "\n");
