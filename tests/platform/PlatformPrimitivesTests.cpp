@@ -157,3 +157,37 @@ TEST(SilencePacerTest, RealBlocksStopTheFillingAndRestartTheIdleWait) {
 
 }  // namespace
 }  // namespace velto
+
+namespace velto {
+namespace {
+
+using pulse::SilencePacer;
+
+TEST(SilencePacerTest, BacklogOfALateSourceThatSilenceAlreadyCoveredIsDropped) {
+    SilencePacer pacer(48000.0, 480, 0.06);
+    pacer.start(0.0);
+    EXPECT_EQ(pacer.backlogToDrop(9600, 960), 0u);  // never idle: nothing to drop
+    EXPECT_EQ(pacer.takeSilenceBlocksDue(0.1), 10u);  // 4800 frames of silence delivered
+    // A late source returns with 6000 frames at once: all but the tolerance is backlog,
+    // at most what silence covered.
+    EXPECT_EQ(pacer.backlogToDrop(6000, 960), 4800u);
+    EXPECT_EQ(pacer.backlogToDrop(2000, 960), 1040u);
+    // A source that resumes just now sends only a little: none of it is dropped.
+    EXPECT_EQ(pacer.backlogToDrop(480, 960), 0u);
+}
+
+TEST(InterleavedSampleRingTest, DiscardTakesTheOldestFramesOnly) {
+    pulse::InterleavedSampleRing ring(1, 8);
+    const float samples[] = {1, 2, 3, 4, 5};
+    ring.write(samples, 5);
+    EXPECT_EQ(ring.discard(3), 3u);
+    EXPECT_EQ(ring.discard(9), 2u);
+    ring.write(samples, 2);
+    float out[2] = {};
+    ASSERT_TRUE(ring.read(out, 2));
+    EXPECT_EQ(out[0], 1.0f);
+    EXPECT_EQ(out[1], 2.0f);
+}
+
+}  // namespace
+}  // namespace velto

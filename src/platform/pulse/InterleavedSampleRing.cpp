@@ -43,6 +43,14 @@ bool InterleavedSampleRing::read(float* interleaved, std::uint32_t frames) {
     return true;
 }
 
+std::uint32_t InterleavedSampleRing::discard(std::uint32_t frames) {
+    const std::uint64_t read = readFrames_.load(std::memory_order_relaxed);
+    const std::uint64_t written = writtenFrames_.load(std::memory_order_acquire);
+    const auto count = static_cast<std::uint32_t>(std::min<std::uint64_t>(frames, written - read));
+    readFrames_.store(read + count, std::memory_order_release);
+    return count;
+}
+
 std::uint32_t InterleavedSampleRing::availableFrames() const {
     const std::uint64_t read = readFrames_.load(std::memory_order_acquire);
     const std::uint64_t written = writtenFrames_.load(std::memory_order_acquire);

@@ -14,8 +14,9 @@ constexpr const char* kErrorDomain = "PulseAudio";
 constexpr double kRingSeconds = 2.0;
 // The delivery thread also looks every few milliseconds, so a missed wake-up only delays.
 constexpr auto kDeliveryPoll = std::chrono::milliseconds(5);
-// A source that has sent nothing for this long is idle, not late.
-constexpr double kIdleAfterSeconds = 0.06;
+// A source that has sent nothing for this long is taken as idle rather than late. Longer
+// than any scheduling hiccup of a loaded machine; the mixer only waits that much longer.
+constexpr double kIdleAfterSeconds = 0.2;
 
 double monotonicSeconds() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
@@ -170,6 +171,10 @@ void PulseCaptureStream::deliveryLoop() {
             wake_.wait_for(lock, kDeliveryPoll, [this] {
                 return stopping_.load() || ring_.availableFrames() >= options_.blockFrames;
             });
+        }
+        if (pacer.isIdle() && ring_.availableFrames() >= options_.blockFrames) {
+            const std::uint64_t drop = pacer.backlogToDrop(ring_.availableFrames(), 2ull * options_.blockFrames);
+            if (drop > 0) droppedFrames_.fetch_add(ring_.discard(static_cast<std::uint32_t>(drop)));
         }
         bool delivered = false;
         while (!stopping_.load() && ring_.read(block_.data(), options_.blockFrames)) {

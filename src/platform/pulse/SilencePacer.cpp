@@ -28,4 +28,10 @@ std::uint32_t SilencePacer::takeSilenceBlocksDue(double nowSeconds) {
     return blocks;
 }
 
+std::uint64_t SilencePacer::backlogToDrop(std::uint64_t availableFrames, std::uint64_t toleranceFrames) const {
+    if (!idle_ || availableFrames <= toleranceFrames) return 0;
+    const std::uint64_t backlog = availableFrames - toleranceFrames;
+    return backlog < silenceFramesDelivered_ ? backlog : silenceFramesDelivered_;
+}
+
 }  // namespace velto::pulse

@@ -5,8 +5,10 @@
 // on the stream (the mixer's jitter gate waits for every source) would stall. Once no
 // real block has arrived for `idleAfterSeconds`, silence blocks are due at the nominal
 // rate from the moment the last real block arrived, so the gap is filled without a jump.
-// When real blocks return they are passed on as they come: we would rather add a few
-// milliseconds of delay once than stop a recording.
+// A source that was only late (a busy machine starves the main loop, the server sends a
+// burst) returns with a backlog that covers time already filled with silence; that part
+// of the backlog is dropped on resumption, so the stream keeps its length and timing:
+// we would rather lose a moment of late audio than let every later frame drift.
 //
 // Times are seconds on a monotonic clock, passed in by the caller. Not thread-safe: used
 // by one delivery thread.
@@ -23,6 +25,10 @@ public:
     void noteRealBlock(double nowSeconds);
     // Silence blocks to deliver now; counts them as delivered.
     std::uint32_t takeSilenceBlocksDue(double nowSeconds);
+    // When real frames appear after silence was delivered: how many of the `availableFrames`
+    // waiting are backlog already covered by silence (beyond what a source that resumes
+    // just now would have sent: `toleranceFrames`).
+    std::uint64_t backlogToDrop(std::uint64_t availableFrames, std::uint64_t toleranceFrames) const;
     bool isIdle() const { return idle_; }
 
 private:
