@@ -18,5 +18,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/VeltoAudioConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/VeltoAudioConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/VeltoAudio)
 
+# The prefix is found relative to the .pc file, so `cmake --install --prefix` anywhere works.
+file(RELATIVE_PATH VELTO_PC_PREFIX_FROM_PCFILEDIR /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(cmake/veltoaudio.pc.in ${CMAKE_CURRENT_BINARY_DIR}/veltoaudio.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/veltoaudio.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
