@@ -115,20 +115,23 @@ TEST_F(RecordCommandTest, ErrorAfterFinishedGivesThePathAndTheError) {
     EXPECT_EQ(run(RecordOptions{}), 1);
     EXPECT_EQ(out_.str(), backend_.defaultFile.string() + "\n");
     EXPECT_THAT(linesOf(err_.str()), ElementsAre(StartsWith("velto: File system error: No space left on device.")));
-}
 
-TEST_F(RecordCommandTest, ErrorAfterFinishedInJsonModeIsTheLastEvent) {
-    backend_.errorAfterEnd = std::make_exception_ptr(
-        RecordingError::recordingFailed(std::make_shared<PlatformError>("pulse", 6, "Connection terminated")));
-    interruptionsBeforeRun_ = 1;
+    // In JSON mode the error follows the finished event, naming the file.
+    out_.str("");
+    err_.str("");
+    ScriptedBackend jsonBackend;
+    jsonBackend.errorAfterEnd = backend_.errorAfterEnd;
+    Console console(out_, err_, false);
     RecordOptions options;
     options.json = true;
-    EXPECT_EQ(run(options), 1);
+    RecordCommand command(options, jsonBackend, console);
+    command.interrupt();
+    EXPECT_EQ(command.run(), 1);
     auto lines = linesOf(out_.str());
     ASSERT_GE(lines.size(), 2u);
     EXPECT_THAT(lines[lines.size() - 2], StartsWith(R"({"event":"finished")"));
-    EXPECT_EQ(lines.back(), R"({"event":"error","message":"Recording failed: Connection terminated","file":")" +
-                                backend_.defaultFile.string() + R"("})");
+    EXPECT_EQ(lines.back(), R"({"event":"error","message":"File system error: No space left on device","file":")" +
+                                jsonBackend.defaultFile.string() + R"("})");
     EXPECT_EQ(linesOf(err_.str()).size(), 1u);
 }
 
@@ -143,17 +146,12 @@ TEST_F(RecordCommandTest, FailedStartLeavesNoFileBehind) {
                 ElementsAre("velto: Microphone permission is required to record audio. Run 'velto permissions "
                             "--sources both' to see what is missing."));
     EXPECT_THAT(out_.str(), IsEmpty());
-}
 
-TEST_F(RecordCommandTest, FailedStartKeepsAFileThatWasThereBefore) {
-    backend_.startError = std::make_exception_ptr(RecordingError::invalidState());
-    auto existing = folder_ / "take.wav";
-    std::ofstream(existing) << "earlier";
-    RecordOptions options;
-    options.outputPath = existing;
+    // A file the user had before (replaced with --overwrite) is not the start's to remove.
+    std::ofstream(folder_ / "take.flac") << "earlier";
     options.overwrite = true;
     EXPECT_EQ(run(options), 1);
-    EXPECT_TRUE(fs::exists(existing));
+    EXPECT_TRUE(fs::exists(folder_ / "take.flac"));
 }
 
 TEST_F(RecordCommandTest, MicrophoneOutputAndFormatReachTheService) {

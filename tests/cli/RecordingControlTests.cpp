@@ -84,19 +84,6 @@ TEST(RecordingControl, CancelBeforeTheRecordingRunsSkipsTheStop) {
     EXPECT_THAT(log.snapshot(), ElementsAre("cancel"));
 }
 
-TEST(RecordingControl, RepeatedStopRequestsStopOnce) {
-    ActionLog log;
-    {
-        RecordingControl control(log.actions());
-        control.markRecording();
-        control.requestStop();
-        control.requestStop();
-        control.interrupt();  // counts as the first interruption: still the same stop
-        log.waitFor(1);
-    }
-    EXPECT_THAT(log.snapshot(), ElementsAre("stop"));
-}
-
 TEST(RecordingControl, DestructionWaitsForAStopUnderWay) {
     std::promise<void> release;
     auto released = release.get_future().share();
