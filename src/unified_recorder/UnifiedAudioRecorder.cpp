@@ -1,0 +1,467 @@
+#include "unified_recorder/UnifiedAudioRecorder.hpp"
+
+#include "capture/MicrophoneCapture.hpp"
+#include "capture/SystemAudioTap.hpp"
+#include "logging/LoggerCompat.hpp"
+#include "logging/NumberFormat.hpp"
+#include "microphone_recorder/PrivateRecordingFile.hpp"
+#include "signal/AudioFile.hpp"
+#include "unified_recorder/UnifiedAudioRecorderError.hpp"
+#include "veltoaudio/RecordingError.hpp"
+
+namespace velto {
+
+namespace {
+
+LoggerCompat& logger() {
+    static LoggerCompat l{kLogSubsystem, "UnifiedAudioRecorder"};
+    return l;
+}
+
+// The tap and the capture log their own stops, under their own categories.
+LoggerCompat& tapLogger() {
+    static LoggerCompat l{kLogSubsystem, "SystemAudioTap"};
+    return l;
+}
+
+LoggerCompat& captureLogger() {
+    static LoggerCompat l{kLogSubsystem, "MicrophoneCapture"};
+    return l;
+}
+
+constexpr double kOutputSampleRateHertz = 16000.0;
+constexpr double kMicrophoneFallbackRateHertz = 48000.0;
+
+void stopSystemAudioTap(SystemAudioTap& tap) {
+    if (!tap.isCapturing()) return;
+    tapLogger().info("Stopping system audio tap");
+    tap.stop();
+    tapLogger().debug("System audio tap stopped");
+}
+
+void stopMicrophoneCapture(MicrophoneCapture& capture) {
+    if (!capture.isCapturing()) return;
+    captureLogger().info("Stopping microphone capture");
+    capture.stop();
+    captureLogger().debug("Microphone capture stopped");
+}
+
+}  // namespace
+
+struct UnifiedAudioRecorder::Private {};
+
+AudioLevels UnifiedAudioRecorder::LiveOutput::levels() const {
+    std::lock_guard lock(levelsLock);
+    return currentLevels;
+}
+
+void UnifiedAudioRecorder::LiveOutput::setLevels(AudioLevels levels) {
+    std::lock_guard lock(levelsLock);
+    currentLevels = levels;
+}
+
+const std::shared_ptr<SerialQueue>& UnifiedAudioRecorder::sharedWorkQueue() {
+    static const std::shared_ptr<SerialQueue> queue = SerialQueue::create(
+        std::string(kIdentifierPrefix) + ".UnifiedAudioRecorder", QualityOfService::userInitiated);
+    return queue;
+}
+
+std::shared_ptr<UnifiedAudioRecorder> UnifiedAudioRecorder::create(std::filesystem::path fileURL,
+                                                                   RecordingConfiguration configuration,
+                                                                   platform::PlatformServices services,
+                                                                   std::shared_ptr<Clock> clock,
+                                                                   std::shared_ptr<SerialQueue> workQueue,
+                                                                   MixingTicks mixingTicks) {
+    auto recorder = std::make_shared<UnifiedAudioRecorder>(
+        Private{}, std::move(fileURL), std::move(configuration), std::move(services),
+        clock ? std::move(clock) : Clock::system(), workQueue ? std::move(workQueue) : sharedWorkQueue(),
+        mixingTicks);
+
+    std::weak_ptr<UnifiedAudioRecorder> weak = recorder;
+    auto queue = recorder->queue_;
+    if (recorder->services_.configurationChangeCenter) {
+        recorder->configurationChangeObserver_ =
+            recorder->services_.configurationChangeCenter->addObserver([weak, queue] {
+                queue->async([weak] {
+                    if (auto self = weak.lock()) self->handleConfigurationChange();
+                });
+            });
+    }
+    return recorder;
+}
+
+UnifiedAudioRecorder::UnifiedAudioRecorder(const Private&, std::filesystem::path fileURL,
+                                           RecordingConfiguration configuration, platform::PlatformServices services,
+                                           std::shared_ptr<Clock> clock, std::shared_ptr<SerialQueue> workQueue,
+                                           MixingTicks mixingTicks)
+    : queue_(std::move(workQueue)),
+      clock_(std::move(clock)),
+      services_(std::move(services)),
+      fileURL_(std::move(fileURL)),
+      configuration_(std::move(configuration)),
+      liveOutput_(std::make_shared<LiveOutput>()),
+      mixingTicks_(mixingTicks) {
+    auto [audio, audioContinuation] = AudioBufferStream::make();
+    audioStream_ = std::move(audio);
+    liveOutput_->audioStreamContinuation = std::move(audioContinuation);
+    auto [events, eventsContinuation] = EventStream<RecordingEvent>::make();
+    stream_ = std::move(events);
+    recordingEventStreamContinuation_ = std::move(eventsContinuation);
+}
+
+UnifiedAudioRecorder::~UnifiedAudioRecorder() {
+    // Released while still recording (the service drops its recorder without a stop):
+    // tear the signal path down so that nothing keeps writing into a recorder that is
+    // gone. No events: nobody is listening any more.
+    if (progressTimer_) progressTimer_->cancel();
+    if (configurationChangeObserver_ && services_.configurationChangeCenter) {
+        services_.configurationChangeCenter->removeObserver(*configurationChangeObserver_);
+    }
+    if (audioMixer_) audioMixer_->stopMixing();
+    joinForwarders();
+    if (systemAudioTap_) systemAudioTap_->stop();
+    if (microphoneCapture_) microphoneCapture_->stop();
+    if (audioFile_) audioFile_->close();
+    liveOutput_->audioStreamContinuation.finish();
+}
+
+EventStream<RecordingEvent> UnifiedAudioRecorder::events() {
+    std::weak_ptr<UnifiedAudioRecorder> weak = weak_from_this();
+    queue_->async([weak] {
+        if (auto self = weak.lock()) self->startRecording();
+    });
+    return stream_;
+}
+
+AudioBufferStream UnifiedAudioRecorder::audioStream() { return audioStream_; }
+
+void UnifiedAudioRecorder::stop() {
+    auto self = shared_from_this();
+    queue_->sync([self] { self->finishRecording(RecorderState::stopping, RecorderState::finished); });
+}
+
+void UnifiedAudioRecorder::cancel() {
+    auto self = shared_from_this();
+    queue_->sync([self] { self->finishRecording(RecorderState::cancelling, RecorderState::cancelled); });
+}
+
+void UnifiedAudioRecorder::pause() {
+    auto self = shared_from_this();
+    queue_->sync([self] { self->pauseRecording(); });
+}
+
+void UnifiedAudioRecorder::resume() {
+    auto self = shared_from_this();
+    queue_->sync([self] { self->resumeRecording(); });
+}
+
+UnifiedAudioRecorder::RecorderState UnifiedAudioRecorder::state() const {
+    RecorderState state = RecorderState::idle;
+    queue_->sync([&] { state = recorderState_; });
+    return state;
+}
+
+std::shared_ptr<AudioMixer> UnifiedAudioRecorder::mixer() const {
+    std::shared_ptr<AudioMixer> current;
+    queue_->sync([&] { current = audioMixer_; });
+    return current;
+}
+
+double UnifiedAudioRecorder::secondsSinceStart() const {
+    const double now = clock_->nowSeconds();
+    return now - recordingStartSeconds_.value_or(now);
+}
+
+void UnifiedAudioRecorder::startRecording() {
+    if (recorderState_ != RecorderState::idle) return;
+    recordingStartSeconds_ = clock_->nowSeconds();
+    recordingEventStreamContinuation_.yield(RecordingEvent::starting());
+    logger().debug("Starting modern ring-buffer-based recording");
+    try {
+        configureOutputFile();
+        setupAudioComponents();
+        startAudioCapture();
+        startAudioMixing();
+    } catch (...) {
+        const auto error = std::current_exception();
+        logger().critical("Failed to start modern recording: " + caseDescriptionOf(error));
+        cleanup(error);  // still idle: no terminal event, the stream ends with the error
+        recorderState_ = RecorderState::finished;
+        return;
+    }
+    recorderState_ = RecorderState::recording;
+    recordingEventStreamContinuation_.yield(RecordingEvent::started());
+    startProgressTimer();
+    logger().debug("Modern ring-buffer recording started successfully");
+}
+
+void UnifiedAudioRecorder::configureOutputFile() {
+    const auto processingFormat = PcmFormat::make(kOutputSampleRateHertz, 1, /*interleaved=*/true);
+    if (!processingFormat) throw RecordingError::recorderInitializationFailed();
+    audioFile_ = AudioFile::openForWriting(fileURL_, makeAudioSettings(configuration_.audioFormat),
+                                           processingFormat->interleaved, clock_);
+    makeRecordingFilePrivate(fileURL_, logger());
+    logger().debug("Output file configured with format: " + audioFile_->processingFormat().description());
+}
+
+void UnifiedAudioRecorder::setupAudioComponents() {
+    const auto& buffers = configuration_.bufferConfiguration;
+    audioMixer_ = AudioMixer::create(buffers.mixingBufferCapacity(), buffers.jitterBufferFrames(), clock_,
+                                     mixingTicks_);
+    const int64_t ringCapacityFrames = buffers.ringBufferCapacity();
+
+    switch (configuration_.sources.kind()) {
+        case AudioSources::Kind::microphoneOnly:
+            microphoneCapture_ = MicrophoneCapture::create(1, ringCapacityFrames, services_);
+            systemAudioTap_.reset();
+            logger().debug("Initialized only microphone capture");
+            audioMixer_->setSystemGain(0.0f);
+            audioMixer_->setMicrophoneGain(0.5f);
+            logger().debug("Configured mixer for microphone capture only - mic: " +
+                           formatFloat(audioMixer_->microphoneGain()));
+            break;
+        case AudioSources::Kind::systemAudioOnly:
+            systemAudioTap_ = SystemAudioTap::create(2, ringCapacityFrames, services_);
+            microphoneCapture_.reset();
+            logger().debug("Initialized only system audio tap");
+            audioMixer_->setSystemGain(0.5f);
+            audioMixer_->setMicrophoneGain(0.0f);
+            logger().debug("Configured mixer for system audio only - system: " +
+                           formatFloat(audioMixer_->systemGain()) + ", mic: " +
+                           formatFloat(audioMixer_->microphoneGain()));
+            break;
+        case AudioSources::Kind::both:
+            microphoneCapture_ = MicrophoneCapture::create(1, ringCapacityFrames, services_);
+            systemAudioTap_ = SystemAudioTap::create(2, ringCapacityFrames, services_);
+            logger().debug("Initialized both microphone capture and system audio tap");
+            audioMixer_->setSystemGain(0.3f);
+            audioMixer_->setMicrophoneGain(0.3f);
+            logger().debug("Configured mixer for dual-source - system: " + formatFloat(audioMixer_->systemGain()) +
+                           ", mic: " + formatFloat(audioMixer_->microphoneGain()));
+            break;
+    }
+
+    if (configuration_.preferredMicrophone && microphoneCapture_) {
+        microphoneCapture_->configureInputDevice(*configuration_.preferredMicrophone);
+    }
+}
+
+void UnifiedAudioRecorder::startAudioCapture() {
+    if (microphoneCapture_) {
+        microphoneCapture_->start(kMicrophoneBufferSizeFrames);
+        logger().debug("Started microphone capture with 1024 frame buffer size");
+    } else {
+        logger().debug("Microphone capture not configured");
+    }
+    if (systemAudioTap_) {
+        systemAudioTap_->start();
+        logger().debug("Started system audio tap");
+    } else {
+        logger().debug("System audio tap not configured");
+    }
+}
+
+void UnifiedAudioRecorder::startAudioMixing() {
+    if (!audioMixer_ || !audioFile_) throw UnifiedAudioRecorderError::missingMixerOrOutputFile();
+    const PcmFormat outputFormat = audioFile_->processingFormat();
+    const std::string output = "output (" + formatDouble(outputFormat.sampleRate) + "Hz, " +
+                               std::to_string(outputFormat.channelCount) + "ch)";
+    const auto microphoneRate = [&] {
+        const auto& format = microphoneCapture_->inputFormat();
+        return format ? format->sampleRate : kMicrophoneFallbackRateHertz;
+    };
+
+    if (systemAudioTap_ && microphoneCapture_) {
+        const double systemRate = systemAudioTap_->asbd().mSampleRate;
+        const std::uint32_t systemChannels = systemAudioTap_->asbd().mChannelsPerFrame;
+        const double micRate = microphoneRate();
+        logger().debug("Starting dual-source mixing: system (" + formatDouble(systemRate) + "Hz, " +
+                       std::to_string(systemChannels) + "ch) + microphone (" + formatDouble(micRate) + "Hz) -> " +
+                       output);
+        audioMixer_->startDualSourceMixing(systemAudioTap_->ringBuffer(), systemRate, systemChannels,
+                                           microphoneCapture_->ringBuffer(), micRate, audioFile_, outputFormat);
+    } else if (systemAudioTap_) {
+        const double systemRate = systemAudioTap_->asbd().mSampleRate;
+        const std::uint32_t systemChannels = systemAudioTap_->asbd().mChannelsPerFrame;
+        logger().debug("Starting system audio only mixing: " + formatDouble(systemRate) + "Hz, " +
+                       std::to_string(systemChannels) + "ch -> " + output);
+        audioMixer_->startMixing(systemAudioTap_->ringBuffer(), nullptr, systemRate, systemChannels, audioFile_,
+                                 outputFormat);
+    } else if (microphoneCapture_) {
+        const double micRate = microphoneRate();
+        logger().debug("Starting microphone audio only mixing: " + formatDouble(micRate) + "Hz -> " + output);
+        audioMixer_->startMixing(nullptr, microphoneCapture_->ringBuffer(), micRate, 1, audioFile_, outputFormat);
+    }
+    startForwarding(audioMixer_);
+    logger().debug("Audio mixing started successfully");
+}
+
+void UnifiedAudioRecorder::startForwarding(const std::shared_ptr<AudioMixer>& mixer) {
+    // A file that can no longer be written ends the recording; the report hops onto the
+    // work queue and names its mixer, so a report from a mixer already replaced by a
+    // restart is recognised and ignored.
+    std::weak_ptr<UnifiedAudioRecorder> weak = weak_from_this();
+    std::weak_ptr<AudioMixer> weakMixer = mixer;
+    auto queue = queue_;
+    mixer->setWriteFailureHandler([weak, weakMixer, queue](ErrorPtr cause) {
+        queue->async([weak, weakMixer, cause] {
+            if (auto self = weak.lock()) self->handleWriteFailure(weakMixer.lock(), cause);
+        });
+    });
+
+    // The forwarding thread holds the mixer and the shared live output, never the
+    // recorder: it cannot keep the recorder alive or end up destroying it.
+    forwarders_.emplace_back([mixer, live = liveOutput_, blocks = mixer->audioStream()]() mutable {
+        while (auto block = blocks.next()) {
+            live->audioStreamContinuation.yield(*block);
+            live->setLevels(mixer->currentLevels());
+        }
+    });
+}
+
+void UnifiedAudioRecorder::joinForwarders() {
+    // Each forwarder ends once its mixer's stream has ended (stopMixing finishes it).
+    for (auto& forwarder : forwarders_) {
+        if (forwarder.joinable()) forwarder.join();
+    }
+    forwarders_.clear();
+}
+
+void UnifiedAudioRecorder::startProgressTimer() {
+    progressTimer_ = RepeatingTimer::create(queue_);
+    std::weak_ptr<UnifiedAudioRecorder> weak = weak_from_this();
+    progressTimer_->setEventHandler([weak] {
+        if (auto self = weak.lock()) self->progressTick();
+    });
+    progressTimer_->schedule(queue_->clock()->nowSeconds(), kProgressIntervalSeconds, 0.0);
+    progressTimer_->resume();
+}
+
+void UnifiedAudioRecorder::progressTick() {
+    if (recorderState_ != RecorderState::recording) return;
+    recordingEventStreamContinuation_.yield(RecordingEvent::progress(secondsSinceStart(), liveOutput_->levels()));
+}
+
+void UnifiedAudioRecorder::pauseRecording() {
+    if (recorderState_ != RecorderState::recording) return;
+    recorderState_ = RecorderState::paused;
+    logger().debug("Recording paused");
+}
+
+void UnifiedAudioRecorder::resumeRecording() {
+    if (recorderState_ != RecorderState::paused) return;
+    recorderState_ = RecorderState::recording;
+    logger().debug("Recording resumed");
+}
+
+void UnifiedAudioRecorder::finishRecording(RecorderState transitional, RecorderState final) {
+    if (recorderState_ != RecorderState::recording && recorderState_ != RecorderState::paused) return;
+    recorderState_ = transitional;
+    if (progressTimer_) progressTimer_->cancel();
+    progressTimer_.reset();
+    cleanup();  // the file stays on disk, cancelled or not
+    recorderState_ = final;
+}
+
+void UnifiedAudioRecorder::stopComponents() {
+    if (audioMixer_) audioMixer_->stopMixing();
+    joinForwarders();
+    if (systemAudioTap_) stopSystemAudioTap(*systemAudioTap_);
+    if (microphoneCapture_) stopMicrophoneCapture(*microphoneCapture_);
+}
+
+void UnifiedAudioRecorder::handleConfigurationChange() {
+    if (recorderState_ != RecorderState::recording) {
+        logger().debug("Audio configuration changed but not currently recording, ignoring");
+        return;
+    }
+    logger().debug("Audio configuration changed, restarting recording seamlessly");
+    const double elapsed = secondsSinceStart();
+
+    stopComponents();
+    audioMixer_.reset();
+    systemAudioTap_.reset();
+    microphoneCapture_.reset();
+    logger().debug("Stopped audio components for restart");
+
+    try {
+        setupAudioComponents();
+        startAudioCapture();
+        startAudioMixing();  // the new mixer appends to the same open file
+    } catch (...) {
+        const auto error = std::current_exception();
+        logger().critical("Failed to restart recording after configuration change: " + caseDescriptionOf(error));
+        recorderState_ = RecorderState::stopping;
+        cleanup(error);  // emits finished with the file, then ends with the error
+        recorderState_ = RecorderState::finished;
+        return;
+    }
+    logger().debug("Successfully restarted recording after configuration change");
+    recordingEventStreamContinuation_.yield(RecordingEvent::progress(elapsed, liveOutput_->levels()));
+}
+
+void UnifiedAudioRecorder::handleWriteFailure(const std::shared_ptr<AudioMixer>& failedMixer, ErrorPtr cause) {
+    if (!failedMixer || failedMixer != audioMixer_) return;  // a mixer already replaced or stopped
+    if (recorderState_ != RecorderState::recording && recorderState_ != RecorderState::paused) return;
+    logger().critical("Recording ended: the output file can no longer be written: " +
+                      (cause ? cause->errorDescription() : std::string("Unknown error")));
+    recorderState_ = RecorderState::stopping;
+    if (progressTimer_) progressTimer_->cancel();
+    progressTimer_.reset();
+    cleanup(std::make_exception_ptr(RecordingError::fileSystemError(std::move(cause))));
+    recorderState_ = RecorderState::finished;
+}
+
+void UnifiedAudioRecorder::cleanup(std::exception_ptr endingError) {
+    logger().debug("Starting cleanup of unified recorder");
+    if (progressTimer_) progressTimer_->cancel();
+    progressTimer_.reset();
+    if (configurationChangeObserver_) {
+        if (services_.configurationChangeCenter) {
+            services_.configurationChangeCenter->removeObserver(*configurationChangeObserver_);
+        }
+        configurationChangeObserver_.reset();
+    }
+    stopComponents();
+    audioMixer_.reset();
+    systemAudioTap_.reset();
+    microphoneCapture_.reset();
+    if (audioFile_) audioFile_->close();
+    audioFile_.reset();
+    liveOutput_->audioStreamContinuation.finish();
+
+    switch (recorderState_) {
+        case RecorderState::cancelling:
+        case RecorderState::cancelled:
+            recordingEventStreamContinuation_.yield(RecordingEvent::cancelled(fileURL_));
+            break;
+        case RecorderState::stopping:
+        case RecorderState::finished:
+            recordingEventStreamContinuation_.yield(RecordingEvent::finished(fileURL_));
+            break;
+        default:
+            break;
+    }
+    if (endingError) {
+        recordingEventStreamContinuation_.finish(endingError);
+    } else {
+        recordingEventStreamContinuation_.finish();
+    }
+    logger().debug("Cleanup completed");
+}
+
+const char* caseName(UnifiedAudioRecorder::RecorderState state) {
+    using State = UnifiedAudioRecorder::RecorderState;
+    switch (state) {
+        case State::idle: return "idle";
+        case State::recording: return "recording";
+        case State::paused: return "paused";
+        case State::stopping: return "stopping";
+        case State::finished: return "finished";
+        case State::cancelling: return "cancelling";
+        case State::cancelled: return "cancelled";
+    }
+    return "idle";
+}
+
+}  // namespace velto

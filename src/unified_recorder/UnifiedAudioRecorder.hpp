@@ -1,0 +1,142 @@
+#pragma once
+// Records system audio, the microphone, or both into one file: a SystemAudioTap and/or a
+// MicrophoneCapture fill their ring buffers, one AudioMixer mixes them into the file and
+// into the live audio stream. Progress is reported ten times a second. When the machine's
+// audio configuration changes, capture and mixing are rebuilt in place and go on writing
+// into the same file.
+//
+// Degradation policy: per-block problems stay inside the mixer (silence, a skipped
+// block). Only these end a recording from inside: a failed start (the stream ends with
+// the error), a failed restart after a configuration change, and an output file that can
+// no longer be written — both of the latter close the file with everything written so
+// far, emit `finished` with its location and then end the stream with the error.
+//
+// Threads: start, stop, cancel, pause, resume, progress ticks, configuration changes and
+// write failures all run on one work queue ("io.veltoaudio.UnifiedAudioRecorder", shared
+// by every recorder unless a test injects its own), so the recorder's fields are touched
+// only there. The public operations may be called from any thread but that queue's work;
+// stop(), pause(), resume() and cancel() return once their work has run. The forwarding
+// threads touch only the LiveOutput they share with the recorder.
+
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "dispatch/Clock.hpp"
+#include "dispatch/RepeatingTimer.hpp"
+#include "dispatch/SerialQueue.hpp"
+#include "platform/PlatformServices.hpp"
+#include "service/AudioRecorderProtocol.hpp"
+#include "signal/AudioMixer.hpp"
+#include "veltoaudio/AudioLevels.hpp"
+#include "veltoaudio/Error.hpp"
+#include "veltoaudio/RecordingConfiguration.hpp"
+
+namespace velto {
+
+class AudioFile;
+class MicrophoneCapture;
+class SystemAudioTap;
+
+class UnifiedAudioRecorder final : public AudioRecorderProtocol,
+                                   public std::enable_shared_from_this<UnifiedAudioRecorder> {
+public:
+    enum class RecorderState { idle, recording, paused, stopping, finished, cancelling, cancelled };
+
+    static constexpr double kProgressIntervalSeconds = 0.1;
+    static constexpr std::uint32_t kMicrophoneBufferSizeFrames = 1024;
+
+    // `clock` gives the elapsed times and paces the mixer; `workQueue` (null: the shared
+    // queue) runs the recorder's work and its progress timer; `mixingTicks` says who ticks
+    // the mixers (their own timer, or a test through mixer()->tick()).
+    static std::shared_ptr<UnifiedAudioRecorder> create(std::filesystem::path fileURL,
+                                                        RecordingConfiguration configuration,
+                                                        platform::PlatformServices services,
+                                                        std::shared_ptr<Clock> clock = Clock::system(),
+                                                        std::shared_ptr<SerialQueue> workQueue = nullptr,
+                                                        MixingTicks mixingTicks = MixingTicks::timer);
+    ~UnifiedAudioRecorder() override;
+
+    // Taking the events schedules the start (it runs once, from idle).
+    EventStream<RecordingEvent> events() override;
+    AudioBufferStream audioStream() override;
+    void stop() override;
+    void pause() override;
+    void resume() override;
+    void cancel() override;
+
+    // Read on the work queue, so the answer reflects all work queued before.
+    RecorderState state() const;
+    const std::filesystem::path& fileURL() const { return fileURL_; }
+    // The current mixer (replaced at each restart); null when none runs. Read on the work queue.
+    std::shared_ptr<AudioMixer> mixer() const;
+
+    // The queue every recorder works on unless given its own.
+    static const std::shared_ptr<SerialQueue>& sharedWorkQueue();
+
+    // What the forwarding threads share with the recorder: the live audio stream's
+    // producer end and the mixer's latest levels. Any thread.
+    struct LiveOutput {
+        AudioBufferStream::Continuation audioStreamContinuation;
+        mutable std::mutex levelsLock;
+        AudioLevels currentLevels = AudioLevels::silence();  // guarded by levelsLock
+        AudioLevels levels() const;
+        void setLevels(AudioLevels levels);
+    };
+
+    struct Private;
+    UnifiedAudioRecorder(const Private&, std::filesystem::path fileURL, RecordingConfiguration configuration,
+                         platform::PlatformServices services, std::shared_ptr<Clock> clock,
+                         std::shared_ptr<SerialQueue> workQueue, MixingTicks mixingTicks);
+
+private:
+    void startRecording();
+    void configureOutputFile();
+    void setupAudioComponents();
+    void startAudioCapture();
+    void startAudioMixing();
+    void startForwarding(const std::shared_ptr<AudioMixer>& mixer);
+    void joinForwarders();
+    void startProgressTimer();
+    void progressTick();
+    void pauseRecording();
+    void resumeRecording();
+    void finishRecording(RecorderState transitional, RecorderState final);
+    void handleConfigurationChange();
+    void handleWriteFailure(const std::shared_ptr<AudioMixer>& failedMixer, ErrorPtr cause);
+    void stopComponents();
+    void cleanup(std::exception_ptr endingError = nullptr);
+    double secondsSinceStart() const;
+
+    const std::shared_ptr<SerialQueue> queue_;
+    const std::shared_ptr<Clock> clock_;
+    const platform::PlatformServices services_;
+    const std::filesystem::path fileURL_;
+    const RecordingConfiguration configuration_;
+    const std::shared_ptr<LiveOutput> liveOutput_;
+    const MixingTicks mixingTicks_;
+
+    // Fixed at creation.
+    AudioBufferStream audioStream_;
+    EventStream<RecordingEvent> stream_;
+    EventStream<RecordingEvent>::Continuation recordingEventStreamContinuation_;
+
+    // Work queue only.
+    std::shared_ptr<SystemAudioTap> systemAudioTap_;
+    std::shared_ptr<MicrophoneCapture> microphoneCapture_;
+    std::shared_ptr<AudioMixer> audioMixer_;
+    std::shared_ptr<AudioFile> audioFile_;
+    std::shared_ptr<RepeatingTimer> progressTimer_;
+    std::optional<double> recordingStartSeconds_;
+    RecorderState recorderState_ = RecorderState::idle;
+    std::optional<platform::ConfigurationChangeObserverToken> configurationChangeObserver_;
+    // One per mixer started; each ends when its mixer's stream ends.
+    std::vector<std::thread> forwarders_;
+};
+
+const char* caseName(UnifiedAudioRecorder::RecorderState state);
+
+}  // namespace velto

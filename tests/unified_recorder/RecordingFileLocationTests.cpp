@@ -1,0 +1,98 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+
+#include "../microphone_recorder/RecorderTestSupport.hpp"
+#include "support/CapturedLogs.hpp"
+#include "unified_recorder/RecordingFileLocation.hpp"
+
+namespace velto {
+namespace {
+
+using velto::testing::CapturedLogs;
+
+// 2025-03-03 14:05:09 in the local time zone.
+std::chrono::system_clock::time_point localTime(int year, int month, int day, int hour, int minute, int second) {
+    std::tm parts{};
+    parts.tm_year = year - 1900;
+    parts.tm_mon = month - 1;
+    parts.tm_mday = day;
+    parts.tm_hour = hour;
+    parts.tm_min = minute;
+    parts.tm_sec = second;
+    parts.tm_isdst = -1;
+    return std::chrono::system_clock::from_time_t(std::mktime(&parts));
+}
+
+class RecordingFileLocationTest : public ::testing::Test {
+protected:
+    CapturedLogs logs;
+    velto::testing::TemporaryDirectory support;
+    const std::chrono::system_clock::time_point when = localTime(2025, 3, 3, 14, 5, 9);
+};
+
+TEST_F(RecordingFileLocationTest, CreatesAPrivateRecordingsDirectoryOnce) {
+    const auto base = support.path() / "app-data";
+    const auto directory = recordingsDirectory(base);
+    EXPECT_EQ(directory, base / "Recordings");
+    ASSERT_TRUE(std::filesystem::is_directory(directory));
+    EXPECT_EQ(velto::testing::permissionsOf(directory), 0700u);
+    EXPECT_TRUE(logs.contains(LogLevel::debug, "FileStorage", "Accessing recordings directory: " + directory.string()));
+    EXPECT_TRUE(logs.contains(LogLevel::info, "FileStorage", "Created recordings directory: " + directory.string()));
+
+    logs.clear();
+    recordingsDirectory(base);
+    EXPECT_EQ(logs.messages("FileStorage"),
+              std::vector<std::string>{"Accessing recordings directory: " + directory.string()});
+}
+
+TEST_F(RecordingFileLocationTest, AFailureToCreateTheDirectoryIsLoggedAndTheLocationStillReturned) {
+    const auto blocker = support.path() / "not-a-directory";
+    { std::ofstream(blocker) << "x"; }
+    const auto directory = recordingsDirectory(blocker);
+    EXPECT_EQ(directory, blocker / "Recordings");
+    EXPECT_TRUE(logs.containsPrefix("FileStorage", "Failed to create recordings directory: " + directory.string() +
+                                                       ", Error: "));
+}
+
+TEST_F(RecordingFileLocationTest, NamesFilesByLocalTimeAndFormat) {
+    const auto wav = generateRecordingFileURL(AudioFormat::wav, when, support.path());
+    EXPECT_EQ(wav, support.path() / "Recordings" / "Recording-2025-03-03-14-05-09.wav");
+    EXPECT_TRUE(logs.contains(LogLevel::info, "FileStorage", "Generated recording file URL: " + wav.string()));
+    EXPECT_FALSE(std::filesystem::exists(wav));  // only a name: the recorder creates the file
+    EXPECT_EQ(generateRecordingFileURL(AudioFormat::flac, when, support.path()).filename(),
+              "Recording-2025-03-03-14-05-09.flac");
+}
+
+TEST_F(RecordingFileLocationTest, ASecondRecordingInTheSameSecondGetsTheNextFreeSuffix) {
+    const auto first = generateRecordingFileURL(AudioFormat::wav, when, support.path());
+    { std::ofstream(first) << "taken"; }
+    const auto second = generateRecordingFileURL(AudioFormat::wav, when, support.path());
+    EXPECT_EQ(second.filename(), "Recording-2025-03-03-14-05-09-2.wav");
+    { std::ofstream(second) << "taken"; }
+    EXPECT_EQ(generateRecordingFileURL(AudioFormat::wav, when, support.path()).filename(),
+              "Recording-2025-03-03-14-05-09-3.wav");
+    // Another format does not collide with the taken WAV names.
+    EXPECT_EQ(generateRecordingFileURL(AudioFormat::flac, when, support.path()).filename(),
+              "Recording-2025-03-03-14-05-09.flac");
+}
+
+TEST_F(RecordingFileLocationTest, TheApplicationDataDirectoryFollowsXdgDataHome) {
+    const char* saved = std::getenv("XDG_DATA_HOME");
+    const std::string previous = saved ? saved : "";
+    ::setenv("XDG_DATA_HOME", support.path().c_str(), 1);
+    EXPECT_EQ(applicationSupportDirectory(), support.path());
+    EXPECT_EQ(generateRecordingFileURL(AudioFormat::wav).parent_path(), support.path() / "Recordings");
+    ::setenv("XDG_DATA_HOME", "relative/path", 1);  // not absolute: ignored
+    EXPECT_EQ(applicationSupportDirectory().filename(), "share");
+    if (saved) {
+        ::setenv("XDG_DATA_HOME", previous.c_str(), 1);
+    } else {
+        ::unsetenv("XDG_DATA_HOME");
+    }
+}
+
+}  // namespace
+}  // namespace velto

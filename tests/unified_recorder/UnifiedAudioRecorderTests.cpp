@@ -1,0 +1,415 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "../microphone_recorder/RecorderTestSupport.hpp"
+#include "platform/fake/FakePlatformServices.hpp"
+#include "support/CapturedLogs.hpp"
+#include "unified_recorder/UnifiedAudioRecorder.hpp"
+#include "unified_recorder/UnifiedAudioRecorderError.hpp"
+#include "veltoaudio/RecordingError.hpp"
+
+namespace velto {
+namespace {
+
+using ::testing::ElementsAre;
+using Kind = RecordingEvent::Kind;
+using State = UnifiedAudioRecorder::RecorderState;
+using velto::testing::CapturedLogs;
+using velto::testing::drainUntilEnd;
+using velto::testing::readRecording;
+using velto::testing::takeAvailable;
+
+constexpr int64_t kJitterFrames = 512;
+// What a 48 kHz -> 16 kHz resampler may still hold when its mixer stops, in output frames.
+constexpr size_t kResamplerHoldBackFrames = 1000;
+
+class UnifiedAudioRecorderTest : public ::testing::Test {
+public:
+    std::shared_ptr<UnifiedAudioRecorder> start(AudioSources sources,
+                                                std::optional<MicrophoneDevice> microphone = std::nullopt) {
+        RecordingConfiguration configuration(AudioFormat::wav, sources, std::move(microphone),
+                                             BufferConfiguration(96000, kJitterFrames, 1024));
+        auto recorder = UnifiedAudioRecorder::create(file(), configuration, fakes.services(), clock, queue,
+                                                     MixingTicks::caller);
+        events = recorder->events();
+        recorder->state();  // the start has run
+        return recorder;
+    }
+    std::filesystem::path file() const { return directory.path() / "Recording.wav"; }
+    std::shared_ptr<platform::FakeAudioInputEngine> microphoneEngine() {
+        return fakes.audioEngineFactory->lastEngine();
+    }
+
+    // Feeds `frames` of a constant into the microphone at 48 kHz, in 1024-frame blocks.
+    void feedMicrophone(float value, int64_t frames) {
+        auto block = PcmBuffer::make(*PcmFormat::make(48000.0, 1, false), 1024);
+        std::fill_n(block->floatChannelData()[0], 1024, value);
+        for (int64_t done = 0; done < frames; done += 1024) {
+            block->setFrameLength(static_cast<uint32_t>(std::min<int64_t>(1024, frames - done)));
+            microphoneEngine()->deliver(*block);
+        }
+    }
+    // Feeds interleaved stereo system audio at 48 kHz, in 1024-frame cycles.
+    void feedSystem(float left, float right, int64_t frames) {
+        std::vector<float> samples(2 * 1024);
+        for (size_t i = 0; i < samples.size(); i += 2) {
+            samples[i] = left;
+            samples[i + 1] = right;
+        }
+        for (int64_t done = 0; done < frames; done += 1024) {
+            const auto cycle = static_cast<uint32_t>(std::min<int64_t>(1024, frames - done));
+            platform::AudioBuffer buffer{2, cycle * 2 * 4, samples.data()};
+            platform::AudioBufferList list{1, &buffer};
+            fakes.audioHardware->deliverInput(list);
+        }
+    }
+    // Lets `seconds` pass and ticks the current mixer until it has caught up.
+    int64_t mixFor(UnifiedAudioRecorder& recorder, double seconds) {
+        auto mixer = recorder.mixer();
+        if (!mixer) return 0;
+        const double step = 1.0 / 60.0;
+        for (double passed = 0; passed < seconds; passed += step) {
+            clock->advance(step);
+            mixer->tick();
+        }
+        return mixer->totalFramesProcessed();
+    }
+
+    CapturedLogs logs;
+    velto::testing::TemporaryDirectory directory;
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(100.0);
+    std::shared_ptr<SerialQueue> queue =
+        SerialQueue::create("io.veltoaudio.UnifiedAudioRecorder", QualityOfService::userInitiated, clock);
+    platform::FakePlatformServices fakes;
+    EventStream<RecordingEvent> events;
+};
+
+TEST_F(UnifiedAudioRecorderTest, MicrophoneOnlyRecordingMixesAtHalfGainIntoASixteenKilohertzFile) {
+    auto recorder = start(AudioSources::microphoneOnly());
+    ASSERT_EQ(recorder->state(), State::recording);
+    auto mixer = recorder->mixer();
+    ASSERT_NE(mixer, nullptr);
+    EXPECT_FLOAT_EQ(mixer->systemGain(), 0.0f);
+    EXPECT_FLOAT_EQ(mixer->microphoneGain(), 0.5f);
+    EXPECT_EQ(mixer->jitterBufferFrames(), kJitterFrames);
+    EXPECT_EQ(mixer->bufferFrameCapacity(), 1024);
+
+    feedMicrophone(0.8f, 48000 + kJitterFrames);
+    EXPECT_EQ(mixFor(*recorder, 1.0), 48000);
+    recorder->stop();
+
+    auto drained = drainUntilEnd(events);
+    ASSERT_TRUE(drained.ended);
+    EXPECT_EQ(drained.error, nullptr);
+    ASSERT_GE(drained.events.size(), 3u);
+    EXPECT_EQ(drained.events[0].kind, Kind::starting);
+    EXPECT_EQ(drained.events[1].kind, Kind::started);
+    EXPECT_EQ(drained.events.back().kind, Kind::finished);
+    EXPECT_EQ(drained.events.back().fileURL, file());
+    EXPECT_EQ(drained.count(Kind::paused) + drained.count(Kind::resumed) + drained.count(Kind::cancelled), 0);
+
+    const auto recorded = readRecording(file());
+    ASSERT_TRUE(recorded.opened);
+    EXPECT_EQ(recorded.sampleRate, 16000.0);
+    EXPECT_EQ(recorded.channels, 1);
+    // One second of mixing, less what the output resampler still holds at the stop.
+    EXPECT_LE(recorded.samples.size(), 16000u);
+    EXPECT_GE(recorded.samples.size(), 16000u - kResamplerHoldBackFrames);
+    // A constant 0.8 at gain 0.5 is written as 0.4 once the resampler has settled.
+    EXPECT_NEAR(recorded.samples[recorded.samples.size() / 2], 0.4f, 0.01f);
+    EXPECT_EQ(velto::testing::permissionsOf(file()), 0600u);
+
+    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", "Initialized only microphone capture"));
+    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
+                              "Configured mixer for microphone capture only - mic: 0.5"));
+    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
+                              "Starting microphone audio only mixing: 48000.0Hz -> output (16000.0Hz, 1ch)"));
+    EXPECT_FALSE(microphoneEngine()->isRunning());
+}
+
+TEST_F(UnifiedAudioRecorderTest, EachSourceCaseBuildsItsComponentsAndGains) {
+    struct Case {
+        AudioSources sources;
+        float systemGain;
+        float microphoneGain;
+        std::string mixerLog;
+        std::string mixingLog;
+    };
+    const std::vector<Case> cases = {
+        {AudioSources::systemAudioOnly(), 0.5f, 0.0f, "Configured mixer for system audio only - system: 0.5, mic: 0.0",
+         "Starting system audio only mixing: 48000.0Hz, 2ch -> output (16000.0Hz, 1ch)"},
+        {AudioSources::both(), 0.3f, 0.3f, "Configured mixer for dual-source - system: 0.3, mic: 0.3",
+         "Starting dual-source mixing: system (48000.0Hz, 2ch) + microphone (48000.0Hz) -> output (16000.0Hz, 1ch)"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.mixerLog);
+        logs.clear();
+        auto recorder = start(c.sources);
+        ASSERT_EQ(recorder->state(), State::recording);
+        auto mixer = recorder->mixer();
+        EXPECT_FLOAT_EQ(mixer->systemGain(), c.systemGain);
+        EXPECT_FLOAT_EQ(mixer->microphoneGain(), c.microphoneGain);
+        EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", c.mixerLog));
+        EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", c.mixingLog));
+        EXPECT_TRUE(fakes.audioHardware->hasIOBlock());
+        recorder->stop();
+        EXPECT_FALSE(fakes.audioHardware->hasIOBlock());
+        drainUntilEnd(events);
+    }
+}
+
+TEST_F(UnifiedAudioRecorderTest, BothSourcesAreMixedWithTheirGains) {
+    auto recorder = start(AudioSources::both());
+    feedMicrophone(0.5f, 24000 + kJitterFrames);
+    feedSystem(0.4f, 0.2f, 24000 + kJitterFrames);  // folds to 0.3
+    EXPECT_EQ(mixFor(*recorder, 0.5), 24000);
+    recorder->stop();
+    drainUntilEnd(events);
+    const auto recorded = readRecording(file());
+    ASSERT_GT(recorded.samples.size(), 4000u);
+    // 0.5 × 0.3 + 0.3 × 0.3
+    EXPECT_NEAR(recorded.samples[recorded.samples.size() / 2], 0.24f, 0.01f);
+}
+
+TEST_F(UnifiedAudioRecorderTest, ProgressIsDrivenByTheClockAndPauseOnlySilencesIt) {
+    auto recorder = UnifiedAudioRecorder::create(
+        file(), RecordingConfiguration(AudioFormat::wav, AudioSources::microphoneOnly(), std::nullopt,
+                                       BufferConfiguration(96000, kJitterFrames, 1024)),
+        fakes.services(), clock, queue, MixingTicks::caller);
+    events = recorder->events();
+    int step = 0;
+    const auto nextEvent = [&] {
+        ++step;
+        EXPECT_TRUE(events.waitFor(std::chrono::seconds(5))) << "event " << step;
+        return events.next();
+    };
+    EXPECT_EQ(nextEvent()->kind, Kind::starting);
+    EXPECT_EQ(nextEvent()->kind, Kind::started);
+    auto first = nextEvent();  // the timer's first deadline is the start itself
+    ASSERT_EQ(first->kind, Kind::progress);
+    EXPECT_DOUBLE_EQ(first->elapsedSeconds, 0.0);
+    EXPECT_EQ(first->audioLevels, AudioLevels::silence());
+
+    recorder->state();  // the tick that yielded it has re-armed the timer
+    clock->advance(0.1);
+    auto second = nextEvent();
+    ASSERT_EQ(second->kind, Kind::progress);
+    EXPECT_NEAR(second->elapsedSeconds, 0.1, 1e-9);
+
+    recorder->pause();
+    recorder->pause();
+    const int64_t framesBeforePause = recorder->mixer()->totalFramesProcessed();
+    feedMicrophone(0.1f, 4800 + kJitterFrames);
+    mixFor(*recorder, 0.1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));  // give a stray tick the chance to show
+    recorder->state();
+    EXPECT_TRUE(takeAvailable(events).empty());
+    // Audio keeps flowing into the file while paused.
+    EXPECT_GT(recorder->mixer()->totalFramesProcessed(), framesBeforePause);
+
+    recorder->resume();
+    recorder->state();
+    clock->advance(0.1);
+    auto resumed = nextEvent();
+    ASSERT_EQ(resumed->kind, Kind::progress);
+    EXPECT_GT(resumed->elapsedSeconds, 0.25);
+    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", "Recording paused"));
+    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", "Recording resumed"));
+
+    recorder->stop();
+    auto rest = drainUntilEnd(events);
+    EXPECT_EQ(rest.count(Kind::paused) + rest.count(Kind::resumed), 0);
+    EXPECT_EQ(rest.events.back().kind, Kind::finished);
+}
+
+TEST_F(UnifiedAudioRecorderTest, CancelKeepsTheFileAndEndsWithCancelled) {
+    auto recorder = start(AudioSources::microphoneOnly());
+    feedMicrophone(0.2f, 9600 + kJitterFrames);
+    mixFor(*recorder, 0.2);
+    recorder->cancel();
+    recorder->stop();  // already over: nothing
+
+    auto drained = drainUntilEnd(events);
+    ASSERT_TRUE(drained.ended);
+    EXPECT_EQ(drained.error, nullptr);
+    EXPECT_EQ(drained.events.back().kind, Kind::cancelled);
+    EXPECT_EQ(drained.events.back().fileURL, file());
+    EXPECT_EQ(drained.count(Kind::finished), 0);
+    EXPECT_TRUE(std::filesystem::exists(file()));
+    EXPECT_EQ(recorder->state(), State::cancelled);
+}
+
+TEST_F(UnifiedAudioRecorderTest, StartFailuresEndTheStreamWithTheErrorAndLeaveNothingRunning) {
+    fakes.audioHardware->setStatus("deviceStart", -50);
+    auto recorder = start(AudioSources::systemAudioOnly());
+    auto drained = drainUntilEnd(events);
+    ASSERT_TRUE(drained.ended);
+    EXPECT_THAT(drained.kinds(), ElementsAre(Kind::starting));
+    ASSERT_NE(drained.error, nullptr);
+    EXPECT_EQ(caseDescriptionOf(drained.error), "systemAudioDeviceStartFailed(-50)");
+    EXPECT_TRUE(logs.contains(LogLevel::critical, "UnifiedAudioRecorder",
+                              "Failed to start modern recording: systemAudioDeviceStartFailed(-50)"));
+    EXPECT_EQ(recorder->state(), State::finished);
+    EXPECT_EQ(recorder->mixer(), nullptr);
+    EXPECT_FALSE(fakes.audioHardware->hasIOBlock());
+    EXPECT_EQ(fakes.configurationChangeCenter->observerCount(), 0u);
+    recorder->stop();  // finished: nothing
+}
+
+TEST_F(UnifiedAudioRecorderTest, AMicrophoneThatCannotStartFailsADualSourceStartBeforeTheTap) {
+    platform::FakeAudioInputEngine::Script script;
+    script.startFailure = "No such entity";
+    fakes.audioEngineFactory = platform::FakeAudioEngineFactory::create(script);
+    auto recorder = start(AudioSources::both());
+    auto drained = drainUntilEnd(events);
+    ASSERT_NE(drained.error, nullptr);
+    EXPECT_EQ(describeError(drained.error), "No such entity");
+    // The microphone starts first, so the tap was never created.
+    for (const auto& call : fakes.audioHardware->calls()) EXPECT_NE(call.rfind("createProcessTap", 0), 0u) << call;
+}
+
+TEST_F(UnifiedAudioRecorderTest, AConfigurationChangeRebuildsCaptureIntoTheSameFile) {
+    auto recorder = start(AudioSources::microphoneOnly());
+    feedMicrophone(0.6f, 24000 + kJitterFrames);
+    const int64_t firstFrames = mixFor(*recorder, 0.5);
+    auto firstMixer = recorder->mixer();
+    auto firstEngine = microphoneEngine();
+    takeAvailable(events);
+
+    clock->advance(0.25);
+    fakes.configurationChangeCenter->post();
+    recorder->state();  // the restart has run
+    auto secondMixer = recorder->mixer();
+    ASSERT_NE(secondMixer, nullptr);
+    EXPECT_NE(secondMixer, firstMixer);
+    EXPECT_FALSE(firstEngine->isRunning());
+    EXPECT_NE(microphoneEngine(), firstEngine);
+    EXPECT_TRUE(microphoneEngine()->isRunning());
+    auto afterRestart = takeAvailable(events);
+    ASSERT_FALSE(afterRestart.empty());
+    EXPECT_EQ(afterRestart.back().kind, Kind::progress);
+    EXPECT_NEAR(afterRestart.back().elapsedSeconds, 0.75, 0.05);
+    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
+                              "Audio configuration changed, restarting recording seamlessly"));
+    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", "Stopped audio components for restart"));
+    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
+                              "Successfully restarted recording after configuration change"));
+    EXPECT_TRUE(logs.contains(LogLevel::info, "MicrophoneCapture", "Stopping microphone capture"));
+
+    feedMicrophone(0.6f, 24000 + kJitterFrames);
+    const int64_t secondFrames = mixFor(*recorder, 0.5);
+    recorder->stop();
+    auto drained = drainUntilEnd(events);
+    EXPECT_EQ(drained.events.back().kind, Kind::finished);
+    EXPECT_EQ(drained.error, nullptr);
+
+    // Both mixers' blocks are in the one file, one after the other.
+    const auto recorded = readRecording(file());
+    const auto expected = static_cast<size_t>((firstFrames + secondFrames) / 3);
+    EXPECT_LE(recorded.samples.size(), expected);
+    EXPECT_GE(recorded.samples.size(), expected - 2 * kResamplerHoldBackFrames);
+}
+
+TEST_F(UnifiedAudioRecorderTest, AConfigurationChangeWhilePausedIsIgnored) {
+    auto recorder = start(AudioSources::microphoneOnly());
+    auto mixer = recorder->mixer();
+    recorder->pause();
+    fakes.configurationChangeCenter->post();
+    recorder->state();
+    EXPECT_EQ(recorder->mixer(), mixer);
+    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
+                              "Audio configuration changed but not currently recording, ignoring"));
+    recorder->stop();
+}
+
+TEST_F(UnifiedAudioRecorderTest, AFailedRestartFinishesWithTheFileThenEndsWithTheError) {
+    auto recorder = start(AudioSources::systemAudioOnly());
+    feedSystem(0.5f, 0.5f, 24000 + kJitterFrames);
+    mixFor(*recorder, 0.5);
+    fakes.audioHardware->setStatus("deviceStart", -50);  // the sound server has gone
+    fakes.configurationChangeCenter->post();
+    recorder->state();
+
+    auto drained = drainUntilEnd(events);
+    ASSERT_TRUE(drained.ended);
+    ASSERT_FALSE(drained.events.empty());
+    EXPECT_EQ(drained.events.back().kind, Kind::finished);
+    EXPECT_EQ(drained.events.back().fileURL, file());
+    ASSERT_NE(drained.error, nullptr);
+    EXPECT_EQ(caseDescriptionOf(drained.error), "systemAudioDeviceStartFailed(-50)");
+    EXPECT_TRUE(logs.contains(LogLevel::critical, "UnifiedAudioRecorder",
+                              "Failed to restart recording after configuration change: systemAudioDeviceStartFailed(-50)"));
+    EXPECT_EQ(recorder->state(), State::finished);
+    // The file holds what was mixed before the restart.
+    EXPECT_GT(readRecording(file()).samples.size(), 7000u);
+}
+
+TEST_F(UnifiedAudioRecorderTest, AFileThatCanNoLongerBeWrittenEndsTheRecordingAfterFinished) {
+    auto recorder = start(AudioSources::microphoneOnly());
+    feedMicrophone(0.3f, 24000 + kJitterFrames);
+    mixFor(*recorder, 0.5);
+    {
+        velto::testing::ScopedFileSizeLimit limit(40 * 1024);
+        feedMicrophone(0.3f, 96000);
+        mixFor(*recorder, 1.5);
+        recorder->state();  // the failure report has hopped onto the work queue
+    }
+    auto drained = drainUntilEnd(events);
+    ASSERT_TRUE(drained.ended);
+    EXPECT_EQ(drained.events.back().kind, Kind::finished);
+    ASSERT_NE(drained.error, nullptr);
+    try {
+        std::rethrow_exception(drained.error);
+    } catch (const RecordingError& error) {
+        EXPECT_EQ(error.code(), RecordingError::Code::fileSystemError);
+    } catch (...) {
+        ADD_FAILURE() << "expected a RecordingError";
+    }
+    EXPECT_EQ(recorder->state(), State::finished);
+    EXPECT_EQ(recorder->mixer(), nullptr);
+    EXPECT_FALSE(microphoneEngine()->isRunning());
+    EXPECT_GE(readRecording(file()).samples.size(), 7000u);
+}
+
+TEST_F(UnifiedAudioRecorderTest, TheLiveAudioStreamCarriesTheMixedBlocksAndEndsAtStop) {
+    auto recorder = start(AudioSources::microphoneOnly());
+    auto audio = recorder->audioStream();
+    feedMicrophone(0.3f, 16000 + kJitterFrames);
+    const int64_t mixed = mixFor(*recorder, 1.0 / 3.0);
+    recorder->stop();
+    int64_t frames = 0;
+    while (audio.waitFor(std::chrono::seconds(5))) {
+        auto block = audio.next();
+        if (!block) break;
+        EXPECT_EQ((*block)->format().sampleRate, 16000.0);
+        frames += (*block)->frameLength();
+    }
+    EXPECT_TRUE(audio.isTerminated());
+    EXPECT_LE(frames, mixed / 3);
+    EXPECT_GE(frames, mixed / 3 - static_cast<int64_t>(kResamplerHoldBackFrames));
+    EXPECT_EQ(static_cast<size_t>(frames), readRecording(file()).samples.size());
+}
+
+TEST_F(UnifiedAudioRecorderTest, ReleasingARunningRecorderStopsItsSources) {
+    auto recorder = start(AudioSources::both());
+    auto engine = microphoneEngine();
+    ASSERT_TRUE(engine->isRunning());
+    recorder.reset();
+    EXPECT_FALSE(engine->isRunning());
+    EXPECT_FALSE(fakes.audioHardware->hasIOBlock());
+    EXPECT_EQ(fakes.configurationChangeCenter->observerCount(), 0u);
+    EXPECT_TRUE(drainUntilEnd(events).ended);
+}
+
+TEST(UnifiedAudioRecorderErrorTexts, AreFixed) {
+    EXPECT_EQ(UnifiedAudioRecorderError::failedToCreateMixingFormat().errorDescription(), "Failed to create mixing format");
+    EXPECT_EQ(UnifiedAudioRecorderError::systemAudioTapNotInitialized().errorDescription(), "System audio tap not initialized");
+    EXPECT_EQ(UnifiedAudioRecorderError::missingMixerOrOutputFile().errorDescription(), "Missing mixer or output file");
+    EXPECT_EQ(UnifiedAudioRecorderError::systemAudioRingBufferNotAvailable().errorDescription(),
+              "System audio ring buffer not available");
+}
+
+}  // namespace
+}  // namespace velto
