@@ -1,8 +1,11 @@
+#include "microphone_recorder/AudioRecorder.hpp"
 #include "platform/MacOSSessionManager.hpp"
 #include "platform/PlatformServices.hpp"
 #include "platform/SystemAudioPermissionManager.hpp"
 #include "platform/TCCPermissionProvider.hpp"
 #include "service/RecordingServiceDependencies.hpp"
+#include "unified_recorder/RecordingFileLocation.hpp"
+#include "unified_recorder/UnifiedAudioRecorder.hpp"
 #include "veltoaudio/RecordingError.hpp"
 
 namespace velto {
@@ -13,20 +16,17 @@ RecordingServiceDependencies defaultRecordingServiceDependencies(
     auto discovery = platformServices.captureDeviceDiscovery;
 
     RecordingServiceDependencies dependencies;
-    // The recorders and the recordings folder are wired here once their components land;
-    // until then a start fails cleanly through the recording's event stream.
-    dependencies.makeUnifiedRecorder = [](const std::filesystem::path&,
-                                          const RecordingConfiguration&) -> std::shared_ptr<AudioRecorderProtocol> {
-        throw RecordingError::recorderInitializationFailed();
+    dependencies.makeUnifiedRecorder =
+        [platformServices](const std::filesystem::path& fileURL,
+                           const RecordingConfiguration& configuration) -> std::shared_ptr<AudioRecorderProtocol> {
+        return UnifiedAudioRecorder::create(fileURL, configuration, platformServices);
     };
     dependencies.makeMicrophoneRecorder =
-        [](const std::filesystem::path&, AudioFormat,
-           const std::optional<MicrophoneDevice>&) -> std::shared_ptr<AudioRecorderProtocol> {
-        throw RecordingError::recorderInitializationFailed();
+        [platformServices](const std::filesystem::path& fileURL, AudioFormat format,
+                           const std::optional<MicrophoneDevice>& microphone) -> std::shared_ptr<AudioRecorderProtocol> {
+        return AudioRecorder::create(fileURL, format, microphone, platformServices);
     };
-    dependencies.generateRecordingFileURL = [](AudioFormat format) {
-        return std::filesystem::temp_directory_path() / ("Recording." + fileExtension(format));
-    };
+    dependencies.generateRecordingFileURL = [](AudioFormat format) { return generateRecordingFileURL(format); };
 
     dependencies.sessionManager = MacOSSessionManager::create(discovery);
     dependencies.microphoneStorage = std::move(microphoneStorage);  // null: the service's default store
