@@ -33,7 +33,8 @@ int record(const RecordOptions& options, RecordingBackend& backend, Console& con
     RecordCommand command(options, backend, console);
     // Ctrl-C and SIGTERM reach the command on the watcher's thread; the main thread
     // keeps reading events so the file's completion is seen before the program exits.
-    SignalWatcher watcher([&command](int) { command.interrupt(); });
+    // A closed terminal (SIGHUP) also stops cleanly rather than leaving the file unfinished.
+    SignalWatcher watcher([&command](int) { command.interrupt(); }, {SIGINT, SIGTERM, SIGHUP});
     return command.run();
 }
 
