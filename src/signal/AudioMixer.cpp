@@ -396,8 +396,9 @@ void AudioMixer::processSource(Source& source, const std::shared_ptr<FloatRingBu
         const std::array<float*, 2> destinations{source.leftBuffer.get(), source.rightBuffer.get()};
         ring->read(destinations, needFrames);
         vec::average(source.leftBuffer.get(), source.rightBuffer.get(), temp, needFrames);
-        vec::clear(source.leftBuffer.get(), bufferFrameCapacity_);
-        vec::clear(source.rightBuffer.get(), bufferFrameCapacity_);
+        // The work arrays are all zeros between ticks; only this tick's part was written.
+        vec::clear(source.leftBuffer.get(), needFrames);
+        vec::clear(source.rightBuffer.get(), needFrames);
     }
     source.mixingFramesAccounted += frames;
     source.sourceFramesConsumed += needFrames;
@@ -411,7 +412,7 @@ void AudioMixer::processSource(Source& source, const std::shared_ptr<FloatRingBu
     } else {
         vec::copy(temp, block, frames);
     }
-    vec::clear(temp, bufferFrameCapacity_);
+    vec::clear(temp, needFrames);
 }
 
 void AudioMixer::convertSourceBlock(Source& source, int64_t needFrames, int64_t frames) {

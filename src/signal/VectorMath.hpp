@@ -3,15 +3,20 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 
 // Plain arithmetic over arrays of 32-bit floats, the handful of vector
 // routines the mixer needs. Written as simple loops that the compiler
 // vectorises; `count` is a number of samples.
 namespace velto::vec {
 
-inline void clear(float* values, int64_t count) { std::fill_n(values, count, 0.0f); }
+inline void clear(float* values, int64_t count) {
+    if (count > 0) std::memset(values, 0, static_cast<size_t>(count) * sizeof(float));
+}
 
-inline void copy(const float* source, float* destination, int64_t count) { std::copy_n(source, count, destination); }
+inline void copy(const float* source, float* destination, int64_t count) {
+    if (count > 0) std::memcpy(destination, source, static_cast<size_t>(count) * sizeof(float));
+}
 
 // destination[i] += source[i] × scale
 inline void multiplyAdd(const float* source, float scale, float* destination, int64_t count) {
