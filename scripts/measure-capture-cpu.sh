@@ -12,6 +12,7 @@ set -euo pipefail
 seconds="${1:-60}"
 root="$(cd "$(dirname "$0")/.." && pwd)"
 build="${2:-$root/build-measure}"
+[[ "$build" = /* ]] || build="$PWD/$build"
 program="$build/tests/e2e/velto_e2e_capture_cpu_soak"
 
 if [[ ! -x "$program" ]]; then

@@ -16,6 +16,8 @@
 set -euo pipefail
 
 dir="${VELTO_SANDBOX_DIR:-/tmp/velto-sound-sandbox-$(id -u)}"
+# The server resolves paths from its own working directory and needs absolute ones.
+[[ "$dir" = /* ]] || dir="$PWD/$dir"
 socket="$dir/native"
 pidfile="$dir/pulseaudio.pid"
 logfile="$dir/pulseaudio.log"

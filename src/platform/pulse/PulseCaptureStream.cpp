@@ -1,5 +1,6 @@
 #include "platform/pulse/PulseCaptureStream.hpp"
 
+#include "logging/LoggerCompat.hpp"
 #include "veltoaudio/Error.hpp"
 
 #include <algorithm>
@@ -17,6 +18,14 @@ constexpr auto kDeliveryPoll = std::chrono::milliseconds(5);
 // A source that has sent nothing for this long is taken as idle rather than late. Longer
 // than any scheduling hiccup of a loaded machine; the mixer only waits that much longer.
 constexpr double kIdleAfterSeconds = 0.2;
+
+// Lost frames are reported from the delivery thread, at most this often.
+constexpr double kDropReportIntervalSeconds = 1.0;
+
+LoggerCompat& logger() {
+    static LoggerCompat instance{kLogSubsystem, "PulseCaptureStream"};
+    return instance;
+}
 
 double monotonicSeconds() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
@@ -165,6 +174,8 @@ void PulseCaptureStream::readCallback(pa_stream* stream, std::size_t, void* user
 void PulseCaptureStream::deliveryLoop() {
     SilencePacer pacer(options_.sampleRateHertz, options_.blockFrames, kIdleAfterSeconds);
     pacer.start(monotonicSeconds());
+    std::uint64_t reportedDrops = 0;
+    double lastDropReportSeconds = 0.0;
     while (!stopping_.load()) {
         {
             std::unique_lock lock(wakeMutex_);
@@ -183,6 +194,14 @@ void PulseCaptureStream::deliveryLoop() {
             delivered = true;
         }
         const double now = monotonicSeconds();
+        if (const std::uint64_t drops = droppedFrames_.load(std::memory_order_relaxed);
+            drops != reportedDrops && now - lastDropReportSeconds >= kDropReportIntervalSeconds) {
+            logger().error("Capture from " + (options_.sourceName.empty() ? std::string("the default source")
+                                                                           : options_.sourceName) +
+                           " lost " + std::to_string(drops - reportedDrops) + " frames");
+            reportedDrops = drops;
+            lastDropReportSeconds = now;
+        }
         if (delivered) {
             pacer.noteRealBlock(now);
             continue;
