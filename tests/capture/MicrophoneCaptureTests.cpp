@@ -204,20 +204,18 @@ TEST_F(MicrophoneCaptureTest, OverrunKeepsWhatFitsAndLogsEveryShortWrite) {
 }
 
 TEST_F(MicrophoneCaptureTest, CountingSignalFromTheDeliveryThreadArrivesWithoutGaps) {
-    auto capture = makeCapture(1, 4096);
-    capture->start(256);
+    // The ring holds the whole run, so the delivery thread never has to wait for the reader.
     constexpr int kBlocks = 300;
-    std::thread delivery([&] {
+    auto capture = makeCapture(1, kBlocks * 256);
+    capture->start(256);
+    std::vector<std::shared_ptr<PcmBuffer>> blocks;
+    for (int b = 0; b < kBlocks; ++b) {
         auto block = PcmBuffer::make(PcmFormat{48000.0, 1, false}, 256);
+        for (int f = 0; f < 256; ++f) block->floatChannelData()[0][f] = static_cast<float>(b * 256 + f);
         block->setFrameLength(256);
-        for (int b = 0; b < kBlocks; ++b) {
-            for (int f = 0; f < 256; ++f) block->floatChannelData()[0][f] = static_cast<float>(b * 256 + f);
-            while (capture->ringBuffer()->capacityFrames() - capture->ringBuffer()->availableFrames() < 256) {
-                std::this_thread::yield();
-            }
-            engine->deliver(*block);
-        }
-    });
+        blocks.push_back(block);
+    }
+    engine->deliverOnDeliveryThread(std::move(blocks));
     std::vector<float> samples(64);
     float* destinations[] = {samples.data()};
     float expected = 0.0f;
@@ -230,7 +228,7 @@ TEST_F(MicrophoneCaptureTest, CountingSignalFromTheDeliveryThreadArrivesWithoutG
         capture->ringBuffer()->read(destinations, available);
         for (std::int64_t i = 0; i < available; ++i) ASSERT_EQ(samples[i], expected++);
     }
-    delivery.join();
+    engine->joinDelivery();
     capture->stop();
 }
 

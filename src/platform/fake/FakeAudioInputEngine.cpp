@@ -41,6 +41,21 @@ bool FakeAudioInputEngine::deliver(const PcmBuffer& buffer) {
     return true;
 }
 
+void FakeAudioInputEngine::deliverOnDeliveryThread(std::vector<std::shared_ptr<PcmBuffer>> buffers) {
+    joinDelivery();
+    deliveryThread_ = std::thread([this, buffers = std::move(buffers)] {
+        for (const auto& buffer : buffers) {
+            if (!deliver(*buffer)) return;
+        }
+    });
+}
+
+void FakeAudioInputEngine::joinDelivery() {
+    if (deliveryThread_.joinable()) deliveryThread_.join();
+}
+
+FakeAudioInputEngine::~FakeAudioInputEngine() { joinDelivery(); }
+
 PcmFormat FakeAudioInputEngine::inputFormat(std::uint32_t) {
     std::lock_guard lock(mutex_);
     return script_.inputFormat;

@@ -10,6 +10,7 @@
 #include "platform/AudioInputEngine.hpp"
 
 #include <mutex>
+#include <thread>
 #include <optional>
 #include <string>
 #include <vector>
@@ -41,6 +42,11 @@ public:
 
     // Runs the tap block with `buffer`; false when no tap is installed.
     bool deliver(const PcmBuffer& buffer);
+    // Delivers `buffers` in order on a delivery thread of the engine's own (waiting for a
+    // tap when none is installed yet stops the run); joinDelivery() waits for the end.
+    void deliverOnDeliveryThread(std::vector<std::shared_ptr<PcmBuffer>> buffers);
+    void joinDelivery();
+    ~FakeAudioInputEngine() override;
 
     PcmFormat inputFormat(std::uint32_t bus) override;
     PcmFormat outputFormat(std::uint32_t bus) override;
@@ -63,6 +69,7 @@ private:
     std::shared_ptr<AudioInputTapBlock> tap_;
     std::uint32_t tapBufferSizeFrames_ = 0;
     bool running_ = false;
+    std::thread deliveryThread_;  // owner thread only
 };
 
 // Hands out FakeAudioInputEngines made from one script and remembers them.
