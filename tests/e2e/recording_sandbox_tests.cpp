@@ -1,0 +1,461 @@
+// Both recorders on the real sound server: tones played into the sandbox speakers and the
+// virtual microphone must reach the recording file at the levels the gains imply, for the
+// length of the recording; pause, cancel and a device appearing mid-recording behave as
+// each recorder promises.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sndfile.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <mutex>
+#include <numbers>
+#include <thread>
+
+#include "../microphone_recorder/RecorderTestSupport.hpp"
+#include "microphone_recorder/AudioRecorder.hpp"
+#include "platform/PlatformServices.hpp"
+#include "support/CapturedLogs.hpp"
+#include "unified_recorder/UnifiedAudioRecorder.hpp"
+#include "veltoaudio/RecordingError.hpp"
+
+namespace velto {
+namespace {
+
+using namespace std::chrono_literals;
+using Kind = RecordingEvent::Kind;
+using SteadyClock = std::chrono::steady_clock;
+using velto::testing::readRecording;
+
+constexpr const char* kSpeakers = "velto_speakers";    // system audio
+constexpr const char* kMicrophoneIn = "velto_mic_in";  // what the virtual microphone hears
+constexpr double kMicrophoneToneHertz = 1000.0;
+constexpr double kSystemToneHertz = 440.0;
+constexpr float kToneAmplitude = 0.5f;
+// pacat takes most of a second before its first sample sounds: players start this much early.
+constexpr auto kPlayerLead = std::chrono::milliseconds(1000);
+
+// Plays `seconds` of `sample(t)` into a sink on a thread of its own (pacat, 48 kHz float).
+class Player {
+public:
+    Player(std::string sink, std::uint32_t channels, double seconds, std::function<float(double)> sample)
+        : thread_([=, this] {
+              const std::string command = "pacat --playback --raw --device=" + sink +
+                                          " --format=float32le --rate=48000 --channels=" + std::to_string(channels) +
+                                          " --latency-msec=20 2>/dev/null";
+              FILE* pipe = popen(command.c_str(), "w");
+              if (pipe == nullptr) return;
+              std::vector<float> block;
+              const auto frames = static_cast<std::size_t>(seconds * 48000);
+              for (std::size_t f = 0; f < frames && !stopping_; ++f) {
+                  const float value = sample(static_cast<double>(f) / 48000.0);
+                  for (std::uint32_t c = 0; c < channels; ++c) block.push_back(value);
+                  if (block.size() >= 2400) {
+                      std::fwrite(block.data(), sizeof(float), block.size(), pipe);
+                      block.clear();
+                  }
+              }
+              std::fwrite(block.data(), sizeof(float), block.size(), pipe);
+              played_ = pclose(pipe) == 0;
+          }) {}
+    // Stops feeding pacat (what it holds still plays out) and waits for it.
+    ~Player() {
+        stopping_ = true;
+        if (thread_.joinable()) thread_.join();
+    }
+    bool played() {
+        stopping_ = true;
+        if (thread_.joinable()) thread_.join();
+        return played_;
+    }
+
+private:
+    std::atomic<bool> stopping_{false};
+    std::atomic<bool> played_{false};
+    std::thread thread_;
+};
+
+std::function<float(double)> sine(double frequencyHertz, float amplitude) {
+    return [=](double t) { return amplitude * static_cast<float>(std::sin(2.0 * std::numbers::pi * frequencyHertz * t)); };
+}
+
+// Reads the recorder's events on a thread of its own, noting when each arrived.
+class EventLog {
+public:
+    explicit EventLog(EventStream<RecordingEvent> stream)
+        : stream_(std::move(stream)), reader_([this] {
+              try {
+                  while (auto event = stream_.next()) {
+                      std::lock_guard lock(mutex_);
+                      entries_.push_back({*event, SteadyClock::now()});
+                  }
+              } catch (...) {
+                  std::lock_guard lock(mutex_);
+                  error_ = std::current_exception();
+              }
+              ended_ = true;
+          }) {}
+    ~EventLog() {
+        stream_.cancel();
+        reader_.join();
+    }
+    struct Entry {
+        RecordingEvent event;
+        SteadyClock::time_point arrival;
+    };
+    std::vector<Entry> entries() {
+        std::lock_guard lock(mutex_);
+        return entries_;
+    }
+    bool waitFor(Kind kind, std::chrono::milliseconds timeout = 10s) {
+        const auto deadline = SteadyClock::now() + timeout;
+        while (SteadyClock::now() < deadline) {
+            for (const auto& e : entries())
+                if (e.event.kind == kind) return true;
+            std::this_thread::sleep_for(5ms);
+        }
+        return false;
+    }
+    std::optional<SteadyClock::time_point> arrivalOf(Kind kind) {
+        for (const auto& e : entries())
+            if (e.event.kind == kind) return e.arrival;
+        return std::nullopt;
+    }
+    bool waitForEnd(std::chrono::milliseconds timeout = 10s) {
+        const auto deadline = SteadyClock::now() + timeout;
+        while (!ended_ && SteadyClock::now() < deadline) std::this_thread::sleep_for(5ms);
+        return ended_;
+    }
+    // From `started` to the first progress that carries mixed levels: how long the
+    // sources took to deliver and the jitter reserve to fill (to within one tick).
+    double startUpSeconds() {
+        std::optional<SteadyClock::time_point> started;
+        for (const auto& e : entries()) {
+            if (e.event.kind == Kind::started) started = e.arrival;
+            if (started && e.event.kind == Kind::progress && e.event.audioLevels.average > -159.0f) {
+                return std::chrono::duration<double>(e.arrival - *started).count();
+            }
+        }
+        return 0.0;
+    }
+    std::exception_ptr error() {
+        std::lock_guard lock(mutex_);
+        return error_;
+    }
+    int count(Kind kind) {
+        int n = 0;
+        for (const auto& e : entries()) n += e.event.kind == kind;
+        return n;
+    }
+    // The kinds with runs of progress collapsed into one.
+    std::vector<Kind> shape() {
+        std::vector<Kind> result;
+        for (const auto& e : entries()) {
+            if (e.event.kind == Kind::progress && !result.empty() && result.back() == Kind::progress) continue;
+            result.push_back(e.event.kind);
+        }
+        return result;
+    }
+
+private:
+    EventStream<RecordingEvent> stream_;
+    std::mutex mutex_;
+    std::vector<Entry> entries_;
+    std::exception_ptr error_;
+    std::atomic<bool> ended_{false};
+    std::thread reader_;
+};
+
+// Amplitude of the `frequencyHertz` component of samples[begin, end) (Goertzel).
+double toneAmplitude(const std::vector<float>& samples, std::size_t begin, std::size_t end, double frequencyHertz,
+                     double rateHertz = 16000.0) {
+    const double w = 2.0 * std::numbers::pi * frequencyHertz / rateHertz;
+    double s1 = 0, s2 = 0;
+    for (std::size_t i = begin; i < end; ++i) {
+        const double s0 = samples[i] + 2.0 * std::cos(w) * s1 - s2;
+        s2 = s1;
+        s1 = s0;
+    }
+    const double power = s1 * s1 + s2 * s2 - 2.0 * std::cos(w) * s1 * s2;
+    return 2.0 * std::sqrt(std::max(power, 0.0)) / static_cast<double>(end - begin);
+}
+
+// Peak per 100 ms, printed when a level check fails, to show where the tone was missing.
+std::string peaksPerTenthSecond(const std::vector<float>& samples) {
+    std::string text;
+    for (std::size_t start = 0; start < samples.size(); start += 1600) {
+        float peak = 0;
+        for (std::size_t i = start; i < std::min(samples.size(), start + 1600); ++i) peak = std::max(peak, std::fabs(samples[i]));
+        char value[16];
+        std::snprintf(value, sizeof value, "%.2f ", peak);
+        text += value;
+    }
+    return text;
+}
+
+double seconds(SteadyClock::duration d) { return std::chrono::duration<double>(d).count(); }
+
+class RecordingSandboxTest : public ::testing::Test {
+protected:
+    platform::PlatformServices services = platform::PlatformServices::pulse();
+    velto::testing::TemporaryDirectory directory;
+};
+
+TEST_F(RecordingSandboxTest, EverySourceCaseInBothFormatsRecordsTheTonesAtTheirGains) {
+    struct Case {
+        const char* name;
+        AudioSources sources;
+        double microphoneAmplitude;  // expected in the file: played amplitude × gain
+        double systemAmplitude;
+    };
+    const std::vector<Case> cases = {
+        {"microphoneOnly", AudioSources::microphoneOnly(), 0.5 * kToneAmplitude, 0.0},
+        {"systemAudioOnly", AudioSources::systemAudioOnly(), 0.0, 0.5 * kToneAmplitude},
+        {"both", AudioSources::both(), 0.3 * kToneAmplitude, 0.3 * kToneAmplitude},
+    };
+    for (const auto& c : cases) {
+        for (AudioFormat format : {AudioFormat::wav, AudioFormat::flac}) {
+            SCOPED_TRACE(std::string(c.name) + " " + fileExtension(format));
+            const auto file = directory.path() / (std::string(c.name) + "." + fileExtension(format));
+            Player microphone(kMicrophoneIn, 1, 5.6, sine(kMicrophoneToneHertz, kToneAmplitude));
+            Player speakers(kSpeakers, 2, 5.6, sine(kSystemToneHertz, kToneAmplitude));
+            std::this_thread::sleep_for(kPlayerLead);
+            auto recorder = UnifiedAudioRecorder::create(
+                file, RecordingConfiguration(format, c.sources, std::nullopt, BufferConfiguration::defaultConfiguration()),
+                services);
+            EventLog events(recorder->events());
+            ASSERT_TRUE(events.waitFor(Kind::started));
+            const auto started = *events.arrivalOf(Kind::started);
+            std::this_thread::sleep_until(started + 4s);
+            recorder->stop();
+            const double wallSeconds = seconds(SteadyClock::now() - started);
+            ASSERT_TRUE(events.waitForEnd());
+            EXPECT_EQ(events.error(), nullptr);
+            EXPECT_THAT(events.shape(), ::testing::ElementsAre(Kind::starting, Kind::started, Kind::progress, Kind::finished));
+            EXPECT_NEAR(events.count(Kind::progress), 40, 4);
+
+            const auto recorded = readRecording(file);
+            ASSERT_TRUE(recorded.opened);
+            EXPECT_EQ(recorded.sampleRate, 16000.0);
+            EXPECT_EQ(recorded.channels, 1);
+            const double fileSeconds = static_cast<double>(recorded.samples.size()) / 16000.0;
+            const double startUpSeconds = events.startUpSeconds();
+            EXPECT_NEAR(fileSeconds, wallSeconds - startUpSeconds, 0.3)
+                << "file " << fileSeconds << " s, wall " << wallSeconds << " s, start-up " << startUpSeconds << " s";
+            EXPECT_LT(startUpSeconds, 1.0);
+            std::printf("[ measure  ] %s %s: file %.3f s for %.3f s wall, %.3f s start-up\n", c.name,
+                        fileExtension(format).c_str(), fileSeconds, wallSeconds, startUpSeconds);
+
+            // The virtual microphone sometimes takes up to a second to carry the first tone
+            // after its stream opens (measured below); levels are taken from 2 s on.
+            const std::size_t begin = 32000, end = recorded.samples.size() - 1600;
+            std::size_t leadingSilence = 0;
+            while (leadingSilence < recorded.samples.size() && std::fabs(recorded.samples[leadingSilence]) < 0.01f) {
+                ++leadingSilence;
+            }
+            std::printf("[ measure  ] %s %s: %.3f s of silence before the first tone\n", c.name,
+                        fileExtension(format).c_str(), leadingSilence / 16000.0);
+            ASSERT_GT(end, begin + 8000);
+            const double mic = toneAmplitude(recorded.samples, begin, end, kMicrophoneToneHertz);
+            const double system = toneAmplitude(recorded.samples, begin, end, kSystemToneHertz);
+            std::printf("[ measure  ] %s %s: microphone tone %.4f (want %.4f), system tone %.4f (want %.4f)\n", c.name,
+                        fileExtension(format).c_str(), mic, c.microphoneAmplitude, system, c.systemAmplitude);
+            EXPECT_NEAR(mic, c.microphoneAmplitude, 0.1 * kToneAmplitude) << peaksPerTenthSecond(recorded.samples);
+            EXPECT_NEAR(system, c.systemAmplitude, 0.1 * kToneAmplitude);
+            EXPECT_TRUE(microphone.played());
+            EXPECT_TRUE(speakers.played());
+        }
+    }
+}
+
+TEST_F(RecordingSandboxTest, PausingTheMultiSourceRecorderOnlySilencesItsProgress) {
+    const auto file = directory.path() / "paused.wav";
+    Player microphone(kMicrophoneIn, 1, 4.6, sine(kMicrophoneToneHertz, kToneAmplitude));
+    std::this_thread::sleep_for(kPlayerLead);
+    auto recorder = UnifiedAudioRecorder::create(
+        file, RecordingConfiguration(AudioFormat::wav, AudioSources::microphoneOnly(), std::nullopt,
+                                     BufferConfiguration::defaultConfiguration()),
+        services);
+    EventLog events(recorder->events());
+    ASSERT_TRUE(events.waitFor(Kind::started));
+    const auto started = *events.arrivalOf(Kind::started);
+    std::this_thread::sleep_until(started + 1s);
+    recorder->pause();
+    const auto pausedAt = SteadyClock::now();
+    std::this_thread::sleep_until(started + 2s);
+    const auto resumedAt = SteadyClock::now();
+    recorder->resume();
+    std::this_thread::sleep_until(started + 3s);
+    recorder->stop();
+    const double wallSeconds = seconds(SteadyClock::now() - started);
+    ASSERT_TRUE(events.waitForEnd());
+
+    EXPECT_EQ(events.count(Kind::paused) + events.count(Kind::resumed), 0);
+    int progressWhilePaused = 0;
+    for (const auto& e : events.entries()) {
+        if (e.event.kind == Kind::progress && e.arrival > pausedAt + 20ms && e.arrival < resumedAt) ++progressWhilePaused;
+    }
+    EXPECT_EQ(progressWhilePaused, 0);
+
+    // The audio of the pause is in the file: it covers the whole wall time, tone throughout.
+    const auto recorded = readRecording(file);
+    const double fileSeconds = static_cast<double>(recorded.samples.size()) / 16000.0;
+    EXPECT_NEAR(fileSeconds, wallSeconds - events.startUpSeconds(), 0.3);
+    ASSERT_GT(recorded.samples.size(), 32000u);
+    EXPECT_NEAR(toneAmplitude(recorded.samples, 19200, 28800, kMicrophoneToneHertz), 0.25, 0.05)
+        << peaksPerTenthSecond(recorded.samples);
+}
+
+TEST_F(RecordingSandboxTest, PausingTheMicrophoneRecorderLeavesThePauseOutOfTheFile) {
+    const auto file = directory.path() / "paused.wav";
+    Player microphone(kMicrophoneIn, 1, 4.6, sine(kMicrophoneToneHertz, kToneAmplitude));
+    std::this_thread::sleep_for(kPlayerLead);
+    auto recorder = AudioRecorder::create(file, AudioFormat::wav, std::nullopt, services);
+    EventLog events(recorder->events());
+    ASSERT_TRUE(events.waitFor(Kind::started));
+    const auto started = *events.arrivalOf(Kind::started);
+    std::this_thread::sleep_until(started + 1s);
+    recorder->pause();
+    std::this_thread::sleep_until(started + 2s);
+    recorder->resume();
+    std::this_thread::sleep_until(started + 3s);
+    recorder->stop();
+    ASSERT_TRUE(events.waitForEnd());
+    EXPECT_EQ(events.error(), nullptr);
+    EXPECT_THAT(events.shape(), ::testing::ElementsAre(Kind::starting, Kind::started, Kind::progress, Kind::paused,
+                                                       Kind::resumed, Kind::progress, Kind::finished));
+    double pausedAt = 0, resumedAt = 0;
+    for (const auto& e : events.entries()) {
+        if (e.event.kind == Kind::paused) pausedAt = e.event.elapsedSeconds;
+        if (e.event.kind == Kind::resumed) resumedAt = e.event.elapsedSeconds;
+    }
+    EXPECT_NEAR(pausedAt, 1.0, 0.1);
+    EXPECT_NEAR(resumedAt, 2.0, 0.1);
+
+    const auto recorded = readRecording(file);
+    const double fileSeconds = static_cast<double>(recorded.samples.size()) / 16000.0;
+    std::printf("[ measure  ] microphone recorder: file %.3f s for 3 s with a 1 s pause\n", fileSeconds);
+    EXPECT_NEAR(fileSeconds, 2.0, 0.3);
+    ASSERT_GT(recorded.samples.size(), 24000u);
+    // The second half of the file is what followed the resume.
+    EXPECT_NEAR(toneAmplitude(recorded.samples, recorded.samples.size() - 14400, recorded.samples.size() - 1600,
+                              kMicrophoneToneHertz),
+                kToneAmplitude, 0.05)
+        << peaksPerTenthSecond(recorded.samples);
+    std::size_t leadingSilence = 0;
+    while (leadingSilence < recorded.samples.size() && std::fabs(recorded.samples[leadingSilence]) < 0.01f) ++leadingSilence;
+    std::printf("[ measure  ] microphone recorder: %.3f s of silence before the tone\n", leadingSilence / 16000.0);
+}
+
+TEST_F(RecordingSandboxTest, CancellingKeepsOrRemovesTheFileAsEachRecorderPromises) {
+    {
+        const auto file = directory.path() / "cancelled-unified.wav";
+        auto recorder = UnifiedAudioRecorder::create(
+            file, RecordingConfiguration(AudioFormat::wav, AudioSources::both(), std::nullopt,
+                                         BufferConfiguration::defaultConfiguration()),
+            services);
+        EventLog events(recorder->events());
+        ASSERT_TRUE(events.waitFor(Kind::started));
+        std::this_thread::sleep_for(500ms);
+        recorder->cancel();
+        ASSERT_TRUE(events.waitForEnd());
+        EXPECT_EQ(events.error(), nullptr);
+        EXPECT_EQ(events.entries().back().event.kind, Kind::cancelled);
+        EXPECT_TRUE(std::filesystem::exists(file));
+    }
+    {
+        const auto file = directory.path() / "cancelled-microphone.wav";
+        auto recorder = AudioRecorder::create(file, AudioFormat::wav, std::nullopt, services);
+        EventLog events(recorder->events());
+        ASSERT_TRUE(events.waitFor(Kind::started));
+        std::this_thread::sleep_for(500ms);
+        recorder->cancel();
+        ASSERT_TRUE(events.waitForEnd());
+        EXPECT_EQ(events.error(), nullptr);
+        EXPECT_EQ(events.count(Kind::cancelled) + events.count(Kind::finished), 0);
+        EXPECT_FALSE(std::filesystem::exists(file));
+    }
+}
+
+// The tone's amplitude rises steadily with wall time, so audio lost at the restart shows
+// as a step in the envelope: step ÷ slope is the lost time.
+TEST_F(RecordingSandboxTest, ADeviceLoadedMidRecordingRestartsCaptureWithoutAGap) {
+    velto::testing::CapturedLogs logs;
+    const auto file = directory.path() / "restart.wav";
+    constexpr double kPlaySeconds = 6.0;
+    constexpr double kSlopePerSecond = 0.15;  // played amplitude per second
+    Player microphone(kMicrophoneIn, 1, kPlaySeconds, [](double t) {
+        return static_cast<float>((0.1 + kSlopePerSecond * t) * std::sin(2.0 * std::numbers::pi * kMicrophoneToneHertz * t));
+    });
+    std::this_thread::sleep_for(kPlayerLead);
+    auto recorder = UnifiedAudioRecorder::create(
+        file, RecordingConfiguration(AudioFormat::wav, AudioSources::microphoneOnly(), std::nullopt,
+                                     BufferConfiguration::defaultConfiguration()),
+        services);
+    EventLog events(recorder->events());
+    ASSERT_TRUE(events.waitFor(Kind::started));
+    const auto started = *events.arrivalOf(Kind::started);
+    std::this_thread::sleep_until(started + 2s);
+    const std::string sinkName = "velto_recording_extra_" + std::to_string(::getpid());
+    FILE* load = popen(("pactl load-module module-null-sink sink_name=" + sinkName + " 2>/dev/null").c_str(), "r");
+    char moduleIndex[32] = {0};
+    if (load) {
+        if (std::fgets(moduleIndex, sizeof moduleIndex, load) == nullptr) moduleIndex[0] = '\0';
+        pclose(load);
+    }
+    std::this_thread::sleep_until(started + 4s);
+    recorder->stop();
+    ASSERT_TRUE(events.waitForEnd());
+    if (moduleIndex[0] != '\0') std::system(("pactl unload-module " + std::string(moduleIndex)).c_str());
+    EXPECT_EQ(events.error(), nullptr);
+    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
+                              "Successfully restarted recording after configuration change"));
+
+    // Envelope per 20 ms window (20 periods of the tone), in file time.
+    const auto recorded = readRecording(file);
+    const std::size_t window = 320;
+    std::vector<double> times, envelope;
+    for (std::size_t start = 0; start + window <= recorded.samples.size(); start += window) {
+        times.push_back((start + window / 2.0) / 16000.0);
+        envelope.push_back(toneAmplitude(recorded.samples, start, start + window, kMicrophoneToneHertz));
+    }
+    // The restart is where the envelope steps; fit a line on each side, away from the step.
+    const double fileSlope = 0.5 * kSlopePerSecond;  // the microphone-only gain
+    std::size_t step = 0;
+    double largestRise = 0;
+    std::size_t firstSounding = 0;
+    while (firstSounding < envelope.size() && envelope[firstSounding] < 0.02) ++firstSounding;
+    for (std::size_t i = firstSounding + 25; i + 10 < envelope.size(); ++i) {
+        const double rise = envelope[i + 1] - envelope[i - 1];
+        if (rise > largestRise) {
+            largestRise = rise;
+            step = i;
+        }
+    }
+    ASSERT_GT(step, 20u);
+    ASSERT_LT(step + 20, envelope.size());
+    const auto fit = [&](std::size_t from, std::size_t to) {  // least squares: value at the step's time
+        double st = 0, se = 0, stt = 0, ste = 0;
+        const double n = static_cast<double>(to - from);
+        for (std::size_t i = from; i < to; ++i) {
+            st += times[i];
+            se += envelope[i];
+            stt += times[i] * times[i];
+            ste += times[i] * envelope[i];
+        }
+        const double slope = (n * ste - st * se) / (n * stt - st * st);
+        const double intercept = (se - slope * st) / n;
+        return intercept + slope * times[step];
+    };
+    const double before = fit(step - 20 > 25 ? step - 45 : 5, step - 2);
+    const double after = fit(step + 3, std::min(envelope.size() - 5, step + 45));
+    const double lostMilliseconds = 1000.0 * (after - before) / fileSlope;
+    std::printf("[ measure  ] restart at %.3f s of the file: %.1f ms of audio lost\n", times[step], lostMilliseconds);
+    EXPECT_LT(lostMilliseconds, 150.0);
+}
+
+}  // namespace
+}  // namespace velto
