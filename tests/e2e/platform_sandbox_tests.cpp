@@ -105,6 +105,25 @@ namespace {
 using namespace std::chrono_literals;
 using namespace platform;
 
+TEST(PlatformSandboxTest, MovingTheDefaultInputIsAnnouncedAndOtherServerChangesAreNot) {
+    auto center = PlatformServices::pulse().configurationChangeCenter;
+    std::atomic<int> notifications{0};
+    const auto token = center->addObserver([&] { ++notifications; });
+    std::this_thread::sleep_for(500ms);
+    notifications = 0;
+
+    run("pactl set-default-source velto_mic_in.monitor");
+    EXPECT_TRUE(waitUntil([&] { return notifications.load() >= 1; }, 3000ms));
+    run("pactl set-default-source velto_mic");
+    EXPECT_TRUE(waitUntil([&] { return notifications.load() >= 2; }, 3000ms));
+
+    // Volume changes are no configuration change.
+    run("pactl set-sink-volume velto_speakers 50% && pactl set-sink-volume velto_speakers 100%");
+    std::this_thread::sleep_for(800ms);
+    EXPECT_EQ(notifications.load(), 2);
+    center->removeObserver(token);
+}
+
 // The sandbox script, pointed at the server this test talks to.
 std::string sandbox(const std::string& action) {
     const char* server = std::getenv("PULSE_SERVER");
