@@ -9,6 +9,7 @@
 
 #include "logging/LoggerCompat.hpp"
 #include "logging/NumberFormat.hpp"
+#include "signal/ChannelMapping.hpp"
 #include "signal/FrameScaling.hpp"
 
 namespace velto {
@@ -126,31 +127,7 @@ std::shared_ptr<PcmBuffer> AudioConverter::convert(const PcmBuffer& input) {
 void AudioConverter::mapIntoWork(const PcmBuffer& input, uint32_t frames) {
     const size_t samples = static_cast<size_t>(frames) * workChannels_;
     if (work_.size() < samples) work_.resize(samples);
-    const uint32_t inputChannels = input.channelCount();
-    const bool interleaved = input.format().interleaved;
-    const auto channelData = input.floatChannelData();
-    if (frames == 0 || inputChannels == 0) return;
-
-    if (inputChannels == workChannels_ && (interleaved || inputChannels == 1)) {
-        std::memcpy(work_.data(), channelData[0], samples * sizeof(float));
-        return;
-    }
-    auto sampleAt = [&](uint32_t frame, uint32_t channel) {
-        return interleaved ? channelData[0][static_cast<size_t>(frame) * inputChannels + channel]
-                           : channelData[channel][frame];
-    };
-    for (uint32_t frame = 0; frame < frames; ++frame) {
-        float* out = work_.data() + static_cast<size_t>(frame) * workChannels_;
-        if (workChannels_ == 1 && inputChannels > 1) {
-            float sum = 0.0f;
-            for (uint32_t channel = 0; channel < inputChannels; ++channel) sum += sampleAt(frame, channel);
-            out[0] = sum / static_cast<float>(inputChannels);
-        } else {
-            for (uint32_t channel = 0; channel < workChannels_; ++channel) {
-                out[channel] = sampleAt(frame, channel % inputChannels);
-            }
-        }
-    }
+    copyAsInterleaved(input, frames, workChannels_, work_.data());
 }
 
 void AudioConverter::reservePending(size_t freeFrames) {

@@ -10,6 +10,7 @@
 #include "logging/LoggerCompat.hpp"
 #include "veltoaudio/Error.hpp"
 #include "logging/NumberFormat.hpp"
+#include "signal/ChannelMapping.hpp"
 
 namespace velto {
 
@@ -67,30 +68,6 @@ int sndfileFormat(const AudioSettings& settings) {
         }
     }
     throw unsupportedSettings();
-}
-
-// Copies `frames` frames of `buffer` into `destination` as interleaved frames
-// of `fileChannels` channels.
-void interleaveForFile(const PcmBuffer& buffer, uint32_t frames, uint32_t fileChannels, float* destination) {
-    const uint32_t bufferChannels = buffer.channelCount();
-    const bool interleaved = buffer.format().interleaved;
-    const auto channelData = buffer.floatChannelData();
-    auto sampleAt = [&](uint32_t frame, uint32_t channel) {
-        return interleaved ? channelData[0][static_cast<size_t>(frame) * bufferChannels + channel]
-                           : channelData[channel][frame];
-    };
-    for (uint32_t frame = 0; frame < frames; ++frame) {
-        float* out = destination + static_cast<size_t>(frame) * fileChannels;
-        if (fileChannels == 1 && bufferChannels > 1) {
-            float sum = 0.0f;
-            for (uint32_t channel = 0; channel < bufferChannels; ++channel) sum += sampleAt(frame, channel);
-            out[0] = sum / static_cast<float>(bufferChannels);
-        } else {
-            for (uint32_t channel = 0; channel < fileChannels; ++channel) {
-                out[channel] = sampleAt(frame, channel % bufferChannels);
-            }
-        }
-    }
 }
 
 }  // namespace
@@ -157,7 +134,7 @@ void AudioFile::write(const PcmBuffer& buffer) {
 
     const size_t samples = static_cast<size_t>(frames) * fileFormat_.channelCount;
     if (interleavedFrames_.size() < samples) interleavedFrames_.resize(samples);
-    interleaveForFile(buffer, frames, fileFormat_.channelCount, interleavedFrames_.data());
+    copyAsInterleaved(buffer, frames, fileFormat_.channelCount, interleavedFrames_.data());
 
     const sf_count_t written = sf_writef_float(file_, interleavedFrames_.data(), frames);
     if (written > 0) framesWritten_ += written;

@@ -113,12 +113,7 @@ void AudioMixer::startDualSourceMixing(std::shared_ptr<FloatRingBuffer> systemRi
     outputFile_ = std::move(outputFile);
     outputFormat_ = outputFormat;
 
-    setupConverters(outputFormat);
-    prepareSourcePaths();
-    mixingStartTimeSeconds_ = clock_->nowSeconds();
-    totalFramesProcessed_ = 0;
-    startTimer();
-    isMixing_ = true;
+    beginMixing(outputFormat);
     logger().info("Dual-source audio mixing started successfully with temporal synchronization");
 }
 
@@ -139,13 +134,18 @@ void AudioMixer::startMixing(std::shared_ptr<FloatRingBuffer> systemRing,
     outputFile_ = std::move(outputFile);
     outputFormat_ = outputFormat;
 
+    beginMixing(outputFormat);
+    logger().info("Audio mixing started successfully with temporal synchronization");
+}
+
+// The common tail of both starts; a failure leaves the mixer idle.
+void AudioMixer::beginMixing(const PcmFormat& outputFormat) {
     setupConverters(outputFormat);
     prepareSourcePaths();
     mixingStartTimeSeconds_ = clock_->nowSeconds();
     totalFramesProcessed_ = 0;
     startTimer();
     isMixing_ = true;
-    logger().info("Audio mixing started successfully with temporal synchronization");
 }
 
 void AudioMixer::setupConverters(const PcmFormat& outputFormat) {
@@ -156,25 +156,9 @@ void AudioMixer::setupConverters(const PcmFormat& outputFormat) {
     const auto mixingFormat = monoFormat(mixingSampleRate_);
     if (!mixingFormat) throw AudioMixerError::failedToCreateMixingFormat();
 
-    if (system_.sampleRate != mixingSampleRate_) {
-        const auto inputFormat = monoFormat(system_.sampleRate);
-        if (!inputFormat) throw AudioMixerError::failedToCreateSystemAudioInputFormat();
-        system_.converter = AudioConverter::create(*inputFormat, *mixingFormat);
-        logger().info("Created system audio converter: " + formatDouble(system_.sampleRate) + "Hz -> " +
-                      formatDouble(mixingSampleRate_) + "Hz");
-    } else {
-        logger().info("No system audio conversion needed: " + formatDouble(system_.sampleRate) + "Hz");
-    }
-
-    if (microphone_.sampleRate != mixingSampleRate_) {
-        const auto inputFormat = monoFormat(microphone_.sampleRate);
-        if (!inputFormat) throw AudioMixerError::failedToCreateMicrophoneInputFormat();
-        microphone_.converter = AudioConverter::create(*inputFormat, *mixingFormat);
-        logger().info("Created microphone converter: " + formatDouble(microphone_.sampleRate) + "Hz -> " +
-                      formatDouble(mixingSampleRate_) + "Hz");
-    } else {
-        logger().info("No microphone conversion needed: " + formatDouble(microphone_.sampleRate) + "Hz");
-    }
+    setupSourceConverter(system_, *mixingFormat, "system audio", AudioMixerError::failedToCreateSystemAudioInputFormat);
+    setupSourceConverter(microphone_, *mixingFormat, "microphone",
+                         AudioMixerError::failedToCreateMicrophoneInputFormat);
 
     if (mixingSampleRate_ != outputFormat.sampleRate) {
         outputConverter_ = AudioConverter::create(*mixingFormat, outputFormat);
@@ -183,6 +167,20 @@ void AudioMixer::setupConverters(const PcmFormat& outputFormat) {
     } else {
         logger().info("No output conversion needed: " + formatDouble(mixingSampleRate_) + "Hz");
     }
+}
+
+void AudioMixer::setupSourceConverter(Source& source, const PcmFormat& mixingFormat, const char* label,
+                                      AudioMixerError (*inputFormatFailure)()) {
+    const std::string rate = formatDouble(source.sampleRate);
+    if (source.sampleRate == mixingSampleRate_) {
+        logger().info(std::string("No ") + label + " conversion needed: " + rate + "Hz");
+        return;
+    }
+    const auto inputFormat = monoFormat(source.sampleRate);
+    if (!inputFormat) throw inputFormatFailure();
+    source.converter = AudioConverter::create(*inputFormat, mixingFormat);
+    logger().info(std::string("Created ") + label + " converter: " + rate + "Hz -> " +
+                  formatDouble(mixingSampleRate_) + "Hz");
 }
 
 // Resets each source's frame accounting and, where a resampler is involved,

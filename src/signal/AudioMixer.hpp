@@ -126,7 +126,10 @@ private:
         std::unique_ptr<float[]> rightBuffer;
     };
 
+    void beginMixing(const PcmFormat& outputFormat);
     void setupConverters(const PcmFormat& outputFormat);
+    void setupSourceConverter(Source& source, const PcmFormat& mixingFormat, const char* label,
+                              AudioMixerError (*inputFormatFailure)());
     void prepareSourcePaths();
     void startTimer();
     void tickOnQueue();
