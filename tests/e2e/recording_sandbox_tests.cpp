@@ -11,9 +11,13 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <optional>
 #include <mutex>
 #include <numbers>
 #include <thread>
+
+#include <unistd.h>
 
 #include "../microphone_recorder/RecorderTestSupport.hpp"
 #include "microphone_recorder/AudioRecorder.hpp"
@@ -455,6 +459,43 @@ TEST_F(RecordingSandboxTest, ADeviceLoadedMidRecordingRestartsCaptureWithoutAGap
     const double lostMilliseconds = 1000.0 * (after - before) / fileSlope;
     std::printf("[ measure  ] restart at %.3f s of the file: %.1f ms of audio lost\n", times[step], lostMilliseconds);
     EXPECT_LT(lostMilliseconds, 150.0);
+}
+
+// The sandbox script, pointed at the server this test talks to.
+int sandbox(const std::string& action) {
+    const char* server = std::getenv("PULSE_SERVER");
+    std::string directory = server != nullptr ? server : "";
+    if (directory.rfind("unix:", 0) == 0) directory = directory.substr(5);
+    directory = directory.substr(0, directory.rfind('/'));
+    return std::system(("VELTO_SANDBOX_DIR=" + directory + " " VELTO_SANDBOX_SCRIPT " " + action + " >/dev/null").c_str());
+}
+
+TEST_F(RecordingSandboxTest, WhenTheSoundServerGoesAwayTheRecordingEndsWithTheFileAndAnError) {
+    const auto file = directory.path() / "server-lost.wav";
+    std::optional<Player> microphone;
+    microphone.emplace(kMicrophoneIn, 1, 3.0, sine(kMicrophoneToneHertz, kToneAmplitude));
+    std::this_thread::sleep_for(kPlayerLead);
+    auto recorder = UnifiedAudioRecorder::create(
+        file, RecordingConfiguration(AudioFormat::wav, AudioSources::both(), std::nullopt,
+                                     BufferConfiguration::defaultConfiguration()),
+        services);
+    EventLog events(recorder->events());
+    ASSERT_TRUE(events.waitFor(Kind::started));
+    std::this_thread::sleep_for(1500ms);
+    microphone.reset();
+    ASSERT_EQ(sandbox("stop"), 0);
+    const bool ended = events.waitForEnd(10s);
+    ASSERT_EQ(sandbox("start"), 0);
+    ASSERT_TRUE(ended) << "the recording went on without a server";
+
+    ASSERT_FALSE(events.entries().empty());
+    EXPECT_EQ(events.entries().back().event.kind, Kind::finished);
+    EXPECT_EQ(events.entries().back().event.fileURL, file);
+    ASSERT_NE(events.error(), nullptr);
+    std::printf("[ measure  ] server gone: the recording ended with \"%s\"\n", describeError(events.error()).c_str());
+    const auto recorded = readRecording(file);
+    ASSERT_TRUE(recorded.opened);
+    EXPECT_GT(recorded.samples.size(), 16000u);  // what was captured before the server went
 }
 
 }  // namespace
