@@ -11,11 +11,13 @@
 namespace velto::testing {
 
 // Plays `seconds` of a sine into `device` (a sink name); blocks until pacat has played it.
+// A generous playback latency keeps a loaded machine from starving pacat, whose
+// underruns would put gaps into the very signal the tests check for gaps.
 inline bool playSine(const std::string& device, double frequencyHertz, float amplitude, double seconds,
                      std::uint32_t channels = 2, std::uint32_t rateHertz = 48000) {
     const std::string command = "pacat --playback --raw --device=" + device +
                                 " --format=float32le --rate=" + std::to_string(rateHertz) +
-                                " --channels=" + std::to_string(channels) + " --latency-msec=40 2>/dev/null";
+                                " --channels=" + std::to_string(channels) + " --latency-msec=200 2>/dev/null";
     FILE* pipe = popen(command.c_str(), "w");
     if (pipe == nullptr) return false;
     const auto frames = static_cast<std::size_t>(seconds * rateHertz);
