@@ -42,6 +42,13 @@ struct ToneMeasure {
     double weakestWindowPeak = 0.0;  // smallest peak of any 10 ms window there: near 0 means a gap
 };
 
+inline std::string describe(const ToneMeasure& m) {
+    char text[160];
+    std::snprintf(text, sizeof text, "sounding %zu frames, rms %.4f, %.2f Hz, weakest 10 ms peak %.4f", m.soundingFrames,
+                  m.rms, m.frequencyHertz, m.weakestWindowPeak);
+    return text;
+}
+
 inline ToneMeasure measureTone(const std::vector<float>& samples, double rateHertz, float threshold = 0.02f) {
     ToneMeasure measure;
     std::size_t first = samples.size();

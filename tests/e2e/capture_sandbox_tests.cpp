@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
 #include <chrono>
 #include <thread>
 
@@ -68,6 +69,7 @@ TEST(SystemAudioTapSandboxTest, ToneOnTheSpeakersArrivesInTheRingBuffer) {
     for (std::size_t channel = 0; channel < 2; ++channel) {
         SCOPED_TRACE("channel " + std::to_string(channel));
         const auto tone = measureTone(captured[channel], 48000.0);
+        std::printf("system audio channel %zu: %s\n", channel, testing::describe(tone).c_str());
         EXPECT_NEAR(static_cast<double>(tone.soundingFrames), 0.8 * 48000, 0.05 * 48000);
         EXPECT_NEAR(tone.rms, 0.5 / std::sqrt(2.0), 0.02);
         EXPECT_NEAR(tone.frequencyHertz, 1000.0, 10.0);
@@ -107,6 +109,7 @@ TEST(MicrophoneCaptureSandboxTest, ToneIntoTheVirtualMicrophoneArrivesInTheRingB
     capture->stop();
 
     const auto tone = measureTone(captured[0], 48000.0);
+    std::printf("microphone: %s\n", testing::describe(tone).c_str());
     EXPECT_NEAR(static_cast<double>(tone.soundingFrames), 0.8 * 48000, 0.05 * 48000);
     EXPECT_NEAR(tone.rms, 0.3 / std::sqrt(2.0), 0.015);
     EXPECT_NEAR(tone.frequencyHertz, 440.0, 5.0);

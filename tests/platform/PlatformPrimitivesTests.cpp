@@ -191,3 +191,20 @@ TEST(InterleavedSampleRingTest, DiscardTakesTheOldestFramesOnly) {
 
 }  // namespace
 }  // namespace velto
+
+namespace velto {
+namespace {
+
+TEST(InterleavedSampleRingTest, ReadAvailableTakesAPartialBlock) {
+    pulse::InterleavedSampleRing ring(2, 8);
+    const float samples[] = {1, -1, 2, -2, 3, -3};
+    ring.write(samples, 3);
+    float out[8] = {};
+    EXPECT_EQ(ring.readAvailable(out, 4), 3u);
+    EXPECT_EQ(out[4], 3.0f);
+    EXPECT_EQ(out[5], -3.0f);
+    EXPECT_EQ(ring.readAvailable(out, 4), 0u);
+}
+
+}  // namespace
+}  // namespace velto

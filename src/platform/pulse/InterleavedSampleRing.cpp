@@ -43,6 +43,11 @@ bool InterleavedSampleRing::read(float* interleaved, std::uint32_t frames) {
     return true;
 }
 
+std::uint32_t InterleavedSampleRing::readAvailable(float* interleaved, std::uint32_t maximumFrames) {
+    const std::uint32_t frames = std::min(availableFrames(), maximumFrames);
+    return frames > 0 && read(interleaved, frames) ? frames : 0;
+}
+
 std::uint32_t InterleavedSampleRing::discard(std::uint32_t frames) {
     const std::uint64_t read = readFrames_.load(std::memory_order_relaxed);
     const std::uint64_t written = writtenFrames_.load(std::memory_order_acquire);

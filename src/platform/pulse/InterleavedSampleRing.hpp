@@ -20,6 +20,8 @@ public:
     std::uint32_t write(const float* interleaved, std::uint32_t frames);
     // Takes exactly `frames` frames when that many are stored; otherwise takes nothing and answers false.
     bool read(float* interleaved, std::uint32_t frames);
+    // Takes what is stored, at most `maximumFrames`; answers how many frames it took.
+    std::uint32_t readAvailable(float* interleaved, std::uint32_t maximumFrames);
     // Consumer only: throws away up to `frames` of the oldest frames; answers how many.
     std::uint32_t discard(std::uint32_t frames);
     std::uint32_t availableFrames() const;

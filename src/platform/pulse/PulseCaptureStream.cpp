@@ -207,7 +207,18 @@ void PulseCaptureStream::deliveryLoop() {
             continue;
         }
         std::uint32_t silent = pacer.takeSilenceBlocksDue(now);
-        if (silent > 0) std::fill(block_.begin(), block_.end(), 0.0f);
+        if (silent > 0) {
+            // The source went quiet with a partial block stored: that tail goes out first,
+            // padded with silence, rather than waiting for the source to come back.
+            const std::uint32_t tailFrames = ring_.readAvailable(block_.data(), options_.blockFrames);
+            std::fill(block_.begin() + static_cast<std::ptrdiff_t>(tailFrames) * options_.channels, block_.end(), 0.0f);
+            if (tailFrames > 0) {
+                delivery_(block_.data(), options_.blockFrames);
+                silenceBlocks_.fetch_add(1, std::memory_order_relaxed);
+                std::fill(block_.begin(), block_.end(), 0.0f);
+                --silent;
+            }
+        }
         for (; silent > 0 && !stopping_.load(); --silent) {
             delivery_(block_.data(), options_.blockFrames);
             silenceBlocks_.fetch_add(1, std::memory_order_relaxed);
