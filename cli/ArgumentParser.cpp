@@ -174,6 +174,17 @@ ParseOutcome usageError(CommandLineApp& cli, const std::string& message) {
 
 ParseOutcome parseCommandLine(int argc, const char* const* argv) {
     CommandLineApp cli;
+    // The program's own options take no values, so the first other word names the
+    // command; CLI11 would only say that a command is missing.
+    for (int i = 1; i < argc; ++i) {
+        std::string word = argv[i];
+        if (word.empty() || word.front() == '-') continue;
+        if (word != "record" && word != "devices" && word != "permissions" && word != "microphone") {
+            return usageError(cli, "unknown command '" + word +
+                                       "'; the commands are record, devices, permissions and microphone");
+        }
+        break;
+    }
     try {
         cli.app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -9,8 +9,35 @@ namespace {
 constexpr const char* kSoundServerAdvice =
     "Check that a sound server (PulseAudio or PipeWire) is running and reachable.";
 
+constexpr const char* kFileAdvice = "Check that the output folder exists, is writable and has free space.";
+
+// Failures of the file writer and the file system, however deeply wrapped: their
+// remedy is the user's disk, not the sound server.
+bool isFileError(const Error& error) {
+    if (auto* platform = dynamic_cast<const PlatformError*>(&error)) {
+        const auto& domain = platform->domain();
+        return domain == "libsndfile" || domain == "io.veltoaudio.AudioFile" || domain == "errno" ||
+               domain == "POSIX" || domain == "std::filesystem";
+    }
+    if (auto* captured = dynamic_cast<const CapturedError*>(&error)) {
+        try {
+            std::rethrow_exception(captured->original());
+        } catch (const Error& original) {
+            return isFileError(original);
+        } catch (...) {
+            return false;
+        }
+    }
+    if (auto* recording = dynamic_cast<const RecordingError*>(&error)) {
+        return recording->code() == RecordingError::Code::fileSystemError ||
+               (recording->underlyingError() && isFileError(*recording->underlyingError()));
+    }
+    return false;
+}
+
 std::string adviceForRecordingError(const RecordingError& error) {
     using Code = RecordingError::Code;
+    if (isFileError(error)) return kFileAdvice;
     switch (error.code()) {
         case Code::permissionDenied:
         case Code::systemAudioPermissionRequired:
@@ -22,7 +49,7 @@ std::string adviceForRecordingError(const RecordingError& error) {
         case Code::invalidState:
             return "Another recording is still running; wait for it to end.";
         case Code::fileSystemError:
-            return "Check that the output folder exists, is writable and has free space.";
+            return kFileAdvice;
         case Code::systemAudioTapCreationFailed:
         case Code::systemAudioDeviceCreationFailed:
         case Code::systemAudioDeviceStartFailed:
@@ -57,6 +84,8 @@ std::string adviceFor(const std::exception_ptr& error) {
         std::rethrow_exception(error);
     } catch (const RecordingError& recordingError) {
         return adviceForRecordingError(recordingError);
+    } catch (const Error& otherError) {
+        return isFileError(otherError) ? kFileAdvice : kSoundServerAdvice;
     } catch (const std::bad_alloc&) {
         return {};
     } catch (...) {

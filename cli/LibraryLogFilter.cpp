@@ -10,7 +10,8 @@ LogLevel minimumLibraryLogLevel(int verbosity) {
 
 bool showLibraryLogLine(int verbosity, LogLevel level, std::string_view category) {
     if (level < minimumLibraryLogLevel(verbosity)) return false;
-    return verbosity > 0 || category != "RecordingService";
+    if (verbosity > 0) return true;
+    return level != LogLevel::critical && category != "RecordingService";
 }
 
 }  // namespace velto::cli

@@ -10,8 +10,11 @@ namespace velto::cli {
 LogLevel minimumLibraryLogLevel(int verbosity);
 
 // Whether a library log line that passed the level reaches the user. Without -v the
-// service's own failure lines are left out: every one of them is the error the
-// command reports itself, as one line with advice, so they would say it twice.
+// critical lines are left out: the library logs at that level exactly the failures that
+// end a start or a recording, and each of those reaches the command as the error it
+// reports itself, as one line with advice. The service's other lines (refusals of a
+// stop that came after the recording ended) are left out too. Other components' error
+// lines, recoverable trouble the user may want to know about, stay.
 bool showLibraryLogLine(int verbosity, LogLevel level, std::string_view category);
 
 }  // namespace velto::cli

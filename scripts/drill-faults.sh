@@ -25,12 +25,12 @@ note "sound server killed; waiting up to 30 s for velto"
 ended=0
 for _ in $(seq 1 300); do kill -0 "$pid" 2>/dev/null || { ended=1; break; }; sleep 0.1; done
 if ((ended)); then
-    wait "$pid"; exit_status=$?
+    exit_status=0; wait "$pid" || exit_status=$?
     report "server killed (velto ended by itself)" "$exit_status" "$work/events-1" "$work/err-1" "$file"
 else
     kill -INT "$pid"; sleep 5; kill -0 "$pid" 2>/dev/null && kill -INT "$pid"; sleep 5
     kill -0 "$pid" 2>/dev/null && { kill -9 "$pid"; note "velto had to be killed"; }
-    wait "$pid"; exit_status=$?
+    exit_status=0; wait "$pid" || exit_status=$?
     report "server killed (velto still recording after 30 s; Ctrl-C sent)" "$exit_status" \
         "$work/events-1" "$work/err-1" "$file"
 fi
@@ -51,7 +51,7 @@ still_running=$(kill -0 "$pid" 2>/dev/null && echo yes || echo no)
 kill -INT "$pid" 2>/dev/null || true
 for _ in $(seq 1 150); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
 kill -0 "$pid" 2>/dev/null && { kill -9 "$pid"; note "velto had to be killed"; }
-wait "$pid"; exit_status=$?
+exit_status=0; wait "$pid" || exit_status=$?
 echo "(velto still running 5 s after the removal: $still_running)"
 report "microphone removed" "$exit_status" "$work/events-2" "$work/err-2" "$file"
 restart_sandbox
@@ -79,8 +79,9 @@ bad_inputs=(
 )
 for line in "${bad_inputs[@]}"; do
     # shellcheck disable=SC2086
-    "$velto" $line >"$work/bad-out" 2>"$work/bad-err"
-    printf '  %-60s exit %d, %d stderr lines: %s\n' "velto $line" $? "$(wc -l <"$work/bad-err")" \
+    bad_status=0
+    "$velto" $line >"$work/bad-out" 2>"$work/bad-err" || bad_status=$?
+    printf '  %-60s exit %d, %d stderr lines: %s\n' "velto $line" "$bad_status" "$(wc -l <"$work/bad-err")" \
         "$(head -1 "$work/bad-err")"
 done
 chmod 0755 "$work/out"

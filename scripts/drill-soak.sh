@@ -21,7 +21,7 @@ while kill -0 "$pid" 2>/dev/null; do
     [[ -n $rss ]] && printf '%8d %10d\n' $(($(date +%s) - start)) "$rss" >>"$work/rss"
     sleep "$interval"
 done
-wait "$pid"; exit_status=$?
+exit_status=0; wait "$pid" || exit_status=$?
 
 cat "$work/rss"
 awk 'NR > 1 { n++; t[n] = $1; r[n] = $2 } END {

@@ -68,6 +68,7 @@ TEST(ArgumentParser, BadCommandLinesExitWithUsage) {
         {"microphone", "set"},
         {"permissions", "--sources", "nothing"},
         {"dance"},
+        {"-v", "recrod", "--duration", "1"},
         // A FLAC stream in a file named .wav would mislead every player.
         {"record", "--format", "flac", "--output", "take.wav"},
         // System audio has no microphone to choose.
@@ -83,6 +84,10 @@ TEST(ArgumentParser, BadCommandLinesExitWithUsage) {
         EXPECT_THAT(outcome.standardError, HasSubstr("Usage")) << line;
         EXPECT_THAT(outcome.standardOutput, IsEmpty()) << line;
     }
+}
+
+TEST(ArgumentParser, UnknownCommandIsNamed) {
+    EXPECT_THAT(parse({"-v", "teleport"}).standardError, HasSubstr("velto: unknown command 'teleport'"));
 }
 
 TEST(ArgumentParser, DurationMustBeAFinitePositiveNumber) {

@@ -101,6 +101,15 @@ TEST(ErrorMessages, OneLineWithWhatWentWrongAndWhatToDo) {
               "velto: File system error: No space left on device. Check that the output folder exists, is writable "
               "and has free space.");
     EXPECT_EQ(failureLine("a\nb"), "velto: a b.");
+    // A file writer's failure, bare or wrapped, points at the disk rather than the sound server.
+    auto fileAdvice = "Check that the output folder exists, is writable and has free space.";
+    auto unwritable = std::make_exception_ptr(PlatformError("libsndfile", 2, "System error : No such file or directory"));
+    EXPECT_EQ(adviceFor(unwritable), fileAdvice);
+    EXPECT_EQ(adviceFor(std::make_exception_ptr(CapturedError(unwritable))), fileAdvice);
+    EXPECT_EQ(adviceFor(std::make_exception_ptr(RecordingError::recordingFailed(captureError(unwritable)))),
+              fileAdvice);
+    EXPECT_THAT(adviceFor(std::make_exception_ptr(PlatformError("pulse", 6, "Connection refused"))),
+                StartsWith("Check that a sound server"));
     for (const auto& line : {deviceLine, initLine, diskLine}) EXPECT_EQ(line.find('\n'), std::string::npos);
     EXPECT_THAT(failureLine(std::make_exception_ptr(std::runtime_error("boom"))), StartsWith("velto: boom. "));
 }
@@ -114,8 +123,9 @@ namespace {
 TEST(LibraryLogFilter, QuietByDefaultWithoutHidingOtherComponentsErrors) {
     EXPECT_FALSE(showLibraryLogLine(0, LogLevel::info, "AudioMixer"));
     EXPECT_TRUE(showLibraryLogLine(0, LogLevel::error, "AudioMixer"));
-    // The service's failure lines repeat what the command reports itself.
-    EXPECT_FALSE(showLibraryLogLine(0, LogLevel::critical, "RecordingService"));
+    // Failure lines repeat what the command reports itself.
+    EXPECT_FALSE(showLibraryLogLine(0, LogLevel::critical, "AudioMixer"));
+    EXPECT_FALSE(showLibraryLogLine(0, LogLevel::error, "RecordingService"));
     EXPECT_TRUE(showLibraryLogLine(1, LogLevel::critical, "RecordingService"));
     EXPECT_TRUE(showLibraryLogLine(2, LogLevel::debug, "SystemAudioTap"));
 }
