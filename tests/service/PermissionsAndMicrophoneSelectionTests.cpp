@@ -104,17 +104,6 @@ TEST_F(PermissionsAndMicrophonesTest, permissionStatusFollowsTheSourcesAndTheSys
     EXPECT_EQ(harness.tcc->statusQueries.load(), queries);
 }
 
-TEST_F(PermissionsAndMicrophonesTest, microphonePermissionIsTheAuthorisationAlone) {
-    harness.tcc->status = PermissionState::denied;
-    EXPECT_TRUE(service().hasPermission());
-    harness.microphoneStatus = platform::AuthorizationStatus::denied;
-    EXPECT_FALSE(service().hasPermission());
-    harness.microphoneAccessAnswer = false;
-    EXPECT_FALSE(service().requestMicrophonePermission());
-    harness.microphoneAccessAnswer = true;
-    EXPECT_TRUE(service().requestMicrophonePermission());
-}
-
 TEST_F(PermissionsAndMicrophonesTest, systemAudioRequestGoesThroughTheManagerOnlyOnNewerSystems) {
     harness.setVersion(14, 3);
     EXPECT_FALSE(service().requestSystemAudioPermission());

@@ -180,19 +180,5 @@ TEST_F(PreferenceStoreTest, anUnwritableFolderIsLoggedNotThrown) {
     EXPECT_TRUE(logs.containsPrefix("UserDefaults", "Failed to write preferences file "));
 }
 
-TEST_F(PreferenceStoreTest, standardStoreLivesInTheUsersConfigFolder) {
-    const char* saved = std::getenv("XDG_CONFIG_HOME");
-    std::optional<std::string> previous = saved ? std::optional<std::string>(saved) : std::nullopt;
-    ::setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);
-    EXPECT_EQ(UserDefaults::standardFilePath(), folder.path() / "io.veltoaudio" / "preferences.json");
-    ::setenv("XDG_CONFIG_HOME", "relative/ignored", 1);
-    EXPECT_EQ(UserDefaults::standardFilePath().parent_path().parent_path().filename(), ".config");
-    if (previous) {
-        ::setenv("XDG_CONFIG_HOME", previous->c_str(), 1);
-    } else {
-        ::unsetenv("XDG_CONFIG_HOME");
-    }
-}
-
 }  // namespace
 }  // namespace velto::testing

@@ -386,14 +386,5 @@ TEST_F(RecordingServiceTest, explicitOutputFileIsUsedInsteadOfAFreshLocation) {
     EXPECT_TRUE(harness.generatedFiles().empty());
 }
 
-TEST_F(RecordingServiceTest, defaultStartRecordsFlacFromTheMicrophone) {
-    harness.setVersion(14, 3);
-    auto stream = harness.service().startRecording();
-    auto recorder = harness.recorder();
-    ASSERT_EQ(harness.generatedFiles().size(), 1u);
-    EXPECT_EQ(harness.generatedFiles()[0].extension(), ".flac");
-    EXPECT_THAT(harness.recorderKinds(), ElementsAre("microphone"));
-}
-
 }  // namespace
 }  // namespace velto::testing

@@ -5,11 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <thread>
 
 #include "platform/SystemAudioPermissionManager.hpp"
 #include "platform/TCCPermissionProvider.hpp"
 #include "platform/fake/FakeAudioHardware.hpp"
+#include "platform/pulse/PulseTccSubstitute.hpp"
 #include "service/ServiceTestDoubles.hpp"
 #include "support/CapturedLogs.hpp"
 #include "veltoaudio/RecordingError.hpp"
@@ -215,6 +217,36 @@ TEST_F(SystemAudioPermissionTest, anyProviderFailureLeadsToTheTapWhoseStatusDeci
                               "Permission request failed: systemAudioTapCreationFailed(-50)"));
     // A tap that was never made is never destroyed.
     for (const auto& call : hardware->calls()) EXPECT_EQ(call, "createProcessTap");
+}
+
+// MARK: - The sound-server substitute
+
+TEST(PulseTccSubstituteTest, withoutASoundServerTheAnswerIsUndetermined) {
+    const char* saved = std::getenv("PULSE_SERVER");
+    std::optional<std::string> previous = saved ? std::optional<std::string>(saved) : std::nullopt;
+    ::setenv("PULSE_SERVER", "unix:/nonexistent/velto-no-server", 1);
+
+    EXPECT_EQ(TCCAccessPreflight("kTCCServiceAudioCapture", nullptr), 2);
+    EXPECT_EQ(TCCAccessPreflight("kTCCServiceCamera", nullptr), 2);
+    struct Answer {
+        int calls = 0;
+        bool granted = true;
+    } answer;
+    TCCAccessRequest("kTCCServiceAudioCapture", nullptr,
+                     [](void* context, bool granted) {
+                         auto* a = static_cast<Answer*>(context);
+                         ++a->calls;
+                         a->granted = granted;
+                     },
+                     &answer);
+    EXPECT_EQ(answer.calls, 1);
+    EXPECT_FALSE(answer.granted);
+
+    if (previous) {
+        ::setenv("PULSE_SERVER", previous->c_str(), 1);
+    } else {
+        ::unsetenv("PULSE_SERVER");
+    }
 }
 
 }  // namespace
