@@ -6,6 +6,7 @@
 #include "logging/NumberFormat.hpp"
 #include "microphone_recorder/PrivateRecordingFile.hpp"
 #include "signal/AudioFile.hpp"
+#include "unified_recorder/CarriedOverAudio.hpp"
 #include "unified_recorder/UnifiedAudioRecorderError.hpp"
 #include "veltoaudio/RecordingError.hpp"
 
@@ -266,15 +267,11 @@ void UnifiedAudioRecorder::startAudioMixing() {
     const PcmFormat outputFormat = audioFile_->processingFormat();
     const std::string output = "output (" + formatDouble(outputFormat.sampleRate) + "Hz, " +
                                std::to_string(outputFormat.channelCount) + "ch)";
-    const auto microphoneRate = [&] {
-        const auto& format = microphoneCapture_->inputFormat();
-        return format ? format->sampleRate : kMicrophoneFallbackRateHertz;
-    };
 
     if (systemAudioTap_ && microphoneCapture_) {
         const double systemRate = systemAudioTap_->asbd().mSampleRate;
         const std::uint32_t systemChannels = systemAudioTap_->asbd().mChannelsPerFrame;
-        const double micRate = microphoneRate();
+        const double micRate = microphoneSampleRate();
         logger().debug("Starting dual-source mixing: system (" + formatDouble(systemRate) + "Hz, " +
                        std::to_string(systemChannels) + "ch) + microphone (" + formatDouble(micRate) + "Hz) -> " +
                        output);
@@ -288,12 +285,18 @@ void UnifiedAudioRecorder::startAudioMixing() {
         audioMixer_->startMixing(systemAudioTap_->ringBuffer(), nullptr, systemRate, systemChannels, audioFile_,
                                  outputFormat);
     } else if (microphoneCapture_) {
-        const double micRate = microphoneRate();
+        const double micRate = microphoneSampleRate();
         logger().debug("Starting microphone audio only mixing: " + formatDouble(micRate) + "Hz -> " + output);
         audioMixer_->startMixing(nullptr, microphoneCapture_->ringBuffer(), micRate, 1, audioFile_, outputFormat);
     }
     startForwarding(audioMixer_);
     logger().debug("Audio mixing started successfully");
+}
+
+double UnifiedAudioRecorder::microphoneSampleRate() const {
+    if (!microphoneCapture_) return 0.0;
+    const auto& format = microphoneCapture_->inputFormat();
+    return format ? format->sampleRate : kMicrophoneFallbackRateHertz;  // no format yet: mixed as 48 kHz
 }
 
 void UnifiedAudioRecorder::startForwarding(const std::shared_ptr<AudioMixer>& mixer) {
@@ -378,6 +381,17 @@ void UnifiedAudioRecorder::handleConfigurationChange() {
     logger().debug("Audio configuration changed, restarting recording seamlessly");
     const double elapsed = secondsSinceStart();
 
+    // The old mixer stops first; what it left unread in the rings goes to the new ones.
+    if (audioMixer_) audioMixer_->stopMixing();
+    joinForwarders();
+    std::optional<CarriedOverAudio> carriedMicrophone;
+    std::optional<CarriedOverAudio> carriedSystem;
+    if (microphoneCapture_) {
+        carriedMicrophone = CarriedOverAudio::takeFrom(*microphoneCapture_->ringBuffer(), microphoneSampleRate());
+    }
+    if (systemAudioTap_) {
+        carriedSystem = CarriedOverAudio::takeFrom(*systemAudioTap_->ringBuffer(), systemAudioTap_->asbd().mSampleRate);
+    }
     stopComponents();
     audioMixer_.reset();
     systemAudioTap_.reset();
@@ -386,7 +400,21 @@ void UnifiedAudioRecorder::handleConfigurationChange() {
 
     try {
         setupAudioComponents();
+        // Before the sources start, the work queue is their rings' only producer.
+        const int64_t microphonePrefill =
+            carriedMicrophone && microphoneCapture_ ? carriedMicrophone->prefill(*microphoneCapture_->ringBuffer()) : 0;
+        const int64_t systemPrefill =
+            carriedSystem && systemAudioTap_ ? carriedSystem->prefill(*systemAudioTap_->ringBuffer()) : 0;
         startAudioCapture();
+        // A source that came back at another rate would play the carried frames at the
+        // wrong pitch: they are read back out (they are the oldest) before mixing starts.
+        discardCarriedIfRateChanged(microphonePrefill, carriedMicrophone, microphoneSampleRate(),
+                                    microphoneCapture_ ? microphoneCapture_->ringBuffer() : nullptr);
+        discardCarriedIfRateChanged(systemPrefill, carriedSystem,
+                                    systemAudioTap_ ? systemAudioTap_->asbd().mSampleRate : 0.0,
+                                    systemAudioTap_ ? systemAudioTap_->ringBuffer() : nullptr);
+        logger().debug("Carried over " + std::to_string(microphonePrefill) + " microphone frames and " +
+                       std::to_string(systemPrefill) + " system audio frames into the restarted capture");
         startAudioMixing();  // the new mixer appends to the same open file
     } catch (...) {
         const auto error = std::current_exception();
@@ -398,6 +426,18 @@ void UnifiedAudioRecorder::handleConfigurationChange() {
     }
     logger().debug("Successfully restarted recording after configuration change");
     recordingEventStreamContinuation_.yield(RecordingEvent::progress(elapsed, liveOutput_->levels()));
+}
+
+void UnifiedAudioRecorder::discardCarriedIfRateChanged(int64_t prefilledFrames,
+                                                        const std::optional<CarriedOverAudio>& carried,
+                                                        double newSampleRateHertz,
+                                                        const std::shared_ptr<FloatRingBuffer>& ring) {
+    if (prefilledFrames == 0 || !carried || !ring || carried->sampleRateHertz() == newSampleRateHertz) return;
+    std::vector<std::vector<float>> scratch(static_cast<size_t>(ring->channels()),
+                                            std::vector<float>(static_cast<size_t>(prefilledFrames)));
+    std::vector<float*> destinations;
+    for (auto& channel : scratch) destinations.push_back(channel.data());
+    ring->read(destinations, prefilledFrames);
 }
 
 void UnifiedAudioRecorder::handleWriteFailure(const std::shared_ptr<AudioMixer>& failedMixer, ErrorPtr cause) {

@@ -38,6 +38,8 @@
 namespace velto {
 
 class AudioFile;
+class CarriedOverAudio;
+class FloatRingBuffer;
 class MicrophoneCapture;
 class SystemAudioTap;
 
@@ -98,6 +100,7 @@ private:
     void setupAudioComponents();
     void startAudioCapture();
     void startAudioMixing();
+    double microphoneSampleRate() const;
     void startForwarding(const std::shared_ptr<AudioMixer>& mixer);
     void joinForwarders();
     void startProgressTimer();
@@ -106,6 +109,8 @@ private:
     void resumeRecording();
     void finishRecording(RecorderState transitional, RecorderState final);
     void handleConfigurationChange();
+    void discardCarriedIfRateChanged(int64_t prefilledFrames, const std::optional<CarriedOverAudio>& carried,
+                                     double newSampleRateHertz, const std::shared_ptr<FloatRingBuffer>& ring);
     void handleWriteFailure(const std::shared_ptr<AudioMixer>& failedMixer, ErrorPtr cause);
     void stopComponents();
     void cleanup(std::exception_ptr endingError = nullptr);

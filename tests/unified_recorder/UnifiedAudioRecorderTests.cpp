@@ -298,8 +298,13 @@ TEST_F(UnifiedAudioRecorderTest, AConfigurationChangeRebuildsCaptureIntoTheSameF
                               "Successfully restarted recording after configuration change"));
     EXPECT_TRUE(logs.contains(LogLevel::info, "MicrophoneCapture", "Stopping microphone capture"));
 
-    feedMicrophone(0.6f, 24000 + kJitterFrames);
+    // The first mixer's unread jitter reserve went into the new ring: with it, exactly
+    // the fed frames can be mixed beyond the new reserve.
+    feedMicrophone(0.6f, 24000);
     const int64_t secondFrames = mixFor(*recorder, 0.5);
+    EXPECT_EQ(secondFrames, 24000);
+    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
+                              "Carried over 512 microphone frames and 0 system audio frames into the restarted capture"));
     recorder->stop();
     auto drained = drainUntilEnd(events);
     EXPECT_EQ(drained.events.back().kind, Kind::finished);
