@@ -187,19 +187,6 @@ double toneAmplitude(const std::vector<float>& samples, std::size_t begin, std::
     return 2.0 * std::sqrt(std::max(power, 0.0)) / static_cast<double>(end - begin);
 }
 
-// Peak per 100 ms, printed when a level check fails, to show where the tone was missing.
-std::string peaksPerTenthSecond(const std::vector<float>& samples) {
-    std::string text;
-    for (std::size_t start = 0; start < samples.size(); start += 1600) {
-        float peak = 0;
-        for (std::size_t i = start; i < std::min(samples.size(), start + 1600); ++i) peak = std::max(peak, std::fabs(samples[i]));
-        char value[16];
-        std::snprintf(value, sizeof value, "%.2f ", peak);
-        text += value;
-    }
-    return text;
-}
-
 double seconds(SteadyClock::duration d) { return std::chrono::duration<double>(d).count(); }
 
 class RecordingSandboxTest : public ::testing::Test {
@@ -267,7 +254,7 @@ TEST_F(RecordingSandboxTest, EverySourceCaseInBothFormatsRecordsTheTonesAtTheirG
             const double system = toneAmplitude(recorded.samples, begin, end, kSystemToneHertz);
             std::printf("[ measure  ] %s %s: microphone tone %.4f (want %.4f), system tone %.4f (want %.4f)\n", c.name,
                         fileExtension(format).c_str(), mic, c.microphoneAmplitude, system, c.systemAmplitude);
-            EXPECT_NEAR(mic, c.microphoneAmplitude, 0.1 * kToneAmplitude) << peaksPerTenthSecond(recorded.samples);
+            EXPECT_NEAR(mic, c.microphoneAmplitude, 0.1 * kToneAmplitude);
             EXPECT_NEAR(system, c.systemAmplitude, 0.1 * kToneAmplitude);
             EXPECT_TRUE(microphone.played());
             EXPECT_TRUE(speakers.played());
@@ -309,8 +296,7 @@ TEST_F(RecordingSandboxTest, PausingTheMultiSourceRecorderOnlySilencesItsProgres
     const double fileSeconds = static_cast<double>(recorded.samples.size()) / 16000.0;
     EXPECT_NEAR(fileSeconds, wallSeconds - events.startUpSeconds(), 0.3);
     ASSERT_GT(recorded.samples.size(), 32000u);
-    EXPECT_NEAR(toneAmplitude(recorded.samples, 19200, 28800, kMicrophoneToneHertz), 0.25, 0.05)
-        << peaksPerTenthSecond(recorded.samples);
+    EXPECT_NEAR(toneAmplitude(recorded.samples, 19200, 28800, kMicrophoneToneHertz), 0.25, 0.05);
 }
 
 TEST_F(RecordingSandboxTest, PausingTheMicrophoneRecorderLeavesThePauseOutOfTheFile) {
@@ -347,8 +333,7 @@ TEST_F(RecordingSandboxTest, PausingTheMicrophoneRecorderLeavesThePauseOutOfTheF
     // The second half of the file is what followed the resume.
     EXPECT_NEAR(toneAmplitude(recorded.samples, recorded.samples.size() - 14400, recorded.samples.size() - 1600,
                               kMicrophoneToneHertz),
-                kToneAmplitude, 0.05)
-        << peaksPerTenthSecond(recorded.samples);
+                kToneAmplitude, 0.05);
     std::size_t leadingSilence = 0;
     while (leadingSilence < recorded.samples.size() && std::fabs(recorded.samples[leadingSilence]) < 0.01f) ++leadingSilence;
     std::printf("[ measure  ] microphone recorder: %.3f s of silence before the tone\n", leadingSilence / 16000.0);
@@ -453,11 +438,6 @@ TEST_F(RecordingSandboxTest, ADeviceLoadedMidRecordingRestartsCaptureWithoutAGap
     const double before = offset(step > 47 ? step - 45 : 2, step - 2);
     const double after = offset(step + 3, std::min(envelope.size() - 5, step + 45));
     const double lostMilliseconds = 1000.0 * (after - before) / fileSlope;
-    if (std::getenv("VELTO_PRINT_ENVELOPE")) {
-        for (std::size_t i = step > 30 ? step - 30 : 0; i < std::min(envelope.size(), step + 30); ++i) {
-            std::printf("%.3f %.5f %.5f\n", times[i], envelope[i], envelope[i] - fileSlope * times[i]);
-        }
-    }
     std::printf("[ measure  ] restart at %.3f s of the file: %.1f ms of audio lost\n", times[step], lostMilliseconds);
     EXPECT_LT(lostMilliseconds, 150.0);
 }

@@ -54,9 +54,19 @@ public:
 TEST_F(AudioRecorderTest, RecordsEveryDeliveredFrameAtSixteenKilohertzAndFinishesWithTheCorrectedLocation) {
     useMicrophoneFormat(16000.0);
     auto recorder = makeRecorder(directory.path() / "take.m4a", AudioFormat::wav);
+    auto audio = recorder->audioStream();
+    recorder->state();  // the audio stream's producer end is in place
     ASSERT_EQ(recorder->state(), State::recording);
     deliverRamp(*recorder, 16000.0, 5);
     recorder->stop();
+
+    int64_t streamedFrames = 0;
+    while (audio.waitFor(std::chrono::seconds(5))) {
+        auto block = audio.next();
+        if (!block) break;
+        streamedFrames += (*block)->frameLength();
+    }
+    EXPECT_EQ(streamedFrames, 5 * 1024);  // the live stream carries what was written, then ends
 
     auto drained = drainUntilEnd(events);
     ASSERT_TRUE(drained.ended);
@@ -181,26 +191,6 @@ TEST_F(AudioRecorderTest, ReaderWalkingAwayStopsTheEngineAndRemovesTheFile) {
     EXPECT_FALSE(logs.contains(LogLevel::info, "AudioRecorder", "Stopping recording"));
 }
 
-TEST_F(AudioRecorderTest, LiveAudioStreamCarriesTheWrittenBlocksAndEndsAtStop) {
-    useMicrophoneFormat(16000.0);
-    auto recorder = AudioRecorder::create(directory.path() / "take.wav", AudioFormat::wav, std::nullopt,
-                                          fakes.services(), clock);
-    auto audio = recorder->audioStream();
-    events = recorder->events();
-    recorder->state();
-    deliverRamp(*recorder, 16000.0, 4);
-    recorder->stop();
-
-    int64_t frames = 0;
-    while (audio.waitFor(std::chrono::seconds(5))) {
-        auto block = audio.next();
-        if (!block) break;
-        frames += (*block)->frameLength();
-    }
-    EXPECT_TRUE(audio.isTerminated());
-    EXPECT_EQ(frames, 4 * 1024);
-}
-
 TEST_F(AudioRecorderTest, StartFailuresEndTheStreamWithTheirOwnError) {
     struct Case {
         std::string name;
@@ -229,6 +219,10 @@ TEST_F(AudioRecorderTest, StartFailuresEndTheStreamWithTheirOwnError) {
          },
          MicrophoneDevice{"BuiltInMicrophoneDevice", "Built-in", true}, "Unknown recording error occurred",
          "Failed to set input device on AudioUnit: OSStatus = -10851"},
+        // Last: it takes the output directory away.
+        {"output directory missing",
+         [](AudioRecorderTest& t) { std::filesystem::remove_all(t.directory.path()); },
+         std::nullopt, "", "Failed to start recording: "},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -240,18 +234,12 @@ TEST_F(AudioRecorderTest, StartFailuresEndTheStreamWithTheirOwnError) {
         ASSERT_TRUE(drained.ended);
         EXPECT_THAT(drained.kinds(), ElementsAre(Kind::starting));
         ASSERT_NE(drained.error, nullptr);
-        EXPECT_EQ(describeError(drained.error), c.expectedDescription);
-        EXPECT_TRUE(logs.contains(LogLevel::critical, "AudioRecorder", c.expectedCriticalLog));
+        if (!c.expectedDescription.empty()) {
+            EXPECT_EQ(describeError(drained.error), c.expectedDescription);
+        }
+        EXPECT_TRUE(logs.containsPrefix("AudioRecorder", c.expectedCriticalLog));
         EXPECT_EQ(recorder->state(), State::idle);
     }
-}
-
-TEST_F(AudioRecorderTest, AFileThatCannotBeOpenedFailsTheStart) {
-    auto recorder = makeRecorder(directory.path() / "no-such-directory" / "take.wav", AudioFormat::wav);
-    auto drained = drainUntilEnd(events);
-    ASSERT_NE(drained.error, nullptr);
-    EXPECT_THAT(drained.kinds(), ElementsAre(Kind::starting));
-    EXPECT_TRUE(logs.containsPrefix("AudioRecorder", "Failed to start recording: "));
 }
 
 TEST_F(AudioRecorderTest, SelectsThePreferredMicrophoneBeforeStarting) {
@@ -345,16 +333,6 @@ TEST(AudioRecorderLevels, MeasuresTheFirstChannelInDecibels) {
     const float interleaved[] = {0.5f, 1.0f, -0.5f, 1.0f, 0.5f, 1.0f, -0.5f, 1.0f};
     std::copy(std::begin(interleaved), std::end(interleaved), stereo->floatChannelData()[0]);
     EXPECT_NEAR(AudioRecorder::calculateLevels(*stereo).peak, -6.02f, 0.01f);
-}
-
-TEST(AudioEngineRecorderErrorTexts, AreFixed) {
-    EXPECT_EQ(AudioEngineRecorderError::alreadyInProgress().errorDescription(), "Recording already in progress");
-    EXPECT_EQ(AudioEngineRecorderError::failedToCreateConverter().errorDescription(),
-              "Failed to create audio format converter");
-    EXPECT_EQ(AudioEngineRecorderError::unknownError().errorDescription(), "Unknown recording error occurred");
-    EXPECT_EQ(AudioEngineRecorderError::unknownError().caseDescription(), "unknownError");
-    EXPECT_TRUE(AudioEngineRecorderError::emptyFile() == AudioEngineRecorderError::emptyFile());
-    EXPECT_FALSE(AudioEngineRecorderError::emptyFile() == AudioEngineRecorderError::fileNotFound());
 }
 
 }  // namespace
