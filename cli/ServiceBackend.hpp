@@ -15,6 +15,7 @@ public:
 
     EventStream<RecordingEvent> startRecording(const RecordingConfiguration& configuration,
                                                const std::optional<std::filesystem::path>& outputFile) override;
+    void discardAudioBuffers() override;
     void stopRecording() override;
     void cancelRecording() override;
     std::vector<MicrophoneDevice> availableMicrophones() override;
