@@ -67,18 +67,18 @@ void PulseCaptureStream::connect() {
     }
     if (const int error = connection_->ensureConnected(); error != PA_OK) fail(error, "Cannot reach the sound server");
 
-    pa_sample_spec spec{};
-    spec.format = PA_SAMPLE_FLOAT32NE;
-    spec.rate = static_cast<std::uint32_t>(options_.sampleRateHertz);
-    spec.channels = static_cast<std::uint8_t>(options_.channels);
+    pa_sample_spec sampleSpec{};
+    sampleSpec.format = PA_SAMPLE_FLOAT32NE;
+    sampleSpec.rate = static_cast<std::uint32_t>(options_.sampleRateHertz);
+    sampleSpec.channels = static_cast<std::uint8_t>(options_.channels);
     pa_channel_map map{};
-    pa_channel_map_init_extend(&map, spec.channels, PA_CHANNEL_MAP_DEFAULT);
+    pa_channel_map_init_extend(&map, sampleSpec.channels, PA_CHANNEL_MAP_DEFAULT);
 
     {
         PulseConnection::MainloopLock lock(*connection_);
         pa_context* context = connection_->context(lock);
         if (context == nullptr) fail(PA_ERR_CONNECTIONTERMINATED, "Cannot reach the sound server");
-        stream_ = pa_stream_new(context, options_.streamName.c_str(), &spec, &map);
+        stream_ = pa_stream_new(context, options_.streamName.c_str(), &sampleSpec, &map);
         if (stream_ == nullptr) fail(pa_context_errno(context), "Cannot create the record stream");
         pa_stream_set_state_callback(stream_, stateCallback, this);
         pa_stream_set_read_callback(stream_, readCallback, this);
