@@ -19,32 +19,17 @@ LoggerCompat& logger() {
     return l;
 }
 
-// The tap and the capture log their own stops, under their own categories.
-LoggerCompat& tapLogger() {
-    static LoggerCompat l{kLogSubsystem, "SystemAudioTap"};
-    return l;
-}
-
-LoggerCompat& captureLogger() {
-    static LoggerCompat l{kLogSubsystem, "MicrophoneCapture"};
-    return l;
-}
-
 constexpr double kOutputSampleRateHertz = 16000.0;
 constexpr double kMicrophoneFallbackRateHertz = 48000.0;
 
-void stopSystemAudioTap(SystemAudioTap& tap) {
-    if (!tap.isCapturing()) return;
-    tapLogger().info("Stopping system audio tap");
-    tap.stop();
-    tapLogger().debug("System audio tap stopped");
+// A capturing source's stop() logs its own "Stopping ..." and "... stopped" lines under
+// its own category, and clears its capturing flag.
+void stopIfCapturing(SystemAudioTap& tap) {
+    if (tap.isCapturing()) tap.stop();
 }
 
-void stopMicrophoneCapture(MicrophoneCapture& capture) {
-    if (!capture.isCapturing()) return;
-    captureLogger().info("Stopping microphone capture");
-    capture.stop();
-    captureLogger().debug("Microphone capture stopped");
+void stopIfCapturing(MicrophoneCapture& capture) {
+    if (capture.isCapturing()) capture.stop();
 }
 
 }  // namespace
@@ -369,8 +354,8 @@ void UnifiedAudioRecorder::finishRecording(RecorderState transitional, RecorderS
 void UnifiedAudioRecorder::stopComponents() {
     if (audioMixer_) audioMixer_->stopMixing();
     joinForwarders();
-    if (systemAudioTap_) stopSystemAudioTap(*systemAudioTap_);
-    if (microphoneCapture_) stopMicrophoneCapture(*microphoneCapture_);
+    if (systemAudioTap_) stopIfCapturing(*systemAudioTap_);
+    if (microphoneCapture_) stopIfCapturing(*microphoneCapture_);
 }
 
 void UnifiedAudioRecorder::handleConfigurationChange() {

@@ -310,7 +310,7 @@ TEST_F(UnifiedAudioRecorderTest, AConfigurationChangeRebuildsCaptureIntoTheSameF
     EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", "Stopped audio components for restart"));
     EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
                               "Successfully restarted recording after configuration change"));
-    EXPECT_TRUE(logs.contains(LogLevel::info, "MicrophoneCapture", "Stopping microphone capture"));
+    EXPECT_EQ(logs.count("MicrophoneCapture", "Stopping microphone capture"), 1);
 
     // The first mixer's unread jitter reserve went into the new ring: with it, exactly
     // the fed frames can be mixed beyond the new reserve.
