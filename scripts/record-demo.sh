@@ -39,21 +39,25 @@ if timeout 5 pactl info >/dev/null 2>&1; then
     speakers=$(pactl get-default-sink)
     microphone_input=""
 else
-    bash scripts/sound-sandbox.sh start
+    # A sandbox that already runs (started by someone else) is used and left running.
+    if ! bash scripts/sound-sandbox.sh status >/dev/null 2>&1; then
+        bash scripts/sound-sandbox.sh start
+        started_sandbox=1
+    fi
     eval "$(bash scripts/sound-sandbox.sh env)"
-    started_sandbox=1
+    echo "using the sandbox sound server at $PULSE_SERVER"
     speakers=velto_speakers
     microphone_input=velto_mic_in
 fi
 
 echo "== playing a tone into the speakers ($speakers) and speech into the microphone"
 sox -q -n -r 48000 -c 2 "$work/tone.wav" synth 7 sine 440 sine 660 vol 0.25
-paplay --device="$speakers" "$work/tone.wav" &
+paplay --device="$speakers" "$work/tone.wav" 2>/dev/null &
 players+=($!)
 if [[ -n $microphone_input ]]; then
     espeak-ng -w "$work/speech.wav" \
         "This is the Velto Audio demo. The microphone hears this voice, the speakers play a tone." 2>/dev/null
-    (for _ in 1 2 3; do paplay --device="$microphone_input" "$work/speech.wav"; done) &
+    (for _ in 1 2 3; do paplay --device="$microphone_input" "$work/speech.wav" 2>/dev/null; done) &
     players+=($!)
 fi
 sleep 0.5
