@@ -143,18 +143,17 @@ TEST_F(UnifiedAudioRecorderTest, MicrophoneOnlyRecordingMixesAtHalfGainIntoASixt
     EXPECT_FALSE(microphoneEngine()->isRunning());
 }
 
-TEST_F(UnifiedAudioRecorderTest, EachSourceCaseBuildsItsComponentsAndGains) {
+TEST_F(UnifiedAudioRecorderTest, EachSourceCaseMixesItsSourcesAtItsGains) {
     struct Case {
         AudioSources sources;
-        float systemGain;
-        float microphoneGain;
+        float mixedValue;  // microphone 0.5 and system (0.4, 0.2) folded to 0.3, times the gains
         std::string mixerLog;
         std::string mixingLog;
     };
     const std::vector<Case> cases = {
-        {AudioSources::systemAudioOnly(), 0.5f, 0.0f, "Configured mixer for system audio only - system: 0.5, mic: 0.0",
+        {AudioSources::systemAudioOnly(), 0.3f * 0.5f, "Configured mixer for system audio only - system: 0.5, mic: 0.0",
          "Starting system audio only mixing: 48000.0Hz, 2ch -> output (16000.0Hz, 1ch)"},
-        {AudioSources::both(), 0.3f, 0.3f, "Configured mixer for dual-source - system: 0.3, mic: 0.3",
+        {AudioSources::both(), 0.5f * 0.3f + 0.3f * 0.3f, "Configured mixer for dual-source - system: 0.3, mic: 0.3",
          "Starting dual-source mixing: system (48000.0Hz, 2ch) + microphone (48000.0Hz) -> output (16000.0Hz, 1ch)"},
     };
     for (const auto& c : cases) {
@@ -162,29 +161,20 @@ TEST_F(UnifiedAudioRecorderTest, EachSourceCaseBuildsItsComponentsAndGains) {
         logs.clear();
         auto recorder = start(c.sources);
         ASSERT_EQ(recorder->state(), State::recording);
-        auto mixer = recorder->mixer();
-        EXPECT_FLOAT_EQ(mixer->systemGain(), c.systemGain);
-        EXPECT_FLOAT_EQ(mixer->microphoneGain(), c.microphoneGain);
-        EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", c.mixerLog));
-        EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", c.mixingLog));
         EXPECT_TRUE(fakes.audioHardware->hasIOBlock());
+        if (c.sources.includeMicrophone()) feedMicrophone(0.5f, 24000 + kJitterFrames);
+        feedSystem(0.4f, 0.2f, 24000 + kJitterFrames);
+        EXPECT_EQ(mixFor(*recorder, 0.5), 24000);
         recorder->stop();
         EXPECT_FALSE(fakes.audioHardware->hasIOBlock());
         drainUntilEnd(events);
-    }
-}
 
-TEST_F(UnifiedAudioRecorderTest, BothSourcesAreMixedWithTheirGains) {
-    auto recorder = start(AudioSources::both());
-    feedMicrophone(0.5f, 24000 + kJitterFrames);
-    feedSystem(0.4f, 0.2f, 24000 + kJitterFrames);  // folds to 0.3
-    EXPECT_EQ(mixFor(*recorder, 0.5), 24000);
-    recorder->stop();
-    drainUntilEnd(events);
-    const auto recorded = readRecording(file());
-    ASSERT_GT(recorded.samples.size(), 4000u);
-    // 0.5 × 0.3 + 0.3 × 0.3
-    EXPECT_NEAR(recorded.samples[recorded.samples.size() / 2], 0.24f, 0.01f);
+        EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", c.mixerLog));
+        EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", c.mixingLog));
+        const auto recorded = readRecording(file());
+        ASSERT_GT(recorded.samples.size(), 4000u);
+        EXPECT_NEAR(recorded.samples[recorded.samples.size() / 2], c.mixedValue, 0.01f);
+    }
 }
 
 TEST_F(UnifiedAudioRecorderTest, ProgressIsDrivenByTheClockAndPauseOnlySilencesIt) {
