@@ -8,6 +8,7 @@
 #include "logging/NumberFormat.hpp"
 #include "microphone_recorder/AudioEngineRecorderError.hpp"
 #include "microphone_recorder/PrivateRecordingFile.hpp"
+#include "microphone_recorder/TapInlet.hpp"
 #include "platform/InputDeviceSelection.hpp"
 #include "signal/AudioConverter.hpp"
 #include "signal/AudioFile.hpp"
@@ -35,20 +36,9 @@ std::string describeInputSettings(const PcmFormat& format) {
            ", AVLinearPCMIsNonInterleaved: " + (format.interleaved ? "0" : "1") + "]";
 }
 
-// The tap's buffer lives only during the call; the recorder queue needs its own copy.
-std::shared_ptr<PcmBuffer> copyOf(const PcmBuffer& buffer) {
-    auto copy = PcmBuffer::make(buffer.format(), buffer.frameLength());
-    if (!copy) return nullptr;
-    copy->setFrameLength(buffer.frameLength());
-    const auto source = buffer.floatChannelData();
-    const auto destination = copy->floatChannelData();
-    const std::size_t samplesPerPointer =
-        static_cast<std::size_t>(buffer.frameLength()) * (buffer.format().interleaved ? buffer.channelCount() : 1);
-    for (std::size_t i = 0; i < source.size() && i < destination.size(); ++i) {
-        std::memcpy(destination[i], source[i], samplesPerPointer * sizeof(float));
-    }
-    return copy;
-}
+// How often the recorder queue collects the tap's blocks, and how much may wait.
+constexpr double kDrainIntervalSeconds = 0.01;
+constexpr double kInletCapacitySeconds = 2.0;
 
 }  // namespace
 
@@ -101,6 +91,7 @@ AudioRecorder::AudioRecorder(const Private&, std::filesystem::path fileURL, Audi
 AudioRecorder::~AudioRecorder() {
     // Released without stop or cancel (the service drops its recorder): leave no tap
     // running into a recorder that no longer exists. The file keeps what was written.
+    if (drainTimer_) drainTimer_->cancel();
     if (tapInstalled_) audioEngine_->removeTap(kInputBus);
     if (audioEngine_->isRunning()) audioEngine_->stop();
     if (audioFile_) audioFile_->close();
@@ -147,7 +138,11 @@ void AudioRecorder::resume() {
 
 AudioRecorder::RecorderState AudioRecorder::state() const {
     RecorderState state = RecorderState::idle;
-    queue_->sync([&] { state = recorderState_; });
+    auto self = std::const_pointer_cast<AudioRecorder>(shared_from_this());
+    queue_->sync([&] {
+        self->drainTapInlet(/*everything=*/true);
+        state = recorderState_;
+    });
     return state;
 }
 
@@ -182,6 +177,36 @@ void AudioRecorder::startEngineRecording() {
     recorderState_ = RecorderState::recording;
     recordingStartSeconds_ = clock_->nowSeconds();
     continuation_.yield(RecordingEvent::started());
+    startDrainTimer();
+}
+
+void AudioRecorder::startDrainTimer() {
+    drainTimer_ = RepeatingTimer::create(queue_);
+    std::weak_ptr<AudioRecorder> weak = weak_from_this();
+    drainTimer_->setEventHandler([weak] {
+        if (auto self = weak.lock()) self->drainTapInlet(/*everything=*/false);
+    });
+    drainTimer_->schedule(queue_->clock()->nowSeconds() + kDrainIntervalSeconds, kDrainIntervalSeconds, 0.0);
+    drainTimer_->resume();
+}
+
+void AudioRecorder::stopDrainTimer() {
+    if (drainTimer_) drainTimer_->cancel();
+    drainTimer_.reset();
+}
+
+void AudioRecorder::drainTapInlet(bool everything) {
+    if (!tapInlet_) return;
+    // Blocks are handled in the state they arrived in: every state change drains first.
+    while (auto block = tapInlet_->take(everything ? 1 : kTapBufferSizeFrames, kTapBufferSizeFrames)) {
+        processAudioBuffer(block);
+    }
+    const int64_t dropped = tapInlet_->droppedFrames();
+    if (dropped != reportedDroppedFrames_) {
+        logger().error("Tap overrun: " + std::to_string(dropped - reportedDroppedFrames_) +
+                       " frames did not fit while the recorder queue was busy");
+        reportedDroppedFrames_ = dropped;
+    }
 }
 
 void AudioRecorder::setupRecording() {
@@ -197,10 +222,14 @@ void AudioRecorder::setupRecording() {
     fileURL_.replace_extension(fileExtension(format_));
     logger().info("Format-corrected URL: " + fileURL_.string());
 
+    const auto inletCapacityFrames = std::max<int64_t>(16 * kTapBufferSizeFrames,
+                                                       static_cast<int64_t>(inputFormat.sampleRate * kInletCapacitySeconds));
+    tapInlet_ = std::make_shared<TapInlet>(inputFormat, inletCapacityFrames);
+
     if (inputFormat.sampleRate != kFileSampleRateHertz) {
         const auto processingFormat = PcmFormat::standard(kFileSampleRateHertz, inputFormat.channelCount);
         if (!processingFormat) throw AudioEngineRecorderError::failedToCreateConverter();
-        audioConverter_ = AudioConverter::create(inputFormat, *processingFormat);
+        audioConverter_ = AudioConverter::create(tapInlet_->blockFormat(), *processingFormat);
         logger().info("Sample rate conversion enabled: " + formatDouble(inputFormat.sampleRate) +
                       " Hz -> 16000.0 Hz");
     }
@@ -213,17 +242,10 @@ void AudioRecorder::setupRecording() {
     logger().info("Processing format (for writing): " + audioFile_->processingFormat().description());
     logger().info("Input format (from microphone): " + inputFormat.description());
 
-    std::weak_ptr<AudioRecorder> weak = weak_from_this();
-    auto queue = queue_;
-    auto file = audioFile_;
+    // The tap thread only copies samples into the inlet; the recorder queue collects them.
+    auto inlet = tapInlet_;
     audioEngine_->installTap(kInputBus, kTapBufferSizeFrames, inputFormat,
-                             [weak, queue, file](const PcmBuffer& buffer) {
-                                 auto copy = copyOf(buffer);
-                                 if (!copy) return;
-                                 queue->async([weak, file, copy] {
-                                     if (auto self = weak.lock()) self->processAudioBuffer(copy, file);
-                                 });
-                             });
+                             [inlet](const PcmBuffer& buffer) { inlet->push(buffer); });
     tapInstalled_ = true;
 }
 
@@ -233,9 +255,8 @@ void AudioRecorder::configureInputDevice(const MicrophoneDevice& device) {
     if (!selected) throw AudioEngineRecorderError::unknownError();
 }
 
-void AudioRecorder::processAudioBuffer(const std::shared_ptr<PcmBuffer>& buffer,
-                                       const std::shared_ptr<AudioFile>& file) {
-    if (recorderState_ != RecorderState::recording) return;  // paused, stopping or over: dropped
+void AudioRecorder::processAudioBuffer(const std::shared_ptr<PcmBuffer>& buffer) {
+    if (recorderState_ != RecorderState::recording || !audioFile_) return;  // paused, stopping or over: dropped
 
     std::shared_ptr<PcmBuffer> output = buffer;
     if (audioConverter_) {
@@ -251,7 +272,7 @@ void AudioRecorder::processAudioBuffer(const std::shared_ptr<PcmBuffer>& buffer,
     }
 
     try {
-        file->write(*output);
+        audioFile_->write(*output);
     } catch (...) {
         const auto error = std::current_exception();
         logger().critical("Failed to write audio buffer: " + describeError(error));
@@ -269,6 +290,7 @@ void AudioRecorder::processAudioBuffer(const std::shared_ptr<PcmBuffer>& buffer,
 void AudioRecorder::endAfterWriteFailure(std::exception_ptr writeError) {
     logger().critical("Recording ended: the output file can no longer be written");
     recorderState_ = RecorderState::stopping;
+    stopDrainTimer();
     if (tapInstalled_) {
         audioEngine_->removeTap(kInputBus);
         tapInstalled_ = false;
@@ -305,6 +327,7 @@ AudioLevels AudioRecorder::calculateLevels(const PcmBuffer& buffer) {
 }
 
 void AudioRecorder::pauseRecording() {
+    drainTapInlet(/*everything=*/true);
     if (recorderState_ != RecorderState::recording) return;
     recorderState_ = RecorderState::paused;
     const double elapsed = elapsedSeconds();
@@ -313,6 +336,7 @@ void AudioRecorder::pauseRecording() {
 }
 
 void AudioRecorder::resumeRecording() {
+    drainTapInlet(/*everything=*/true);
     if (recorderState_ != RecorderState::paused) return;
     recorderState_ = RecorderState::recording;
     const double elapsed = elapsedSeconds();
@@ -321,9 +345,11 @@ void AudioRecorder::resumeRecording() {
 }
 
 void AudioRecorder::stopRecording() {
+    drainTapInlet(/*everything=*/true);
     if (recorderState_ != RecorderState::recording && recorderState_ != RecorderState::paused) return;
     logger().info("Stopping recording");
     recorderState_ = RecorderState::stopping;
+    stopDrainTimer();
 
     audioEngine_->removeTap(kInputBus);
     tapInstalled_ = false;
@@ -353,9 +379,11 @@ void AudioRecorder::stopRecording() {
 }
 
 void AudioRecorder::cancelRecording() {
+    drainTapInlet(/*everything=*/true);
     if (recorderState_ != RecorderState::recording && recorderState_ != RecorderState::paused) return;
     logger().info("Cancelling recording");
     recorderState_ = RecorderState::cancelling;
+    stopDrainTimer();
 
     audioEngine_->removeTap(kInputBus);
     tapInstalled_ = false;
@@ -371,6 +399,7 @@ void AudioRecorder::cancelRecording() {
 }
 
 void AudioRecorder::handleCancellation() {
+    drainTapInlet(/*everything=*/true);
     logger().info("Recording cancelled");
     if (recorderState_ == RecorderState::finished) {
         logger().debug("handleCancellation() called but already finished, ignoring");
@@ -378,6 +407,7 @@ void AudioRecorder::handleCancellation() {
     }
     const RecorderState previous = recorderState_;
     recorderState_ = RecorderState::finished;
+    stopDrainTimer();
     if (previous == RecorderState::recording || previous == RecorderState::paused ||
         previous == RecorderState::stopping) {
         audioEngine_->stop();

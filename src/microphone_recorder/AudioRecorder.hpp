@@ -7,8 +7,9 @@
 // reader's cancellation) runs on the one recorder queue "io.veltoaudio.AudioRecorder",
 // shared by all recorders, so the fields below need no lock. The public operations may be
 // called from any thread except that queue's own work; stop(), pause(), resume() and
-// cancel() return once their work has run. The engine's tap thread only copies the block
-// and queues it.
+// cancel() return once their work has run. The engine's tap thread only copies samples
+// into a TapInlet allocated at set-up; the queue collects them every 10 ms (and before
+// every state change, so that a block is handled in the state it arrived in).
 
 #include <filesystem>
 #include <memory>
@@ -16,6 +17,7 @@
 #include <optional>
 
 #include "dispatch/Clock.hpp"
+#include "dispatch/RepeatingTimer.hpp"
 #include "dispatch/SerialQueue.hpp"
 #include "platform/PlatformServices.hpp"
 #include "service/AudioRecorderProtocol.hpp"
@@ -27,6 +29,7 @@ namespace velto {
 
 class AudioConverter;
 class AudioFile;
+class TapInlet;
 
 class AudioRecorder final : public AudioRecorderProtocol, public std::enable_shared_from_this<AudioRecorder> {
 public:
@@ -66,7 +69,10 @@ private:
     void startEngineRecording();
     void setupRecording();
     void configureInputDevice(const MicrophoneDevice& device);
-    void processAudioBuffer(const std::shared_ptr<PcmBuffer>& buffer, const std::shared_ptr<AudioFile>& file);
+    void processAudioBuffer(const std::shared_ptr<PcmBuffer>& buffer);
+    void startDrainTimer();
+    void stopDrainTimer();
+    void drainTapInlet(bool everything);
     void endAfterWriteFailure(std::exception_ptr writeError);
     void pauseRecording();
     void resumeRecording();
@@ -92,6 +98,9 @@ private:
     RecorderState recorderState_ = RecorderState::idle;
     AudioBufferStream::Continuation streamContinuation_;
     bool tapInstalled_ = false;
+    std::shared_ptr<TapInlet> tapInlet_;
+    std::shared_ptr<RepeatingTimer> drainTimer_;
+    int64_t reportedDroppedFrames_ = 0;
 
     // Fixed at creation.
     EventStream<RecordingEvent> stream_;

@@ -33,9 +33,9 @@ public:
         return recorder;
     }
     std::shared_ptr<platform::FakeAudioInputEngine> engine() { return fakes.audioEngineFactory->lastEngine(); }
-    void useMicrophoneFormat(double rateHertz, uint32_t channels = 1) {
+    void useMicrophoneFormat(double rateHertz, uint32_t channels = 1, bool interleaved = false) {
         platform::FakeAudioInputEngine::Script script;
-        script.inputFormat = PcmFormat{rateHertz, channels, false};
+        script.inputFormat = PcmFormat{rateHertz, channels, interleaved};
         fakes.audioEngineFactory = platform::FakeAudioEngineFactory::create(script);
     }
     void deliverRamp(AudioRecorder& recorder, double rateHertz, int blocks) {
@@ -89,6 +89,24 @@ TEST_F(AudioRecorderTest, RecordsEveryDeliveredFrameAtSixteenKilohertzAndFinishe
     EXPECT_EQ(velto::testing::permissionsOf(file), 0600u);
     EXPECT_EQ(engine()->hasTap(), false);
     EXPECT_EQ(engine()->tapBufferSizeFrames(), 1024u);
+}
+
+TEST_F(AudioRecorderTest, AnInterleavedStereoMicrophoneIsFoldedToTheMonoFileFrameForFrame) {
+    useMicrophoneFormat(16000.0, 2, true);
+    auto recorder = makeRecorder(directory.path() / "stereo.wav", AudioFormat::wav);
+    auto block = PcmBuffer::make(PcmFormat{16000.0, 2, true}, 3000);  // longer than the tap's size
+    block->setFrameLength(3000);
+    for (uint32_t f = 0; f < 3000; ++f) {
+        block->floatChannelData()[0][2 * f] = static_cast<float>(f % 100) / 100.0f;          // left: a ramp
+        block->floatChannelData()[0][2 * f + 1] = static_cast<float>(f % 100) / 100.0f + 0.2f;  // right: above it
+    }
+    engine()->deliver(*block);
+    recorder->stop();
+    const auto recorded = readRecording(directory.path() / "stereo.wav");
+    ASSERT_EQ(recorded.samples.size(), 3000u);
+    for (size_t f = 0; f < 3000; ++f) {
+        ASSERT_FLOAT_EQ(recorded.samples[f], static_cast<float>(f % 100) / 100.0f + 0.1f) << "frame " << f;
+    }
 }
 
 TEST_F(AudioRecorderTest, ConvertsA48KilohertzMicrophoneToSixteenKilohertzFlac) {
