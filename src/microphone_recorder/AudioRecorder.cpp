@@ -234,6 +234,7 @@ void AudioRecorder::setupRecording() {
                       " Hz -> 16000.0 Hz");
     }
 
+    createPrivateRecordingFile(fileURL_);
     audioFile_ = AudioFile::openForWriting(fileURL_, makeAudioSettings(format_), /*interleaved=*/false, clock_);
     if (!audioFile_) throw AudioEngineRecorderError::failedToCreateFile();
     makeRecordingFilePrivate(fileURL_, logger());

@@ -184,6 +184,7 @@ void UnifiedAudioRecorder::startRecording() {
 void UnifiedAudioRecorder::configureOutputFile() {
     const auto processingFormat = PcmFormat::make(kOutputSampleRateHertz, 1, /*interleaved=*/true);
     if (!processingFormat) throw RecordingError::recorderInitializationFailed();
+    createPrivateRecordingFile(fileURL_);
     audioFile_ = AudioFile::openForWriting(fileURL_, makeAudioSettings(configuration_.audioFormat),
                                            processingFormat->interleaved, clock_);
     makeRecordingFilePrivate(fileURL_, logger());
