@@ -39,6 +39,12 @@ void removeFileOfFailedStart(const std::optional<fs::path>& outputFile, bool exi
     fs::remove(*outputFile, ignored);
 }
 
+bool isEmptyFile(const fs::path& file) {
+    std::error_code error;
+    auto size = fs::file_size(file, error);
+    return !error && size == 0;
+}
+
 }  // namespace
 
 RecordCommand::RecordCommand(RecordOptions options, RecordingBackend& backend, Console& console,
@@ -206,6 +212,13 @@ int RecordCommand::report(const Outcome& outcome) {
         return 1;
     }
     if (outcome.finishedFile) {
+        if (isEmptyFile(*outcome.finishedFile)) {
+            // Stopped before the first block reached the file: what is left is not even a
+            // header, and no player would open it.
+            std::error_code ignored;
+            fs::remove(*outcome.finishedFile, ignored);
+            return fail("the recording was stopped before any audio reached the file, so no file was kept");
+        }
         if (!options_.json) console_.printResult(outcome.finishedFile->string());
         return 0;
     }

@@ -218,6 +218,18 @@ TEST_F(RecordCommandTest, RecordingWithoutAnyProgressIsAbandonedAsFailed) {
     EXPECT_THAT(linesOf(err_.str()), ElementsAre(StartsWith("velto: no audio arrived from the sound server")));
 }
 
+TEST_F(RecordCommandTest, FileLeftEmptyByAnEarlyStopIsRemoved) {
+    RecordOptions options;
+    options.outputPath = folder_ / "take.flac";
+    std::ofstream(*options.outputPath).close();  // what the writer leaves when no block arrived
+    options.overwrite = true;
+    interruptionsBeforeRun_ = 1;
+    EXPECT_EQ(run(options), 1);
+    EXPECT_FALSE(fs::exists(folder_ / "take.flac"));
+    EXPECT_THAT(out_.str(), IsEmpty());
+    EXPECT_THAT(linesOf(err_.str()), ElementsAre(StartsWith("velto: the recording was stopped before any audio")));
+}
+
 TEST_F(RecordCommandTest, StreamThatEndsWithoutItsFileIsAFailure) {
     backend_.endsWithoutFileEvent = true;
     interruptionsBeforeRun_ = 1;
