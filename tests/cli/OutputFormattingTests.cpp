@@ -53,13 +53,6 @@ TEST(EventJson, FileNamesInAnotherEncodingDoNotThrow) {
     EXPECT_TRUE(nlohmann::json::accept(line));
 }
 
-TEST(EventJson, DevicesAndErrors) {
-    std::vector<MicrophoneDevice> devices{{"mic-1", "USB \"Mic\"", false}};
-    EXPECT_EQ(jsonLine(devicesJson(devices)), R"([{"id":"mic-1","name":"USB \"Mic\"","isDefault":false}])");
-    EXPECT_EQ(jsonLine(errorJson("disk full", std::filesystem::path("/tmp/x.flac"))),
-              R"({"event":"error","message":"disk full","file":"/tmp/x.flac"})");
-}
-
 TEST(LevelMeter, ElapsedTimeNeverRunsAhead) {
     EXPECT_EQ(formatElapsed(0), "00:00:00.0");
     EXPECT_EQ(formatElapsed(59.99), "00:00:59.9");
@@ -68,14 +61,6 @@ TEST(LevelMeter, ElapsedTimeNeverRunsAhead) {
     EXPECT_EQ(formatElapsed(-3), "00:00:00.0");
     // 0.3 * 10 is 2.9999999999999996 in binary; it must still show as 0.3.
     EXPECT_EQ(formatElapsed(0.3), "00:00:00.3");
-}
-
-TEST(LevelMeter, BarSpansSixtyDecibels) {
-    EXPECT_EQ(barFill(-160, 30), 0u);
-    EXPECT_EQ(barFill(-60, 30), 0u);
-    EXPECT_EQ(barFill(-30, 30), 15u);
-    EXPECT_EQ(barFill(0, 30), 30u);
-    EXPECT_EQ(barFill(6, 30), 30u);
 }
 
 TEST(LevelMeter, LineShowsTimeLevelsPeakMarkAndClipping) {
