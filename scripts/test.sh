@@ -35,7 +35,7 @@ run_suite normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
 if ((with_tsan)); then
   # Halt on the first report so a race fails the run instead of scrolling by.
   TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 ${TSAN_OPTIONS:-}" \
-    run_suite tsan -DCMAKE_BUILD_TYPE=Debug -DVELTO_SANITIZE=thread -DVELTO_BUILD_CLI=OFF
+    run_suite tsan -DCMAKE_BUILD_TYPE=Debug -DVELTO_SANITIZE=thread
 fi
 if ((with_asan)); then
   ASAN_OPTIONS="detect_leaks=1 ${ASAN_OPTIONS:-}" UBSAN_OPTIONS="print_stacktrace=1 ${UBSAN_OPTIONS:-}" \
