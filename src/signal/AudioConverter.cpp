@@ -91,6 +91,11 @@ std::shared_ptr<PcmBuffer> AudioConverter::convert(const PcmBuffer& input) {
                 formatDouble(inputFormat_.sampleRate) + " Hz."));
     }
 
+    if (flushed_) {
+        failConversion(std::make_shared<PlatformError>(kConverterDomain, 2,
+                                                       "The converter was flushed and takes no more input."));
+    }
+
     // Capacity: what the stream is due in total minus what it already got.
     // For a first call this is floor(n × r_out ÷ r_in); carrying the total
     // keeps the fractions of every call instead of losing them.
@@ -121,6 +126,37 @@ std::shared_ptr<PcmBuffer> AudioConverter::convert(const PcmBuffer& input) {
                  remaining * workChannels_ * sizeof(float));
     pendingFrames_ = remaining;
     outputFramesDelivered_ += deliverable;
+    return output;
+}
+
+std::shared_ptr<PcmBuffer> AudioConverter::flush() {
+    const int64_t due = resampler_ ? scaleFramesDown(inputFramesTotal_, outputFormat_.sampleRate,
+                                                     inputFormat_.sampleRate) - outputFramesDelivered_
+                                   : 0;
+    if (resampler_ && !flushed_) {
+        // Null input tells libsoxr the input has ended: it then runs its filter
+        // over the last input and hands everything out.
+        for (;;) {
+            reservePending(4096);
+            const size_t room = pending_.size() / workChannels_ - pendingFrames_;
+            size_t outputDone = 0;
+            const soxr_error_t error = soxr_process(resampler_, nullptr, 0, nullptr,
+                                                    pending_.data() + pendingFrames_ * workChannels_, room, &outputDone);
+            if (error) failConversion(std::make_shared<PlatformError>(kSoxrDomain, 1, error));
+            pendingFrames_ += outputDone;
+            // It hands the tail out a processing block at a time: done when a call gives nothing.
+            if (outputDone == 0) break;
+        }
+    }
+    flushed_ = true;
+    const int64_t frames = std::clamp<int64_t>(std::min<int64_t>(static_cast<int64_t>(pendingFrames_), due), 0,
+                                               std::numeric_limits<uint32_t>::max());
+    auto output = PcmBuffer::make(outputFormat_, static_cast<uint32_t>(std::max<int64_t>(frames, 1)));
+    if (!output) throw AudioConverterError::failedToCreateBuffer();
+    deliver(pending_.data(), static_cast<uint32_t>(frames), *output);
+    // Anything beyond what is due is the filter's ringing past the end of the input.
+    pendingFrames_ = 0;
+    outputFramesDelivered_ += frames;
     return output;
 }
 

@@ -40,6 +40,16 @@ public:
     // a failure the converter stays usable.
     std::shared_ptr<PcmBuffer> convert(const PcmBuffer& input);
 
+    // Ends the stream: returns, in outputFormat(), every frame the resampler
+    // still holds (its filter delay and the tail of its last block) and any
+    // output not yet handed out, up to what the stream is due in total. Without
+    // this, a stream that ends loses its last tens of milliseconds, which the
+    // resampler keeps until more input pushes them out — and at the end of a
+    // recording no more input comes. After flush() the converter takes no more
+    // input (convert() throws conversionFailed); a second flush() returns an
+    // empty buffer. Throws AudioConverterError like convert().
+    std::shared_ptr<PcmBuffer> flush();
+
     const PcmFormat& inputFormat() const { return inputFormat_; }
     const PcmFormat& outputFormat() const { return outputFormat_; }
 
@@ -76,6 +86,7 @@ private:
     size_t pendingFrames_ = 0;
     int64_t inputFramesTotal_ = 0;
     int64_t outputFramesDelivered_ = 0;
+    bool flushed_ = false;
     mutable std::optional<int64_t> maximumHeldBackFrames_;
 };
 

@@ -230,6 +230,7 @@ void AudioMixer::stopMixing() {
         mixingTimer_.reset();
     }
     auto release = [this] {
+        drainRemainingAudio();
         system_.ring.reset();
         microphone_.ring.reset();
         outputFile_.reset();
@@ -371,13 +372,85 @@ int64_t AudioMixer::framesToProcess(const std::shared_ptr<FloatRingBuffer>& syst
     return frames < kMinimumBlockFrames ? 0 : frames;
 }
 
-void AudioMixer::processSource(Source& source, const std::shared_ptr<FloatRingBuffer>& ring, int64_t frames) {
+// At the end of a recording, everything captured goes into the file: what
+// waits in the rings (the jitter reserve, and whatever the clock had not yet
+// asked for), what the sources' alignment and resamplers hold, and what the
+// output resampler holds. Ticks keep a reserve and let resamplers hold back
+// so that a running stream flows evenly; once the input ends, holding back
+// only loses the last tens of milliseconds of every recording and of every
+// restart. Runs where ticks run, after the last tick.
+void AudioMixer::drainRemainingAudio() {
+    const auto systemRing = system_.ring.lock();
+    const auto microphoneRing = microphone_.ring.lock();
+    if (!systemRing && !microphoneRing) return;
+    const auto mixingFramesIn = [this](const Source& source, const std::shared_ptr<FloatRingBuffer>& ring) -> int64_t {
+        if (!ring) return 0;
+        return scaleFramesDown(source.sourceFramesConsumed + ring->availableFrames(), mixingSampleRate_,
+                               source.sampleRate) -
+               source.mixingFramesAccounted;
+    };
+    // The rings, in blocks; a source that runs out first is padded with silence
+    // for the rest (it only ever differs by the capture blocks in flight).
+    for (;;) {
+        const int64_t frames = std::min(
+            bufferFrameCapacity_, std::max(mixingFramesIn(system_, systemRing), mixingFramesIn(microphone_, microphoneRing)));
+        if (frames < 1) break;
+        if (systemRing) processSource(system_, systemRing, frames, /*padShortfall=*/true);
+        if (microphoneRing) processSource(microphone_, microphoneRing, frames, /*padShortfall=*/true);
+        mixSources(frames, systemRing != nullptr, microphoneRing != nullptr);
+        writeOutput(frames);
+        totalFramesProcessed_ += frames;
+    }
+    // The sources' resampler tails join their alignment queues; then the queues
+    // empty out, the longest one deciding how many frames remain.
+    for (Source* source : {&system_, &microphone_}) {
+        if (!source->converter || source->ring.expired()) continue;
+        try {
+            const auto tail = source->converter->flush();
+            source->aligned.push(tail->floatChannelData()[0], tail->frameLength());
+        } catch (...) {
+            logger().critical(std::string(source->conversionFailureMessage) +
+                              caseDescriptionOf(std::current_exception()));
+        }
+    }
+    for (;;) {
+        int64_t frames = 0;
+        for (const Source* source : {&system_, &microphone_}) {
+            if (source->usesAlignment && !source->ring.expired()) frames = std::max(frames, source->aligned.availableFrames());
+        }
+        frames = std::min(frames, bufferFrameCapacity_);
+        if (frames < 1) break;
+        for (Source* source : {&system_, &microphone_}) {
+            const int64_t got = source->aligned.pop(source->blockBuffer.get(), frames);
+            vec::clear(source->blockBuffer.get() + got, frames - got);
+        }
+        mixSources(frames, systemRing != nullptr, microphoneRing != nullptr);
+        writeOutput(frames);
+        totalFramesProcessed_ += frames;
+    }
+    if (outputConverter_) {
+        std::shared_ptr<PcmBuffer> tail;
+        try {
+            tail = outputConverter_->flush();
+        } catch (...) {
+            logger().critical("Output audio conversion failed: " + caseDescriptionOf(std::current_exception()));
+            return;
+        }
+        if (tail->frameLength() > 0) deliverOutput(std::move(tail));
+    }
+}
+
+void AudioMixer::processSource(Source& source, const std::shared_ptr<FloatRingBuffer>& ring, int64_t frames,
+                               bool padShortfall) {
     const auto snapshot = ring->snapshot();
     const int64_t needFrames =
         scaleFramesDown(source.mixingFramesAccounted + frames, source.sampleRate, mixingSampleRate_) -
         source.sourceFramesConsumed;
     float* block = source.blockBuffer.get();
-    if (snapshot.framesAvailable < needFrames) {
+    // The work arrays are zeros beyond what a read writes, so a short read is
+    // padded with silence.
+    const int64_t readFrames = std::min<int64_t>(needFrames, snapshot.framesAvailable);
+    if (readFrames < needFrames && !padShortfall) {
         // The source sits this block out; its own timeline waits, so nothing
         // of it is skipped.
         addUnderrun();
@@ -388,11 +461,11 @@ void AudioMixer::processSource(Source& source, const std::shared_ptr<FloatRingBu
     float* temp = source.tempBuffer.get();
     if (snapshot.channels == 1) {
         const std::array<float*, 1> destinations{temp};
-        ring->read(destinations, needFrames);
+        ring->read(destinations, readFrames);
     } else {
         // More than two channels are refused by the ring (logged there): the block is silence.
         const std::array<float*, 2> destinations{source.leftBuffer.get(), source.rightBuffer.get()};
-        ring->read(destinations, needFrames);
+        ring->read(destinations, readFrames);
         vec::average(source.leftBuffer.get(), source.rightBuffer.get(), temp, needFrames);
         // The work arrays are all zeros between ticks; only this tick's part was written.
         vec::clear(source.leftBuffer.get(), needFrames);
@@ -508,7 +581,10 @@ void AudioMixer::writeOutput(int64_t frames) {
         // The resampler holds back its first milliseconds: nothing to hand on yet.
         if (block->frameLength() == 0) return;
     }
+    deliverOutput(std::move(block));
+}
 
+void AudioMixer::deliverOutput(std::shared_ptr<PcmBuffer> block) {
     try {
         outputFile_->write(*block);
     } catch (...) {

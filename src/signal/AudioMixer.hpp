@@ -40,6 +40,10 @@ enum class MixingTicks {
 // full (a short resampler call never inserts silence mid-stream). Sources are
 // delayed by the same amount so that they stay aligned with each other.
 //
+// Stopping loses nothing captured: stopMixing() mixes what is left in the
+// rings (the jitter reserve included), then the resamplers' tails, into the
+// file and the stream before it lets them go.
+//
 // Degradation policy: per-block problems (a source short of frames, a failed
 // conversion, a failed file write) are logged and become silence or a skipped
 // block; mixing goes on. A failed write is also reported once through the
@@ -136,12 +140,15 @@ private:
     int64_t framesToProcess(const std::shared_ptr<FloatRingBuffer>& systemRing,
                             const std::shared_ptr<FloatRingBuffer>& microphoneRing);
     int64_t framesWithinReserve(const Source& source, int64_t availableFrames) const;
-    void processSource(Source& source, const std::shared_ptr<FloatRingBuffer>& ring, int64_t frames);
+    void processSource(Source& source, const std::shared_ptr<FloatRingBuffer>& ring, int64_t frames,
+                       bool padShortfall = false);
+    void drainRemainingAudio();
     void convertSourceBlock(Source& source, int64_t needFrames, int64_t frames);
     void mixSources(int64_t frames, bool withSystem, bool withMicrophone);
     void clip(int64_t frames);
     void updateLevels(int64_t frames);
     void writeOutput(int64_t frames);
+    void deliverOutput(std::shared_ptr<PcmBuffer> block);  // to the file and the audio stream
     void addUnderrun();
     // Runs `work` where ticks run: on the mixing queue, or at once when the
     // caller drives the ticks.

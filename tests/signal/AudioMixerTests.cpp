@@ -204,23 +204,36 @@ TEST(AudioMixerTest, GainsApplyPerSourceAndStereoIsAveraged) {
     for (const float sample : mixed) ASSERT_FLOAT_EQ(sample, 0.15f);
     rig.mixer->stopMixing();
     file->close();
-    EXPECT_EQ(file->framesWritten(), 300);
+    // The stop writes out the jitter reserve too: every frame the ring held is in the file.
+    EXPECT_EQ(file->framesWritten(), 3072 + 300);
 }
 
-TEST(AudioMixerTest, StopEndsTheStreamOnceAndReleasesTheFile) {
-    DirectPath path;
+TEST(AudioMixerTest, StopWritesOutTheReserveThenEndsTheStreamOnceAndReleasesTheFile) {
+    DirectPath path(0.2f);  // 3072 frames of 0.2 wait as the reserve
     path.mix(0.1f, 100);
     CapturedLogs logs;
     path.rig.mixer->stopMixing();
     path.rig.mixer->stopMixing();
     EXPECT_FALSE(path.rig.mixer->isMixing());
     EXPECT_EQ(logs.messages(kCategory), (std::vector<std::string>{"Stopping audio mixing", "Audio mixing stopped"}));
-    EXPECT_TRUE(path.stream.waitFor(std::chrono::seconds(1)));
-    EXPECT_FALSE(path.stream.next().has_value());
+    // The reserve comes out in order, after what the tick mixed, and the stream then ends.
+    std::vector<float> tail;
+    while (path.stream.waitFor(std::chrono::seconds(1))) {
+        const auto block = path.stream.next();
+        if (!block) break;
+        const float* samples = (*block)->floatChannelData()[0];
+        tail.insert(tail.end(), samples, samples + (*block)->frameLength());
+    }
+    // The tick took the oldest 100 frames; the rest of the 0.2 block and then the 0.1 block follow.
+    ASSERT_EQ(tail.size(), 3072u);
+    EXPECT_FLOAT_EQ(tail[0], 0.2f);
+    EXPECT_FLOAT_EQ(tail[2971], 0.2f);
+    EXPECT_FLOAT_EQ(tail[2972], 0.1f);
+    EXPECT_FLOAT_EQ(tail.back(), 0.1f);
     EXPECT_EQ(path.file.use_count(), 1);  // the mixer let go of it
     // Ticks after the stop do nothing.
     path.rig.step(5);
-    EXPECT_EQ(path.rig.mixer->totalFramesProcessed(), 100);
+    EXPECT_EQ(path.rig.mixer->totalFramesProcessed(), 3072 + 100);
 }
 
 TEST(AudioMixerTest, FailedWriteIsLoggedEveryTimeAndReportedOnce) {
@@ -271,7 +284,8 @@ TEST(AudioMixerTest, WaitingForTheJitterReserveIsLoggedWhenSampled) {
     rig.step();
     EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Waiting for jitter buffer: system=5000/3072, mic=100/3072"));
     EXPECT_EQ(rig.mixer->totalFramesProcessed(), 0);
-    rig.mixer->stopMixing();
+    rig.mixer->stopMixing();  // takes what the rings held
+    writeConstant(*microphoneRing, 0.0f, 100);
     rig.mixer->startMixing(nullptr, microphoneRing, 48000, 1, nullptr, fileFormat16k());
     rig.step();
     EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Waiting for single-source jitter buffer: 100/3072"));

@@ -46,9 +46,10 @@ TEST(AudioMixerTimerTest, TheTimerTicksOnTheMixingQueueAsTheClockMoves) {
     EXPECT_EQ(mixer->totalFramesProcessed(), 30 * 800);
     EXPECT_NEAR(mixer->currentLevels().average, 20 * std::log10(0.25f), 1e-3);
     mixer->stopMixing();
+    EXPECT_EQ(mixer->totalFramesProcessed(), 48000);  // the stop mixed what the ring still held
     clock->advance(1.0);
     std::this_thread::sleep_for(20ms);
-    EXPECT_EQ(mixer->totalFramesProcessed(), 30 * 800);  // no tick after the stop
+    EXPECT_EQ(mixer->totalFramesProcessed(), 48000);  // no tick after the stop
 }
 
 // Real time, real threads: two producers write paced blocks while the timer

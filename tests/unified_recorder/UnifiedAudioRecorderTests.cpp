@@ -21,8 +21,6 @@ using velto::testing::readRecording;
 using velto::testing::takeAvailable;
 
 constexpr int64_t kJitterFrames = 512;
-// What a 48 kHz -> 16 kHz resampler may still hold when its mixer stops, in output frames.
-constexpr size_t kResamplerHoldBackFrames = 1000;
 
 class UnifiedAudioRecorderTest : public ::testing::Test {
 public:
@@ -127,9 +125,9 @@ TEST_F(UnifiedAudioRecorderTest, MicrophoneOnlyRecordingMixesAtHalfGainIntoASixt
     ASSERT_TRUE(recorded.opened);
     EXPECT_EQ(recorded.sampleRate, 16000.0);
     EXPECT_EQ(recorded.channels, 1);
-    // One second of mixing, less what the output resampler still holds at the stop.
-    EXPECT_LE(recorded.samples.size(), 16000u);
-    EXPECT_GE(recorded.samples.size(), 16000u - kResamplerHoldBackFrames);
+    // Everything the microphone delivered, the reserve the mixer kept and what the
+    // output resampler held included: the stop writes it all out.
+    EXPECT_EQ(recorded.samples.size(), static_cast<size_t>((48000 + kJitterFrames) / 3));
     EXPECT_EQ(streamedFrames, recorded.samples.size());
     // A constant 0.8 at gain 0.5 is written as 0.4 once the resampler has settled.
     EXPECT_NEAR(recorded.samples[recorded.samples.size() / 2], 0.4f, 0.01f);
@@ -302,23 +300,23 @@ TEST_F(UnifiedAudioRecorderTest, AConfigurationChangeRebuildsCaptureIntoTheSameF
                               "Successfully restarted recording after configuration change"));
     EXPECT_EQ(logs.count("MicrophoneCapture", "Stopping microphone capture"), 1);
 
-    // The first mixer's unread jitter reserve went into the new ring: with it, exactly
-    // the fed frames can be mixed beyond the new reserve.
+    // The first mixer wrote out its jitter reserve when it stopped, so nothing was
+    // left to carry over and the new mixer keeps a reserve of its own.
     feedMicrophone(0.6f, 24000);
     const int64_t secondFrames = mixFor(*recorder, 0.5);
-    EXPECT_EQ(secondFrames, 24000);
+    EXPECT_EQ(secondFrames, 24000 - kJitterFrames);
     EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
-                              "Carried over 512 microphone frames and 0 system audio frames into the restarted capture"));
+                              "Carried over 0 microphone frames and 0 system audio frames into the restarted capture"));
     recorder->stop();
     auto drained = drainUntilEnd(events);
     EXPECT_EQ(drained.events.back().kind, Kind::finished);
     EXPECT_EQ(drained.error, nullptr);
 
-    // Both mixers' blocks are in the one file, one after the other.
+    // Both mixers' audio is in the one file, one after the other, every frame fed:
+    // each mixer wrote out its reserve and its resampler's tail when it stopped.
     const auto recorded = readRecording(file());
-    const auto expected = static_cast<size_t>((firstFrames + secondFrames) / 3);
-    EXPECT_LE(recorded.samples.size(), expected);
-    EXPECT_GE(recorded.samples.size(), expected - 2 * kResamplerHoldBackFrames);
+    EXPECT_EQ(firstFrames, 24000);
+    EXPECT_EQ(recorded.samples.size(), static_cast<size_t>((24000 + kJitterFrames) / 3 + 24000 / 3));
 }
 
 TEST_F(UnifiedAudioRecorderTest, AConfigurationChangeWhilePausedIsIgnored) {
