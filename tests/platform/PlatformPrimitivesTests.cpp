@@ -166,6 +166,7 @@ using pulse::SilencePacer;
 TEST(SilencePacerTest, BacklogOfALateSourceThatSilenceAlreadyCoveredIsDropped) {
     SilencePacer pacer(48000.0, 480, 0.06);
     pacer.start(0.0);
+    pacer.noteRealBlock(0.0);
     EXPECT_EQ(pacer.backlogToDrop(9600, 960), 0u);  // never idle: nothing to drop
     EXPECT_EQ(pacer.takeSilenceBlocksDue(0.1), 10u);  // 4800 frames of silence delivered
     // A late source returns with 6000 frames at once: all but the tolerance is backlog,
@@ -174,6 +175,26 @@ TEST(SilencePacerTest, BacklogOfALateSourceThatSilenceAlreadyCoveredIsDropped) {
     EXPECT_EQ(pacer.backlogToDrop(2000, 960), 1040u);
     // A source that resumes just now sends only a little: none of it is dropped.
     EXPECT_EQ(pacer.backlogToDrop(480, 960), 0u);
+}
+
+// A source slow to start gets the longer grace before any silence, and its first
+// delivery is the start of the recording: none of it is dropped, however late.
+TEST(SilencePacerTest, ASourceSlowToStartIsWaitedForAndItsFirstDeliveryKeptWhole) {
+    SilencePacer pacer(48000.0, 480, 0.06, 0.5);
+    pacer.start(10.0);
+    EXPECT_EQ(pacer.takeSilenceBlocksDue(10.3), 0u);  // past the idle wait, within the grace
+    EXPECT_FALSE(pacer.isIdle());
+    EXPECT_EQ(pacer.takeSilenceBlocksDue(10.5001), 50u);  // then the whole gap since the start
+    EXPECT_TRUE(pacer.isIdle());
+    EXPECT_EQ(pacer.backlogToDrop(48000, 960), 0u);  // the late first delivery stays whole
+    pacer.noteRealBlock(10.8);
+    // From the first real block on, the short idle wait applies again.
+    EXPECT_EQ(pacer.takeSilenceBlocksDue(10.85), 0u);
+    EXPECT_EQ(pacer.takeSilenceBlocksDue(10.8601), 6u);
+    EXPECT_EQ(pacer.backlogToDrop(6000, 960), 2880u);
+    // A new start waits the grace again.
+    pacer.start(20.0);
+    EXPECT_EQ(pacer.takeSilenceBlocksDue(20.1), 0u);
 }
 
 TEST(InterleavedSampleRingTest, DiscardTakesTheOldestFramesOnly) {

@@ -18,6 +18,11 @@ constexpr auto kDeliveryPoll = std::chrono::milliseconds(5);
 // A source that has sent nothing for this long is taken as idle rather than late. Longer
 // than any scheduling hiccup of a loaded machine; the mixer only waits that much longer.
 constexpr double kIdleAfterSeconds = 0.2;
+// Before its first data a source gets longer: starting up can take a sound server a few
+// hundred milliseconds, and what it then sends is the start of the recording. Short
+// enough that a mixer waiting for an idle source holds well under a second of the other
+// one (its rings hold two seconds at 48 kHz).
+constexpr double kFirstAudioGraceSeconds = 0.5;
 
 // Lost frames are reported from the delivery thread, at most this often.
 constexpr double kDropReportIntervalSeconds = 1.0;
@@ -171,9 +176,15 @@ void PulseCaptureStream::readCallback(pa_stream* stream, std::size_t, void* user
     self->wake_.notify_one();
 }
 
+std::string PulseCaptureStream::sourceLabel() const {
+    return options_.sourceName.empty() ? std::string("the default source") : options_.sourceName;
+}
+
 void PulseCaptureStream::deliveryLoop() {
-    SilencePacer pacer(options_.sampleRateHertz, options_.blockFrames, kIdleAfterSeconds);
-    pacer.start(monotonicSeconds());
+    SilencePacer pacer(options_.sampleRateHertz, options_.blockFrames, kIdleAfterSeconds, kFirstAudioGraceSeconds);
+    const double openedSeconds = monotonicSeconds();
+    pacer.start(openedSeconds);
+    bool heardFirstAudio = false;
     std::uint64_t reportedDrops = 0;
     double lastDropReportSeconds = 0.0;
     while (!stopping_.load()) {
@@ -196,13 +207,17 @@ void PulseCaptureStream::deliveryLoop() {
         const double now = monotonicSeconds();
         if (const std::uint64_t drops = droppedFrames_.load(std::memory_order_relaxed);
             drops != reportedDrops && now - lastDropReportSeconds >= kDropReportIntervalSeconds) {
-            logger().error("Capture from " + (options_.sourceName.empty() ? std::string("the default source")
-                                                                           : options_.sourceName) +
-                           " lost " + std::to_string(drops - reportedDrops) + " frames");
+            logger().error("Capture from " + sourceLabel() + " lost " + std::to_string(drops - reportedDrops) + " frames");
             reportedDrops = drops;
             lastDropReportSeconds = now;
         }
         if (delivered) {
+            if (!heardFirstAudio) {
+                heardFirstAudio = true;
+                logger().debug("First audio from " + sourceLabel() + " after " +
+                               std::to_string(static_cast<int>((now - openedSeconds) * 1000.0)) + " ms, " +
+                               std::to_string(silenceBlocks_.load()) + " silence blocks before it");
+            }
             pacer.noteRealBlock(now);
             continue;
         }

@@ -10,6 +10,13 @@
 // of the backlog is dropped on resumption, so the stream keeps its length and timing:
 // we would rather lose a moment of late audio than let every later frame drift.
 //
+// The start is different. A source's first data can take a while (a sound server
+// wakes a suspended device, or renders its first period late), and what it then
+// delivers is the start of the recording: dropping it would cut real audio off every
+// recording. So before the first real block the pacer waits `firstAudioGraceSeconds`
+// (longer than the idle wait) before it fills, and never drops the backlog that
+// follows: a late first delivery comes out whole, after any silence already given.
+//
 // Times are seconds on a monotonic clock, passed in by the caller. Not thread-safe: used
 // by one delivery thread.
 
@@ -19,7 +26,8 @@ namespace velto::pulse {
 
 class SilencePacer {
 public:
-    SilencePacer(double sampleRateHertz, std::uint32_t blockFrames, double idleAfterSeconds);
+    SilencePacer(double sampleRateHertz, std::uint32_t blockFrames, double idleAfterSeconds,
+                 double firstAudioGraceSeconds = 0.0);
 
     void start(double nowSeconds);
     void noteRealBlock(double nowSeconds);
@@ -27,7 +35,7 @@ public:
     std::uint32_t takeSilenceBlocksDue(double nowSeconds);
     // When real frames appear after silence was delivered: how many of the `availableFrames`
     // waiting are backlog already covered by silence (beyond what a source that resumes
-    // just now would have sent: `toleranceFrames`).
+    // just now would have sent: `toleranceFrames`). Always 0 before the first real block.
     std::uint64_t backlogToDrop(std::uint64_t availableFrames, std::uint64_t toleranceFrames) const;
     bool isIdle() const { return idle_; }
 
@@ -35,6 +43,8 @@ private:
     double sampleRateHertz_;
     std::uint32_t blockFrames_;
     double idleAfterSeconds_;
+    double firstAudioGraceSeconds_;
+    bool heardRealAudio_ = false;
     double lastRealSeconds_ = 0.0;
     bool idle_ = false;
     std::uint64_t silenceFramesDelivered_ = 0;
