@@ -197,6 +197,27 @@ TEST(SilencePacerTest, ASourceSlowToStartIsWaitedForAndItsFirstDeliveryKeptWhole
     EXPECT_EQ(pacer.takeSilenceBlocksDue(20.1), 0u);
 }
 
+// A source that only began to capture 300 ms after the start, without a backlog, is
+// preceded by silence for the time its data does not cover: the stream still starts at
+// the start. A late delivery that covers the wait gets nothing ahead of it.
+TEST(SilencePacerTest, AFirstDeliveryThatLeavesTheStartUncoveredIsPrecededBySilence) {
+    SilencePacer pacer(48000.0, 480, 0.06, 0.5);
+    pacer.start(0.0);
+    EXPECT_EQ(pacer.takeSilenceBlocksDue(0.3), 0u);
+    // 14400 frames due, 960 arrived, 960 of tolerance: 12480 frames = 26 blocks.
+    EXPECT_EQ(pacer.takeSilenceBlocksBeforeFirstAudio(0.3, 960, 960), 26u);
+    EXPECT_EQ(pacer.takeSilenceBlocksBeforeFirstAudio(0.3, 960, 960), 0u);  // counted once
+    pacer.noteRealBlock(0.3);
+    EXPECT_EQ(pacer.takeSilenceBlocksBeforeFirstAudio(0.4, 0, 0), 0u);  // only before the first audio
+
+    pacer.start(10.0);
+    EXPECT_EQ(pacer.takeSilenceBlocksBeforeFirstAudio(10.3, 14400, 960), 0u);
+    // After the grace filled the whole wait, the late backlog adds nothing ahead of it either.
+    pacer.start(20.0);
+    EXPECT_EQ(pacer.takeSilenceBlocksDue(20.6), 60u);
+    EXPECT_EQ(pacer.takeSilenceBlocksBeforeFirstAudio(20.6, 960, 960), 0u);
+}
+
 TEST(InterleavedSampleRingTest, DiscardTakesTheOldestFramesOnly) {
     pulse::InterleavedSampleRing ring(1, 8);
     const float samples[] = {1, 2, 3, 4, 5};

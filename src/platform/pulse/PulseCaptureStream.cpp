@@ -194,9 +194,20 @@ void PulseCaptureStream::deliveryLoop() {
                 return stopping_.load() || ring_.availableFrames() >= options_.blockFrames;
             });
         }
-        if (pacer.isIdle() && ring_.availableFrames() >= options_.blockFrames) {
-            const std::uint64_t drop = pacer.backlogToDrop(ring_.availableFrames(), 2ull * options_.blockFrames);
-            if (drop > 0) droppedFrames_.fetch_add(ring_.discard(static_cast<std::uint32_t>(drop)));
+        if (ring_.availableFrames() >= options_.blockFrames) {
+            if (!heardFirstAudio) {
+                // A source that began capturing late: the stream still starts at open().
+                std::fill(block_.begin(), block_.end(), 0.0f);
+                for (std::uint32_t silent = pacer.takeSilenceBlocksBeforeFirstAudio(
+                         monotonicSeconds(), ring_.availableFrames(), 2ull * options_.blockFrames);
+                     silent > 0 && !stopping_.load(); --silent) {
+                    delivery_(block_.data(), options_.blockFrames);
+                    silenceBlocks_.fetch_add(1, std::memory_order_relaxed);
+                }
+            } else if (pacer.isIdle()) {
+                const std::uint64_t drop = pacer.backlogToDrop(ring_.availableFrames(), 2ull * options_.blockFrames);
+                if (drop > 0) droppedFrames_.fetch_add(ring_.discard(static_cast<std::uint32_t>(drop)));
+            }
         }
         bool delivered = false;
         while (!stopping_.load() && ring_.read(block_.data(), options_.blockFrames)) {

@@ -34,6 +34,17 @@ std::uint32_t SilencePacer::takeSilenceBlocksDue(double nowSeconds) {
     return blocks;
 }
 
+std::uint32_t SilencePacer::takeSilenceBlocksBeforeFirstAudio(double nowSeconds, std::uint64_t availableFrames,
+                                                              std::uint64_t toleranceFrames) {
+    if (heardRealAudio_ || nowSeconds <= lastRealSeconds_) return 0;
+    const auto dueFrames = static_cast<std::uint64_t>((nowSeconds - lastRealSeconds_) * sampleRateHertz_);
+    const std::uint64_t coveredFrames = silenceFramesDelivered_ + availableFrames + toleranceFrames;
+    if (dueFrames <= coveredFrames) return 0;
+    const auto blocks = static_cast<std::uint32_t>((dueFrames - coveredFrames) / blockFrames_);
+    silenceFramesDelivered_ += static_cast<std::uint64_t>(blocks) * blockFrames_;
+    return blocks;
+}
+
 std::uint64_t SilencePacer::backlogToDrop(std::uint64_t availableFrames, std::uint64_t toleranceFrames) const {
     if (!heardRealAudio_ || !idle_ || availableFrames <= toleranceFrames) return 0;
     const std::uint64_t backlog = availableFrames - toleranceFrames;

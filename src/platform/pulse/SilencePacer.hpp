@@ -16,6 +16,9 @@
 // recording. So before the first real block the pacer waits `firstAudioGraceSeconds`
 // (longer than the idle wait) before it fills, and never drops the backlog that
 // follows: a late first delivery comes out whole, after any silence already given.
+// When the first data comes without a backlog (the source only began to capture late),
+// the part of the wait it does not cover is filled with silence ahead of it, so the
+// stream still starts when it was opened.
 //
 // Times are seconds on a monotonic clock, passed in by the caller. Not thread-safe: used
 // by one delivery thread.
@@ -37,6 +40,11 @@ public:
     // waiting are backlog already covered by silence (beyond what a source that resumes
     // just now would have sent: `toleranceFrames`). Always 0 before the first real block.
     std::uint64_t backlogToDrop(std::uint64_t availableFrames, std::uint64_t toleranceFrames) const;
+    // When the first real frames appear: silence blocks to deliver ahead of them, for the
+    // time since the start that neither they (`availableFrames`, give or take
+    // `toleranceFrames`) nor silence already delivered cover. Counts them as delivered.
+    std::uint32_t takeSilenceBlocksBeforeFirstAudio(double nowSeconds, std::uint64_t availableFrames,
+                                                    std::uint64_t toleranceFrames);
     bool isIdle() const { return idle_; }
 
 private:
