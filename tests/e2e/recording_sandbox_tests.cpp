@@ -234,7 +234,9 @@ TEST_F(RecordingSandboxTest, EverySourceCaseInBothFormatsRecordsTheTonesAtTheirG
             EXPECT_EQ(recorded.channels, 1);
             const double fileSeconds = static_cast<double>(recorded.samples.size()) / 16000.0;
             const double startUpSeconds = events.startUpSeconds();
-            EXPECT_NEAR(fileSeconds, wallSeconds - startUpSeconds, 0.3)
+            // The file covers the whole recording: silence where the sources had nothing yet,
+            // and at the stop everything captured, down to the resamplers' last frames.
+            EXPECT_NEAR(fileSeconds, wallSeconds, 0.3)
                 << "file " << fileSeconds << " s, wall " << wallSeconds << " s, start-up " << startUpSeconds << " s";
             EXPECT_LT(startUpSeconds, 1.0);
             std::printf("[ measure  ] %s %s: file %.3f s for %.3f s wall, %.3f s start-up\n", c.name,
@@ -294,7 +296,7 @@ TEST_F(RecordingSandboxTest, PausingTheMultiSourceRecorderOnlySilencesItsProgres
     // The audio of the pause is in the file: it covers the whole wall time, tone throughout.
     const auto recorded = readRecording(file);
     const double fileSeconds = static_cast<double>(recorded.samples.size()) / 16000.0;
-    EXPECT_NEAR(fileSeconds, wallSeconds - events.startUpSeconds(), 0.3);
+    EXPECT_NEAR(fileSeconds, wallSeconds, 0.3);
     ASSERT_GT(recorded.samples.size(), 32000u);
     EXPECT_NEAR(toneAmplitude(recorded.samples, 19200, 28800, kMicrophoneToneHertz), 0.25, 0.05);
 }
@@ -439,7 +441,7 @@ TEST_F(RecordingSandboxTest, ADeviceLoadedMidRecordingRestartsCaptureWithoutAGap
     const double after = offset(step + 3, std::min(envelope.size() - 5, step + 45));
     const double lostMilliseconds = 1000.0 * (after - before) / fileSlope;
     std::printf("[ measure  ] restart at %.3f s of the file: %.1f ms of audio lost\n", times[step], lostMilliseconds);
-    EXPECT_LT(lostMilliseconds, 150.0);
+    EXPECT_LT(lostMilliseconds, 50.0);
 }
 
 // The sandbox script, pointed at the server this test talks to.
