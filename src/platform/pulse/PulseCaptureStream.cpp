@@ -18,11 +18,11 @@ constexpr auto kDeliveryPoll = std::chrono::milliseconds(5);
 // A source that has sent nothing for this long is taken as idle rather than late. Longer
 // than any scheduling hiccup of a loaded machine; the mixer only waits that much longer.
 constexpr double kIdleAfterSeconds = 0.2;
-// Before its first data a source gets longer: starting up can take a sound server a few
-// hundred milliseconds, and what it then sends is the start of the recording. Short
-// enough that a mixer waiting for an idle source holds well under a second of the other
-// one (its rings hold two seconds at 48 kHz).
-constexpr double kFirstAudioGraceSeconds = 0.5;
+// Before its first data a source gets no longer than that: the silence it is given then
+// costs nothing (a late first delivery is kept whole after it), whereas a longer wait
+// leaves the time unfilled when the stream is closed before it ends (a restart right
+// after the start), and a recording then comes out short.
+constexpr double kFirstAudioGraceSeconds = kIdleAfterSeconds;
 
 // Lost frames are reported from the delivery thread, at most this often.
 constexpr double kDropReportIntervalSeconds = 1.0;

@@ -7,8 +7,8 @@
 // or logs). The delivery thread cuts the ring into blocks and hands each to `Delivery`.
 // Fragments that do not fit the ring (the consumer stalled for over a second) are
 // dropped and counted. While the source delivers nothing (an idle monitor), silence
-// blocks keep the stream's pace (see SilencePacer); a source slow to deliver its first
-// data is given longer before that, and its first delivery is never cut.
+// blocks keep the stream's pace (see SilencePacer); the first delivery of a source slow
+// to start is never cut.
 //
 // Threads: open() and close()/destruction from one owner thread. After close() returns,
 // no read callback runs and `Delivery` is not called again. Delivery must not close

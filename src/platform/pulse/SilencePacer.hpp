@@ -14,8 +14,8 @@
 // wakes a suspended device, or renders its first period late), and what it then
 // delivers is the start of the recording: dropping it would cut real audio off every
 // recording. So before the first real block the pacer waits `firstAudioGraceSeconds`
-// (longer than the idle wait) before it fills, and never drops the backlog that
-// follows: a late first delivery comes out whole, after any silence already given.
+// (at least the idle wait) before it fills, and never drops the backlog that follows:
+// a late first delivery comes out whole, after any silence already given.
 // When the first data comes without a backlog (the source only began to capture late),
 // the part of the wait it does not cover is filled with silence ahead of it, so the
 // stream still starts when it was opened.
