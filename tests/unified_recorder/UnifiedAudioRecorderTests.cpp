@@ -384,6 +384,9 @@ TEST_F(UnifiedAudioRecorderTest, ReleasingARunningRecorderStopsItsSources) {
     auto recorder = start(AudioSources::both());
     auto engine = microphoneEngine();
     ASSERT_TRUE(engine->isRunning());
+    // The first progress tick is due at the start and holds the recorder while it runs;
+    // let it finish, so that the release below is the last one.
+    recorder->state();
     recorder.reset();
     EXPECT_FALSE(engine->isRunning());
     EXPECT_FALSE(fakes.audioHardware->hasIOBlock());
