@@ -3,6 +3,7 @@
 // the measures that tell whether it arrived (level, frequency, no gaps).
 
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <numbers>
 #include <string>
@@ -17,7 +18,10 @@ inline bool playSine(const std::string& device, double frequencyHertz, float amp
                      std::uint32_t channels = 2, std::uint32_t rateHertz = 48000) {
     const std::string command = "pacat --playback --raw --device=" + device +
                                 " --format=float32le --rate=" + std::to_string(rateHertz) +
-                                " --channels=" + std::to_string(channels) + " --latency-msec=200 2>/dev/null";
+                                " --channels=" + std::to_string(channels) + " --latency-msec=200";
+    // A player that dies fails the test with pacat's own message instead of ending the
+    // test process with SIGPIPE on the next write.
+    std::signal(SIGPIPE, SIG_IGN);
     FILE* pipe = popen(command.c_str(), "w");
     if (pipe == nullptr) return false;
     const auto frames = static_cast<std::size_t>(seconds * rateHertz);
@@ -27,7 +31,7 @@ inline bool playSine(const std::string& device, double frequencyHertz, float amp
                                                                     static_cast<double>(f) / rateHertz));
         for (std::uint32_t c = 0; c < channels; ++c) block.push_back(value);
         if (block.size() >= 4800) {
-            std::fwrite(block.data(), sizeof(float), block.size(), pipe);
+            if (std::fwrite(block.data(), sizeof(float), block.size(), pipe) != block.size()) break;
             block.clear();
         }
     }

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
@@ -39,8 +40,9 @@ constexpr const char* kMicrophoneIn = "velto_mic_in";  // what the virtual micro
 constexpr double kMicrophoneToneHertz = 1000.0;
 constexpr double kSystemToneHertz = 440.0;
 constexpr float kToneAmplitude = 0.5f;
-// pacat takes most of a second before its first sample sounds: players start this much early.
-constexpr auto kPlayerLead = std::chrono::milliseconds(1000);
+// An idle sandbox sink takes up to two seconds before a new player's first sample sounds:
+// players start this much early, so a recording hears them from its first moment.
+constexpr auto kPlayerLead = std::chrono::milliseconds(2000);
 
 // Plays `seconds` of `sample(t)` into a sink on a thread of its own (pacat, 48 kHz float).
 class Player {
@@ -49,7 +51,10 @@ public:
         : thread_([=, this] {
               const std::string command = "pacat --playback --raw --device=" + sink +
                                           " --format=float32le --rate=48000 --channels=" + std::to_string(channels) +
-                                          " --latency-msec=20 2>/dev/null";
+                                          " --latency-msec=20";
+              // A player that dies must fail its test with pacat's own message, not end the
+              // test process with SIGPIPE on the next write.
+              std::signal(SIGPIPE, SIG_IGN);
               FILE* pipe = popen(command.c_str(), "w");
               if (pipe == nullptr) return;
               std::vector<float> block;
@@ -58,7 +63,7 @@ public:
                   const float value = sample(static_cast<double>(f) / 48000.0);
                   for (std::uint32_t c = 0; c < channels; ++c) block.push_back(value);
                   if (block.size() >= 2400) {
-                      std::fwrite(block.data(), sizeof(float), block.size(), pipe);
+                      if (std::fwrite(block.data(), sizeof(float), block.size(), pipe) != block.size()) break;
                       block.clear();
                   }
               }
