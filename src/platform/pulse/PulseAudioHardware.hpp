@@ -31,7 +31,7 @@ namespace velto::pulse {
 class PulseAudioHardware final : public platform::AudioHardware {
 public:
     // Frames per IO cycle: 10 ms at 48 kHz rounded to a power of two, like a Core Audio device.
-    static constexpr std::uint32_t kIOBlockFrames = 512;
+    static constexpr std::uint32_t kIOBlockFrames = 1024;
 
     static std::shared_ptr<PulseAudioHardware> create(std::shared_ptr<PulseConnection> connection);
     explicit PulseAudioHardware(std::shared_ptr<PulseConnection> connection);

@@ -13,8 +13,6 @@ constexpr const char* kErrorDomain = "PulseAudio";
 // How long the ring can hold while the consumer is late: generous, so only a stalled
 // consumer loses audio.
 constexpr double kRingSeconds = 2.0;
-// The delivery thread also looks every few milliseconds, so a missed wake-up only delays.
-constexpr auto kDeliveryPoll = std::chrono::milliseconds(5);
 // A source that has sent nothing for this long is taken as idle rather than late. Longer
 // than any scheduling hiccup of a loaded machine; the mixer only waits that much longer.
 constexpr double kIdleAfterSeconds = 0.2;
@@ -173,7 +171,9 @@ void PulseCaptureStream::readCallback(pa_stream* stream, std::size_t, void* user
         }
         pa_stream_drop(stream);
     }
-    self->wake_.notify_one();
+    // Wake the delivery thread only when it has a whole block to hand on: the server
+    // sends smaller pieces, and every needless wake-up costs a context switch.
+    if (self->ring_.availableFrames() >= self->options_.blockFrames) self->wake_.notify_one();
 }
 
 std::string PulseCaptureStream::sourceLabel() const {
@@ -187,10 +187,14 @@ void PulseCaptureStream::deliveryLoop() {
     bool heardFirstAudio = false;
     std::uint64_t reportedDrops = 0;
     double lastDropReportSeconds = 0.0;
+    // Data wakes this thread; the time-out only drives the silence filling of an idle or
+    // late source (and covers a missed wake-up), so once per block is often enough.
+    const auto pollInterval = std::chrono::microseconds(
+        static_cast<std::int64_t>(1e6 * options_.blockFrames / options_.sampleRateHertz));
     while (!stopping_.load()) {
         {
             std::unique_lock lock(wakeMutex_);
-            wake_.wait_for(lock, kDeliveryPoll, [this] {
+            wake_.wait_for(lock, pollInterval, [this] {
                 return stopping_.load() || ring_.availableFrames() >= options_.blockFrames;
             });
         }

@@ -105,7 +105,10 @@ void PulseConfigurationChangeCenter::notifierLoop() {
     double lastReconnectSeconds = monotonicSeconds();
     std::unique_lock lock(eventsMutex_);
     while (!stopping_) {
-        eventsChanged_.wait_for(lock, std::chrono::milliseconds(50));
+        // Look often only while a burst is settling or the server is away; otherwise an
+        // event's notify wakes this thread.
+        const bool busy = coalescer_.hasPending() || !connection_->isConnected();
+        eventsChanged_.wait_for(lock, busy ? std::chrono::milliseconds(50) : std::chrono::milliseconds(1000));
         if (stopping_) break;
         const double now = monotonicSeconds();
         if (!coalescer_.takeSettled(now)) {
