@@ -1,20 +1,19 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, builds, and runs every test in a
-# normal build and under ThreadSanitizer (the library is threads and callbacks).
-#   scripts/test.sh            normal + ThreadSanitizer
-#   scripts/test.sh --asan     also AddressSanitizer + UndefinedBehaviorSanitizer
+# normal build, under ThreadSanitizer (the library is threads and callbacks) and under
+# AddressSanitizer + UndefinedBehaviorSanitizer.
+#   scripts/test.sh            all three
 #   scripts/test.sh --quick    normal build only
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
 
 with_tsan=1
-with_asan=0
+with_asan=1
 for arg in "$@"; do
   case "$arg" in
-    --asan) with_asan=1 ;;
-    --quick) with_tsan=0 ;;
-    *) echo "usage: scripts/test.sh [--asan] [--quick]" >&2; exit 2 ;;
+    --quick) with_tsan=0; with_asan=0 ;;
+    *) echo "usage: scripts/test.sh [--quick]" >&2; exit 2 ;;
   esac
 done
 
@@ -39,6 +38,6 @@ if ((with_tsan)); then
 fi
 if ((with_asan)); then
   ASAN_OPTIONS="detect_leaks=1 ${ASAN_OPTIONS:-}" UBSAN_OPTIONS="print_stacktrace=1 ${UBSAN_OPTIONS:-}" \
-    run_suite asan -DCMAKE_BUILD_TYPE=Debug -DVELTO_SANITIZE=address -DVELTO_BUILD_CLI=OFF
+    run_suite asan -DCMAKE_BUILD_TYPE=Debug -DVELTO_SANITIZE=address
 fi
 echo "== all test runs passed"
