@@ -239,7 +239,7 @@ void AudioMixer::stopMixing() {
         microphone_.converter.reset();
         outputConverter_.reset();
     };
-    // A tick() run from another thread goes through the queue too: wait for it.
+    // A tick() run from another thread goes through the same context: wait for it.
     onMixingContext(release);
     {
         std::lock_guard guard(streamLock_);
@@ -286,8 +286,12 @@ void AudioMixer::setWriteFailureHandler(std::function<void(ErrorPtr)> handler) {
 
 template <class Work>
 void AudioMixer::onMixingContext(Work&& work) const {
-    if (ticks_ == MixingTicks::timer) mixingQueue_->sync(work);
-    else work();
+    if (ticks_ == MixingTicks::timer) {
+        mixingQueue_->sync(work);
+    } else {
+        std::lock_guard context(callerContext_);
+        work();
+    }
 }
 
 double AudioMixer::mixingSampleRate() const {

@@ -160,6 +160,10 @@ private:
     const std::shared_ptr<Clock> clock_;
     const MixingTicks ticks_;
     const std::shared_ptr<SerialQueue> mixingQueue_;
+    // With caller ticks the mixing context is whichever thread ticks, stops or reads the
+    // counters; this lock makes those one at a time, as the queue does for timer ticks.
+    // Recursive so a tick's own calls back into the mixer do not deadlock.
+    mutable std::recursive_mutex callerContext_;
 
     std::atomic<float> systemGain_{0.7f};
     std::atomic<float> microphoneGain_{1.0f};
