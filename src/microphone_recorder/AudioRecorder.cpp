@@ -345,18 +345,22 @@ void AudioRecorder::resumeRecording() {
     continuation_.yield(RecordingEvent::resumed(elapsed));
 }
 
-void AudioRecorder::stopRecording() {
-    drainTapInlet(/*everything=*/true);
-    if (recorderState_ != RecorderState::recording && recorderState_ != RecorderState::paused) return;
-    logger().info("Stopping recording");
-    recorderState_ = RecorderState::stopping;
+// Stop and cancel end the capture the same way: no more buffers, the file complete on disk.
+void AudioRecorder::stopEngineAndCloseFile() {
     stopDrainTimer();
-
     audioEngine_->removeTap(kInputBus);
     tapInstalled_ = false;
     audioEngine_->stop();
     if (audioFile_) audioFile_->close();
     audioFile_.reset();
+}
+
+void AudioRecorder::stopRecording() {
+    drainTapInlet(/*everything=*/true);
+    if (recorderState_ != RecorderState::recording && recorderState_ != RecorderState::paused) return;
+    logger().info("Stopping recording");
+    recorderState_ = RecorderState::stopping;
+    stopEngineAndCloseFile();
 
     std::error_code error;
     if (!std::filesystem::exists(fileURL_, error)) {
@@ -384,13 +388,7 @@ void AudioRecorder::cancelRecording() {
     if (recorderState_ != RecorderState::recording && recorderState_ != RecorderState::paused) return;
     logger().info("Cancelling recording");
     recorderState_ = RecorderState::cancelling;
-    stopDrainTimer();
-
-    audioEngine_->removeTap(kInputBus);
-    tapInstalled_ = false;
-    audioEngine_->stop();
-    if (audioFile_) audioFile_->close();
-    audioFile_.reset();
+    stopEngineAndCloseFile();
 
     std::error_code ignored;  // a file that cannot be removed is left; nothing to report to
     if (std::filesystem::exists(fileURL_, ignored)) std::filesystem::remove(fileURL_, ignored);

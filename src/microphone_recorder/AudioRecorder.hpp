@@ -76,6 +76,7 @@ private:
     void endAfterWriteFailure(std::exception_ptr writeError);
     void pauseRecording();
     void resumeRecording();
+    void stopEngineAndCloseFile();
     void stopRecording();
     void cancelRecording();
     void handleCancellation();
