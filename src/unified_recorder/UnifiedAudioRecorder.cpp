@@ -104,7 +104,7 @@ UnifiedAudioRecorder::~UnifiedAudioRecorder() {
         services_.configurationChangeCenter->removeObserver(*configurationChangeObserver_);
     }
     if (audioMixer_) audioMixer_->stopMixing();
-    joinForwarders();
+    endForwarding();
     if (systemAudioTap_) systemAudioTap_->stop();
     if (microphoneCapture_) microphoneCapture_->stop();
     if (audioFile_) audioFile_->close();
@@ -298,22 +298,21 @@ void UnifiedAudioRecorder::startForwarding(const std::shared_ptr<AudioMixer>& mi
         });
     });
 
-    // The forwarding thread holds the mixer and the shared live output, never the
-    // recorder: it cannot keep the recorder alive or end up destroying it.
-    forwarders_.emplace_back([mixer, live = liveOutput_, blocks = mixer->audioStream()]() mutable {
-        while (auto block = blocks.next()) {
-            live->audioStreamContinuation.yield(*block);
-            live->setLevels(mixer->currentLevels());
-        }
+    // Blocks are relayed on the mixer's own thread as they are mixed, rather than by a
+    // thread of ours woken for every block. The relay holds the shared live output and
+    // only a weak reference to the mixer: whoever yields a block already holds the mixer.
+    auto blocks = mixer->audioStream();
+    blocks.relay([weakMixer, live = liveOutput_](std::shared_ptr<PcmBuffer> block) {
+        live->audioStreamContinuation.yield(std::move(block));
+        if (auto yieldingMixer = weakMixer.lock()) live->setLevels(yieldingMixer->currentLevels());
     });
+    relayedMixerStreams_.push_back(std::move(blocks));
 }
 
-void UnifiedAudioRecorder::joinForwarders() {
-    // Each forwarder ends once its mixer's stream has ended (stopMixing finishes it).
-    for (auto& forwarder : forwarders_) {
-        if (forwarder.joinable()) forwarder.join();
-    }
-    forwarders_.clear();
+void UnifiedAudioRecorder::endForwarding() {
+    // Called once the mixers have stopped (stopMixing finishes their streams): no relay
+    // runs any more, and the consumer ends can go.
+    relayedMixerStreams_.clear();
 }
 
 void UnifiedAudioRecorder::startProgressTimer() {
@@ -354,7 +353,7 @@ void UnifiedAudioRecorder::finishRecording(RecorderState transitional, RecorderS
 
 void UnifiedAudioRecorder::stopComponents() {
     if (audioMixer_) audioMixer_->stopMixing();
-    joinForwarders();
+    endForwarding();
     if (systemAudioTap_) stopIfCapturing(*systemAudioTap_);
     if (microphoneCapture_) stopIfCapturing(*microphoneCapture_);
 }
@@ -369,7 +368,7 @@ void UnifiedAudioRecorder::handleConfigurationChange() {
 
     // The old mixer stops first; what it left unread in the rings goes to the new ones.
     if (audioMixer_) audioMixer_->stopMixing();
-    joinForwarders();
+    endForwarding();
     std::optional<CarriedOverAudio> carriedMicrophone;
     std::optional<CarriedOverAudio> carriedSystem;
     if (microphoneCapture_) {

@@ -22,7 +22,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <thread>
 #include <vector>
 
 #include "dispatch/Clock.hpp"
@@ -102,7 +101,7 @@ private:
     void startAudioMixing();
     double microphoneSampleRate() const;
     void startForwarding(const std::shared_ptr<AudioMixer>& mixer);
-    void joinForwarders();
+    void endForwarding();
     void startProgressTimer();
     void progressTick();
     void pauseRecording();
@@ -138,8 +137,8 @@ private:
     std::optional<double> recordingStartSeconds_;
     RecorderState recorderState_ = RecorderState::idle;
     std::optional<platform::ConfigurationChangeObserverToken> configurationChangeObserver_;
-    // One per mixer started; each ends when its mixer's stream ends.
-    std::vector<std::thread> forwarders_;
+    // The consumer end of each mixer's stream, kept while its blocks are relayed.
+    std::vector<AudioBufferStream> relayedMixerStreams_;
 };
 
 const char* caseName(UnifiedAudioRecorder::RecorderState state);

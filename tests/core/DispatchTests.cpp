@@ -76,6 +76,30 @@ TEST(EventStream, HandlerInstalledAfterTheEndRunsAtOnce) {
     EXPECT_TRUE(stream.waitFor(0ms));
 }
 
+TEST(EventStream, RelayHandsOnWhatWasBufferedThenEveryValueOnTheProducersThreadInOrder) {
+    auto [stream, continuation] = EventStream<int>::make();
+    for (int i = 0; i < 100; ++i) continuation.yield(i);
+    std::vector<int> relayed;
+    std::atomic<bool> relayedOnProducer{true};
+    std::thread producer([c = continuation] {
+        for (int i = 100; i < 20000; ++i) c.yield(i);
+    });
+    const auto producerId = producer.get_id();
+    const auto setupId = std::this_thread::get_id();
+    stream.relay([&](int value) {
+        const auto id = std::this_thread::get_id();
+        // Buffered values go out from relay() itself, later ones from the producer.
+        if (id != producerId && id != setupId) relayedOnProducer = false;
+        relayed.push_back(value);
+    });
+    producer.join();
+    continuation.finish();
+    EXPECT_EQ(stream.next(), std::nullopt);  // nothing is kept for next() any more
+    EXPECT_TRUE(relayedOnProducer);
+    ASSERT_EQ(relayed.size(), 20000u);
+    for (int i = 0; i < 20000; ++i) ASSERT_EQ(relayed[i], i);
+}
+
 TEST(SerialQueue, RunsWorkInOrderOneAtATime) {
     auto queue = SerialQueue::create("io.veltoaudio.test", QualityOfService::userInitiated);
     std::vector<int> order;
