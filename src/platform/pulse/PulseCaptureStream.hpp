@@ -2,9 +2,11 @@
 // One PulseAudio record stream of 32-bit float frames from a source, delivered in blocks
 // of a fixed frame count on a delivery thread of its own.
 //
-// The read callback runs on the main-loop thread: it only copies the fragment into a
-// preallocated lock-free ring and wakes the delivery thread (it never allocates, locks
-// or logs). The delivery thread cuts the ring into blocks and hands each to `Delivery`.
+// The server is asked for fragments of a few blocks (about 40 ms). The read callback
+// runs on the main-loop thread: it only copies what arrives into a preallocated
+// lock-free ring and, once a whole fragment is stored, wakes the delivery thread (it
+// never allocates, locks or logs). The delivery thread cuts the ring into blocks and
+// hands each to `Delivery`.
 // Fragments that do not fit the ring (the consumer stalled for over a second) are
 // dropped and counted. While the source delivers nothing (an idle monitor), silence
 // blocks keep the stream's pace (see SilencePacer); the first delivery of a source slow
@@ -17,6 +19,7 @@
 #include "platform/pulse/InterleavedSampleRing.hpp"
 #include "platform/pulse/PulseConnection.hpp"
 #include "platform/pulse/SilencePacer.hpp"
+#include "platform/pulse/WakeupSignal.hpp"
 
 #include <atomic>
 #include <condition_variable>
@@ -35,6 +38,7 @@ struct PulseCaptureStreamOptions {
     std::uint32_t channels = 2;
     std::uint32_t blockFrames = 512;
     std::string streamName = "VeltoAudio capture";
+    std::string threadName = "velto-capture";  // of the delivery thread; at most 15 characters
 };
 
 class PulseCaptureStream {
@@ -74,11 +78,15 @@ private:
     Delivery delivery_;
     pa_stream* stream_ = nullptr;  // guarded by the main-loop lock
 
+    const std::uint32_t fragmentFrames_;  // what the server is asked to send at a time
     InterleavedSampleRing ring_;
     std::vector<float> block_;  // delivery thread only
 
-    std::mutex wakeMutex_;
-    std::condition_variable wake_;
+    // Connection state changes, for open() to wait on.
+    std::mutex stateMutex_;
+    std::condition_variable stateChanged_;
+    // Raised by the read callback when a whole block is stored, and by close().
+    WakeupSignal dataReady_;
     std::atomic<bool> stopping_{false};
     std::atomic<bool> alive_{false};
     std::atomic<int> streamState_{PA_STREAM_UNCONNECTED};
