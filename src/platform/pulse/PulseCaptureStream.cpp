@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 
 #include <pthread.h>
 
@@ -42,18 +41,6 @@ std::uint32_t ringCapacityFrames(const PulseCaptureStreamOptions& options) {
     return std::max(seconds, options.blockFrames * 4);
 }
 
-// Every fragment the server sends wakes two threads (the main loop's and the delivery
-// thread), so fragments are whole blocks of about kFragmentSeconds: a tenth of a
-// percent of CPU per stream less than block-sized ones, for that much more latency.
-// This is also how long the source is asked to buffer, and so about what a stream
-// closed mid-recording leaves unsent.
-constexpr double kFragmentSeconds = 0.04;
-
-std::uint32_t fragmentFrames(const PulseCaptureStreamOptions& options) {
-    const double blocks = std::round(options.sampleRateHertz * kFragmentSeconds / options.blockFrames);
-    return options.blockFrames * static_cast<std::uint32_t>(std::max(1.0, blocks));
-}
-
 [[noreturn]] void fail(int error, const std::string& what) {
     throw PlatformError(kErrorDomain, error, what + ": " + pulseErrorText(error));
 }
@@ -73,7 +60,6 @@ PulseCaptureStream::PulseCaptureStream(std::shared_ptr<PulseConnection> connecti
     : connection_(std::move(connection)),
       options_(options),
       delivery_(std::move(delivery)),
-      fragmentFrames_(fragmentFrames(options)),
       ring_(options.channels, ringCapacityFrames(options)),
       block_(static_cast<std::size_t>(options.blockFrames) * options.channels) {}
 
@@ -101,9 +87,12 @@ void PulseCaptureStream::connect() {
         if (stream_ == nullptr) fail(pa_context_errno(context), "Cannot create the record stream");
         pa_stream_set_state_callback(stream_, stateCallback, this);
         pa_stream_set_read_callback(stream_, readCallback, this);
+        // Fragments of one block: larger ones wake this process less often, but the
+        // source then renders in larger pieces too, and the last piece of a sound stays
+        // with the server until the sink plays again.
         pa_buffer_attr attributes{};
         attributes.maxlength = static_cast<std::uint32_t>(-1);
-        attributes.fragsize = fragmentFrames_ * options_.channels * static_cast<std::uint32_t>(sizeof(float));
+        attributes.fragsize = options_.blockFrames * options_.channels * static_cast<std::uint32_t>(sizeof(float));
         attributes.tlength = attributes.prebuf = attributes.minreq = static_cast<std::uint32_t>(-1);
         const char* source = options_.sourceName.empty() ? nullptr : options_.sourceName.c_str();
         if (pa_stream_connect_record(stream_, source, &attributes, PA_STREAM_ADJUST_LATENCY) < 0) {
@@ -186,9 +175,9 @@ void PulseCaptureStream::readCallback(pa_stream* stream, std::size_t, void* user
         }
         pa_stream_drop(stream);
     }
-    // Wake the delivery thread only once a whole fragment is stored: the server may send
-    // it in smaller pieces, and every needless wake-up costs a context switch.
-    if (self->ring_.availableFrames() >= self->fragmentFrames_) self->dataReady_.raise();
+    // Wake the delivery thread only once a whole block is stored: the server may send it
+    // in smaller pieces, and every needless wake-up costs a context switch.
+    if (self->ring_.availableFrames() >= self->options_.blockFrames) self->dataReady_.raise();
 }
 
 std::string PulseCaptureStream::sourceLabel() const {

@@ -2,10 +2,10 @@
 // One PulseAudio record stream of 32-bit float frames from a source, delivered in blocks
 // of a fixed frame count on a delivery thread of its own.
 //
-// The server is asked for fragments of a few blocks (about 40 ms). The read callback
-// runs on the main-loop thread: it only copies what arrives into a preallocated
-// lock-free ring and, once a whole fragment is stored, wakes the delivery thread (it
-// never allocates, locks or logs). The delivery thread cuts the ring into blocks and
+// The server is asked for fragments of one block. The read callback runs on the
+// main-loop thread: it only copies what arrives into a preallocated lock-free ring and,
+// once a whole block is stored, wakes the delivery thread (it never allocates, locks or
+// logs). The delivery thread cuts the ring into blocks and
 // hands each to `Delivery`.
 // Fragments that do not fit the ring (the consumer stalled for over a second) are
 // dropped and counted. While the source delivers nothing (an idle monitor), silence
@@ -78,7 +78,6 @@ private:
     Delivery delivery_;
     pa_stream* stream_ = nullptr;  // guarded by the main-loop lock
 
-    const std::uint32_t fragmentFrames_;  // what the server is asked to send at a time
     InterleavedSampleRing ring_;
     std::vector<float> block_;  // delivery thread only
 
