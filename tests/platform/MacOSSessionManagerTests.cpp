@@ -31,25 +31,20 @@ protected:
     CapturedLogs logs;
 };
 
-TEST_F(MacOSSessionManagerTest, ListsDevicesInDiscoveryOrderMarkingTheDefault) {
-    discovery->setDevices({device("A", "Built-in"), device("B", "USB")});
-    discovery->setDefaultDevice(device("B", "USB"));
-    EXPECT_THAT(manager->availableMicrophones(),
-                ElementsAre(MicrophoneDevice{"A", "Built-in", false}, MicrophoneDevice{"B", "USB", true}));
-    EXPECT_EQ(discovery->defaultDeviceQueries(), 1);
-    EXPECT_THAT(discovery->discoveries().front(), ElementsAre(CaptureDeviceType::microphone, CaptureDeviceType::external));
-}
-
-TEST_F(MacOSSessionManagerTest, WithoutADefaultNoDeviceIsMarkedAndWithoutDevicesNoDefaultIsAsked) {
+TEST_F(MacOSSessionManagerTest, ListsDevicesInDiscoveryOrderMarkingTheDefaultIfThereIsOne) {
     discovery->setDevices({device("A", "Built-in"), device("B", "USB")});
     EXPECT_THAT(manager->availableMicrophones(),
                 ElementsAre(MicrophoneDevice{"A", "Built-in", false}, MicrophoneDevice{"B", "USB", false}));
-
-    discovery->setDevices({});
     discovery->setDefaultDevice(device("B", "USB"));
-    const int queriesBefore = discovery->defaultDeviceQueries();
+    EXPECT_THAT(manager->availableMicrophones(),
+                ElementsAre(MicrophoneDevice{"A", "Built-in", false}, MicrophoneDevice{"B", "USB", true}));
+    EXPECT_EQ(discovery->defaultDeviceQueries(), 2);  // once per listing, not once per device
+    EXPECT_THAT(discovery->discoveries().front(), ElementsAre(CaptureDeviceType::microphone, CaptureDeviceType::external));
+
+    // Without devices the default is not even asked for.
+    discovery->setDevices({});
     EXPECT_TRUE(manager->availableMicrophones().empty());
-    EXPECT_EQ(discovery->defaultDeviceQueries(), queriesBefore);
+    EXPECT_EQ(discovery->defaultDeviceQueries(), 2);
 }
 
 TEST_F(MacOSSessionManagerTest, ConfigureSessionRemembersOrClearsThePreference) {

@@ -19,6 +19,7 @@ namespace {
 
 using namespace platform;
 using namespace pulse;
+using pulse::SilencePacer;
 
 TEST(PropertyDictionaryTest, KeepsInsertionOrderAndReplacesInPlace) {
     PropertyDictionary dictionary{{"b", "1"}, {"a", true}};
@@ -73,7 +74,7 @@ TEST(ChangeCoalescerTest, ASteadyStreamIsStillReportedAtTheMaximumDelay) {
     EXPECT_EQ(reports, 2);  // at 1.0 s and 2.1 s
 }
 
-TEST(InterleavedSampleRingTest, WrapsAroundAndRefusesWhatDoesNotFit) {
+TEST(InterleavedSampleRingTest, WrapsAroundRefusesWhatDoesNotFitAndTakesTheOldestFirst) {
     InterleavedSampleRing ring(2, 4);
     const float first[] = {1, -1, 2, -2, 3, -3};
     EXPECT_EQ(ring.write(first, 3), 3u);
@@ -85,6 +86,19 @@ TEST(InterleavedSampleRingTest, WrapsAroundAndRefusesWhatDoesNotFit) {
     EXPECT_FALSE(ring.read(out, 5));
     ASSERT_TRUE(ring.read(out, 4));
     EXPECT_THAT(std::vector<float>(out, out + 8), ::testing::ElementsAre(3, -3, 4, -4, 5, -5, 6, -6));
+    EXPECT_EQ(ring.availableFrames(), 0u);
+
+    // A partial read takes what there is; a discard takes the oldest frames only.
+    EXPECT_EQ(ring.write(second, 3), 3u);
+    EXPECT_EQ(ring.readAvailable(out, 4), 3u);
+    EXPECT_THAT(std::vector<float>(out, out + 6), ::testing::ElementsAre(4, -4, 5, -5, 6, -6));
+    EXPECT_EQ(ring.readAvailable(out, 4), 0u);
+    EXPECT_EQ(ring.write(first, 3), 3u);
+    EXPECT_EQ(ring.discard(2), 2u);
+    ASSERT_TRUE(ring.read(out, 1));
+    EXPECT_THAT(std::vector<float>(out, out + 2), ::testing::ElementsAre(3, -3));
+    EXPECT_EQ(ring.write(first, 2), 2u);
+    EXPECT_EQ(ring.discard(9), 2u);
     EXPECT_EQ(ring.availableFrames(), 0u);
 }
 
@@ -122,14 +136,6 @@ TEST(PulseObjectIDsTest, KindsHaveSeparateRangesAndIndexZeroIsAnObject) {
     EXPECT_EQ(objectIndex(makeObjectID(PulseObjectKind::tap, 12345), PulseObjectKind::tap), 12345u);
 }
 
-}  // namespace
-}  // namespace velto
-
-namespace velto {
-namespace {
-
-using pulse::SilencePacer;
-
 TEST(SilencePacerTest, IdleSourceIsFilledAtTheNominalRateFromItsLastRealBlock) {
     SilencePacer pacer(48000.0, 480, 0.06);  // 10 ms blocks
     pacer.start(100.0);
@@ -154,14 +160,6 @@ TEST(SilencePacerTest, RealBlocksStopTheFillingAndRestartTheIdleWait) {
     EXPECT_EQ(pacer.takeSilenceBlocksDue(0.16), 0u);
     EXPECT_EQ(pacer.takeSilenceBlocksDue(0.1701), 6u);
 }
-
-}  // namespace
-}  // namespace velto
-
-namespace velto {
-namespace {
-
-using pulse::SilencePacer;
 
 TEST(SilencePacerTest, BacklogOfALateSourceThatSilenceAlreadyCoveredIsDropped) {
     SilencePacer pacer(48000.0, 480, 0.06);
@@ -216,36 +214,6 @@ TEST(SilencePacerTest, AFirstDeliveryThatLeavesTheStartUncoveredIsPrecededBySile
     pacer.start(20.0);
     EXPECT_EQ(pacer.takeSilenceBlocksDue(20.6), 60u);
     EXPECT_EQ(pacer.takeSilenceBlocksBeforeFirstAudio(20.6, 960, 960), 0u);
-}
-
-TEST(InterleavedSampleRingTest, DiscardTakesTheOldestFramesOnly) {
-    pulse::InterleavedSampleRing ring(1, 8);
-    const float samples[] = {1, 2, 3, 4, 5};
-    ring.write(samples, 5);
-    EXPECT_EQ(ring.discard(3), 3u);
-    EXPECT_EQ(ring.discard(9), 2u);
-    ring.write(samples, 2);
-    float out[2] = {};
-    ASSERT_TRUE(ring.read(out, 2));
-    EXPECT_EQ(out[0], 1.0f);
-    EXPECT_EQ(out[1], 2.0f);
-}
-
-}  // namespace
-}  // namespace velto
-
-namespace velto {
-namespace {
-
-TEST(InterleavedSampleRingTest, ReadAvailableTakesAPartialBlock) {
-    pulse::InterleavedSampleRing ring(2, 8);
-    const float samples[] = {1, -1, 2, -2, 3, -3};
-    ring.write(samples, 3);
-    float out[8] = {};
-    EXPECT_EQ(ring.readAvailable(out, 4), 3u);
-    EXPECT_EQ(out[4], 3.0f);
-    EXPECT_EQ(out[5], -3.0f);
-    EXPECT_EQ(ring.readAvailable(out, 4), 0u);
 }
 
 }  // namespace
