@@ -80,6 +80,9 @@ TEST_F(MicrophoneCaptureTest, StartSetsUpAFreshEngineAndReportsTheFormats) {
 
     EXPECT_TRUE(capture->isCapturing());
     EXPECT_THAT(engine->calls(), ElementsAre("reset", "removeTap(0)", "installTap(0,1024)", "start"));
+    // Without a preference the engine stays on the default input.
+    EXPECT_FALSE(engine->currentDevice().has_value());
+    EXPECT_TRUE(fakes.audioHardware->calls().empty());
     ASSERT_TRUE(capture->inputFormat().has_value());
     EXPECT_EQ(capture->inputFormat()->sampleRate, 48000.0);
 
@@ -146,7 +149,8 @@ TEST_F(MicrophoneCaptureTest, FailedEngineStartCleansUpAndPassesThePlatformError
     EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Cleanup completed"));
 }
 
-TEST_F(MicrophoneCaptureTest, ChannelsAreMappedOntoTheRing) {
+TEST_F(MicrophoneCaptureTest, ChannelsAreMappedOntoTheRingAndTheSampledLineSaysHow) {
+    ScopedLogThinning alwaysLog(true);
     struct Case {
         std::uint32_t inputChannels;
         std::int64_t ringChannels;
@@ -164,13 +168,6 @@ TEST_F(MicrophoneCaptureTest, ChannelsAreMappedOntoTheRing) {
             EXPECT_THAT(channels[r], ::testing::Each(c.expectedPerRingChannel[r]));
         }
     }
-}
-
-TEST_F(MicrophoneCaptureTest, ChannelMappingLineIsSampled) {
-    ScopedLogThinning alwaysLog(true);
-    auto capture = makeCapture(2);
-    capture->start(1024);
-    engine->deliver(*channelNumberedBuffer(1, 64));
     EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory,
                               "Channel mapping: input 1 channels, ring buffer expects 2 channels, created 2 source pointers"));
 }
@@ -234,7 +231,7 @@ TEST_F(MicrophoneCaptureTest, CountingSignalFromTheDeliveryThreadArrivesWithoutG
 
 // ---- input-device selection ----
 
-TEST_F(MicrophoneCaptureTest, ConfiguringADevicePointsTheEngineAtIt) {
+TEST_F(MicrophoneCaptureTest, AConfiguredDeviceIsSelectedNowAndAgainAfterEachStartsReset) {
     auto capture = makeCapture();
     capture->configureInputDevice(usbMicrophone);
     EXPECT_EQ(engine->currentDevice(), 42u);
@@ -246,26 +243,15 @@ TEST_F(MicrophoneCaptureTest, ConfiguringADevicePointsTheEngineAtIt) {
                     "🎙️ Successfully configured macOS input device: 'USB Microphone'"}));
     EXPECT_THAT(fakes.captureDeviceDiscovery->discoveries().front(),
                 ElementsAre(CaptureDeviceType::microphone, CaptureDeviceType::external));
-}
 
-TEST_F(MicrophoneCaptureTest, EachStartSelectsTheRememberedDeviceAgainAfterTheReset) {
-    auto capture = makeCapture();
-    capture->configureInputDevice(usbMicrophone);
     capture->start(1024);
     EXPECT_THAT(engine->calls(), ElementsAre("setCurrentDevice(42)", "reset", "setCurrentDevice(42)", "removeTap(0)",
                                              "installTap(0,1024)", "start"));
 }
 
-TEST_F(MicrophoneCaptureTest, WithoutAPreferenceTheEngineStaysOnTheDefaultInput) {
-    auto capture = makeCapture();
-    capture->start(1024);
-    EXPECT_FALSE(engine->currentDevice().has_value());
-    EXPECT_TRUE(fakes.audioHardware->calls().empty());
-}
-
 struct SelectionFailure {
     const char* name;
-    std::function<void(FakePlatformServices&)> arrange;
+    std::function<void(FakePlatformServices&, FakeAudioInputEngine&)> arrange;
     std::vector<std::string> criticalLines;
 };
 
@@ -276,12 +262,7 @@ TEST_P(MicrophoneSelectionFailureTest, FailsWithUnknownErrorAndKeepsTheEarlierSe
     auto capture = makeCapture();
     const MicrophoneDevice builtIn{"BuiltInMicrophoneDevice", "MacBook Pro Microphone", true};
     capture->configureInputDevice(builtIn);
-    GetParam().arrange(fakes);
-    if (GetParam().name == std::string("NoAudioUnit")) {
-        engine->setScript(engineScript(PcmFormat{48000.0, 1, false}, std::nullopt, false));
-    } else if (GetParam().name == std::string("SetDeviceRefused")) {
-        engine->setScript(engineScript(PcmFormat{48000.0, 1, false}, std::nullopt, true, -10851));
-    }
+    GetParam().arrange(fakes, *engine);
     logs.clear();
     try {
         capture->configureInputDevice(usbMicrophone);
@@ -300,25 +281,25 @@ INSTANTIATE_TEST_SUITE_P(
     EachStep, MicrophoneSelectionFailureTest,
     ::testing::Values(
         SelectionFailure{"NotDiscovered",
-                         [](FakePlatformServices& f) {
+                         [](FakePlatformServices& f, FakeAudioInputEngine&) {
                              f.captureDeviceDiscovery->setDevices({{"BuiltInMicrophoneDevice", "Built-in", {}}});
                          },
                          {"Could not find AVCaptureDevice for microphone ID: USB-Mic-1"}},
         SelectionFailure{"DeviceListSize",
-                         [](FakePlatformServices& f) {
+                         [](FakePlatformServices& f, FakeAudioInputEngine&) {
                              f.audioHardware->setStatus(FakeAudioHardware::sizeKey(kAudioHardwarePropertyDevices),
                                                         kAudioHardwareNotRunningError);
                          },
                          {"Failed to get audio devices data size: OSStatus = 1937010544",
                           "Could not get AudioDeviceID for device: USB Microphone"}},
         SelectionFailure{"DeviceListData",
-                         [](FakePlatformServices& f) {
+                         [](FakePlatformServices& f, FakeAudioInputEngine&) {
                              f.audioHardware->setStatus(FakeAudioHardware::dataKey(kAudioHardwarePropertyDevices), -1);
                          },
                          {"Failed to get audio devices: OSStatus = -1",
                           "Could not get AudioDeviceID for device: USB Microphone"}},
         SelectionFailure{"NoMatchingUID",
-                         [](FakePlatformServices& f) {
+                         [](FakePlatformServices& f, FakeAudioInputEngine&) {
                              // Unreadable and absent UIDs are skipped; nothing else matches.
                              f.audioHardware->devices = {{41, std::string("BuiltInMicrophoneDevice")},
                                                          {42, std::string("USB-Mic-1"), -1},
@@ -326,9 +307,15 @@ INSTANTIATE_TEST_SUITE_P(
                                                          {44, std::nullopt}};
                          },
                          {"Could not get AudioDeviceID for device: USB Microphone"}},
-        SelectionFailure{"NoAudioUnit", [](FakePlatformServices&) {}, {"Could not get AudioUnit from input node"}},
+        SelectionFailure{"NoAudioUnit",
+                         [](FakePlatformServices&, FakeAudioInputEngine& e) {
+                             e.setScript(engineScript(PcmFormat{48000.0, 1, false}, std::nullopt, false));
+                         },
+                         {"Could not get AudioUnit from input node"}},
         SelectionFailure{"SetDeviceRefused",
-                         [](FakePlatformServices&) {},
+                         [](FakePlatformServices&, FakeAudioInputEngine& e) {
+                             e.setScript(engineScript(PcmFormat{48000.0, 1, false}, std::nullopt, true, -10851));
+                         },
                          {"Failed to set input device on AudioUnit: OSStatus = -10851"}}),
     [](const ::testing::TestParamInfo<SelectionFailure>& info) { return std::string(info.param.name); });
 

@@ -43,7 +43,7 @@ protected:
     CapturedLogs logs;
 };
 
-TEST_F(SystemAudioTapTest, StartCreatesTapDeviceAndIOBlockInOrderAndReportsTheFormat) {
+TEST_F(SystemAudioTapTest, StartCreatesAMixdownTapAnOutputClockedDeviceAndTheIOBlockInOrder) {
     auto tap = makeTap();
     tap->start();
 
@@ -70,11 +70,8 @@ TEST_F(SystemAudioTapTest, StartCreatesTapDeviceAndIOBlockInOrderAndReportsTheFo
     EXPECT_TRUE(logs.contains(LogLevel::info, kCategory, "System audio tap started successfully"));
     EXPECT_TRUE(logs.contains(LogLevel::info, kCategory, "Tap format: SR: 48000.0Hz, Ch: 2, Format: 0x6c70636d, Flags: 0x9"));
     EXPECT_TRUE(logs.containsPrefix(kCategory, "Installed IOProc on aggregate device with procID: 0x"));
-}
 
-TEST_F(SystemAudioTapTest, TapDescriptionIsAnAudiblePrivateMixdownOfEveryProcess) {
-    auto tap = makeTap();
-    tap->start();
+    // The tap: an audible private mixdown of every process.
     const auto description = fakes.audioHardware->lastTapDescription();
     ASSERT_TRUE(description.has_value());
     EXPECT_THAT(description->processes, ElementsAre(101u, 102u));
@@ -85,21 +82,18 @@ TEST_F(SystemAudioTapTest, TapDescriptionIsAnAudiblePrivateMixdownOfEveryProcess
     EXPECT_TRUE(std::regex_match(description->uuid,
                                  std::regex("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}")));
     EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Creating process tap with UUID: " + description->uuid));
-}
 
-TEST_F(SystemAudioTapTest, AggregateDeviceIsClockedByTheOutputAndCarriesTheTap) {
-    auto tap = makeTap();
-    tap->start();
-    const auto description = fakes.audioHardware->lastAggregateDescription();
-    ASSERT_TRUE(description.has_value());
+    // The aggregate device: clocked by the output, carrying the tap.
+    const auto aggregate = fakes.audioHardware->lastAggregateDescription();
+    ASSERT_TRUE(aggregate.has_value());
     std::vector<std::string> keys;
-    for (const auto& entry : description->entries()) keys.push_back(entry.first);
+    for (const auto& entry : aggregate->entries()) keys.push_back(entry.first);
     EXPECT_THAT(keys, ElementsAre("name", "uid", "master", "private", "stacked", "tapautostart", "subdevices", "taps"));
-    EXPECT_EQ(description->string("uid"), "io.veltoaudio.SystemAudioTap.TAP-UID-1");
-    EXPECT_EQ(description->string("master"), "BuiltInSpeakerDevice");
-    EXPECT_EQ(description->boolean("private"), true);
-    EXPECT_EQ(description->boolean("stacked"), false);
-    EXPECT_EQ(description->boolean("tapautostart"), true);
+    EXPECT_EQ(aggregate->string("uid"), "io.veltoaudio.SystemAudioTap.TAP-UID-1");
+    EXPECT_EQ(aggregate->string("master"), "BuiltInSpeakerDevice");
+    EXPECT_EQ(aggregate->boolean("private"), true);
+    EXPECT_EQ(aggregate->boolean("stacked"), false);
+    EXPECT_EQ(aggregate->boolean("tapautostart"), true);
 
     EXPECT_THAT(logs.messages(kCategory),
                 ::testing::IsSupersetOf({
@@ -265,55 +259,27 @@ protected:
     std::shared_ptr<SystemAudioTap> tap;
 };
 
-TEST_F(SystemAudioTapInputTest, InterleavedStereoIsDeinterleavedFrameByFrame) {
-    std::vector<float> interleaved(1024);
-    std::iota(interleaved.begin(), interleaved.end(), 0.0f);  // frame f: left 2f, right 2f+1
-    AudioBuffer buffer{2, 4096, interleaved.data()};
-    ASSERT_TRUE(fakes.audioHardware->deliverInput(AudioBufferList{1, &buffer}));
-
-    const auto channels = drain(*tap->ringBuffer());
-    ASSERT_EQ(channels[0].size(), 512u);
-    for (std::size_t f = 0; f < 512; ++f) {
-        ASSERT_EQ(channels[0][f], static_cast<float>(2 * f));
-        ASSERT_EQ(channels[1][f], static_cast<float>(2 * f + 1));
-    }
-}
-
-TEST_F(SystemAudioTapInputTest, InterleavedChannelsBeyondTheRingAreDropped) {
-    std::vector<float> interleaved(3 * 100);
+TEST_F(SystemAudioTapInputTest, InterleavedChannelsBeyondTheRingAndCyclesOver2048FramesAreDropped) {
+    std::vector<float> interleaved(3 * 2049);
     for (std::size_t f = 0; f < 100; ++f) {
         interleaved[3 * f] = 1.0f;
         interleaved[3 * f + 1] = 2.0f;
         interleaved[3 * f + 2] = 3.0f;
     }
-    AudioBuffer buffer{3, static_cast<std::uint32_t>(interleaved.size() * 4), interleaved.data()};
-    fakes.audioHardware->deliverInput(AudioBufferList{1, &buffer});
+    AudioBuffer threeChannels{3, 3 * 100 * 4, interleaved.data()};
+    fakes.audioHardware->deliverInput(AudioBufferList{1, &threeChannels});
     const auto channels = drain(*tap->ringBuffer());
     ASSERT_EQ(channels[0].size(), 100u);
     EXPECT_THAT(channels[0], ::testing::Each(1.0f));
     EXPECT_THAT(channels[1], ::testing::Each(2.0f));
-}
 
-TEST_F(SystemAudioTapInputTest, InterleavedCycleOver2048FramesIsDroppedWhole) {
-    std::vector<float> interleaved(2 * 2049, 0.25f);
+    // A cycle over 2048 frames is dropped whole; 2048 frames still fit.
     AudioBuffer oversized{2, 2049 * 8, interleaved.data()};
     fakes.audioHardware->deliverInput(AudioBufferList{1, &oversized});
     EXPECT_EQ(tap->ringBuffer()->availableFrames(), 0);
-
     AudioBuffer largest{2, 2048 * 8, interleaved.data()};
     fakes.audioHardware->deliverInput(AudioBufferList{1, &largest});
     EXPECT_EQ(tap->ringBuffer()->availableFrames(), 2048);
-}
-
-TEST_F(SystemAudioTapInputTest, NonInterleavedBuffersAreWrittenPerChannel) {
-    std::vector<float> left(256, -0.5f);
-    std::vector<float> right(256, 0.75f);
-    AudioBuffer buffers[] = {{1, 1024, left.data()}, {1, 1024, right.data()}};
-    fakes.audioHardware->deliverInput(AudioBufferList{2, buffers});
-    const auto channels = drain(*tap->ringBuffer());
-    ASSERT_EQ(channels[0].size(), 256u);
-    EXPECT_THAT(channels[0], ::testing::Each(-0.5f));
-    EXPECT_THAT(channels[1], ::testing::Each(0.75f));
 }
 
 TEST_F(SystemAudioTapInputTest, MalformedCyclesWriteNothing) {
@@ -337,20 +303,32 @@ TEST_F(SystemAudioTapInputTest, MalformedCyclesWriteNothing) {
     EXPECT_EQ(tap->ringBuffer()->availableFrames(), 0);
 }
 
-TEST_F(SystemAudioTapInputTest, SampledLinesReportFramesAndFill) {
+TEST_F(SystemAudioTapInputTest, BothLayoutsAreWrittenFrameByFrameAndTheSampledLinesReportTheFill) {
     ScopedLogThinning alwaysLog(true);
-    std::vector<float> interleaved(2 * 512, 0.1f);
+    std::vector<float> interleaved(1024);
+    std::iota(interleaved.begin(), interleaved.end(), 0.0f);  // frame f: left 2f, right 2f+1
     AudioBuffer buffer{2, 4096, interleaved.data()};
-    fakes.audioHardware->deliverInput(AudioBufferList{1, &buffer});
+    ASSERT_TRUE(fakes.audioHardware->deliverInput(AudioBufferList{1, &buffer}));
     EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "SystemAudioTap buffer: 512 frames, 2 channels, 1 buffers"));
     EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory,
                               "SystemAudioTap (interleaved) wrote 512/512 frames to ring buffer (available: 512/8192)"));
 
-    std::vector<float> left(128), right(128);
+    std::vector<float> left(128, -0.5f), right(128, 0.75f);
     AudioBuffer buffers[] = {{1, 512, left.data()}, {1, 512, right.data()}};
     fakes.audioHardware->deliverInput(AudioBufferList{2, buffers});
     EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory,
                               "SystemAudioTap (non-interleaved) wrote 128/128 frames to ring buffer (available: 640/8192)"));
+
+    const auto channels = drain(*tap->ringBuffer());
+    ASSERT_EQ(channels[0].size(), 640u);
+    for (std::size_t f = 0; f < 512; ++f) {
+        ASSERT_EQ(channels[0][f], static_cast<float>(2 * f));
+        ASSERT_EQ(channels[1][f], static_cast<float>(2 * f + 1));
+    }
+    for (std::size_t f = 512; f < 640; ++f) {
+        ASSERT_EQ(channels[0][f], -0.5f);
+        ASSERT_EQ(channels[1][f], 0.75f);
+    }
 }
 
 TEST_F(SystemAudioTapInputTest, NoLinesInTheIOBlockWhenSamplingSaysNo) {
