@@ -84,7 +84,7 @@ TEST_F(PreferenceStoreTest, storageLogsEachStepAndKeepsTheEmptyString) {
     }
 }
 
-TEST_F(PreferenceStoreTest, storagesWithDifferentKeysDoNotSeeEachOther) {
+TEST_F(PreferenceStoreTest, keysAreSeparateAndOtherKindsReadAsStringsOnlyWithAStringForm) {
     auto store = freshStore();
     UserDefaultsMicrophoneStorage first(store, "first");
     UserDefaultsMicrophoneStorage second(store, "second");
@@ -93,19 +93,15 @@ TEST_F(PreferenceStoreTest, storagesWithDifferentKeysDoNotSeeEachOther) {
     second.setSelectedMicrophoneId("b");
     first.setSelectedMicrophoneId(std::nullopt);
     EXPECT_EQ(second.getSelectedMicrophoneId(), "b");
-}
 
-TEST_F(PreferenceStoreTest, valuesOfOtherKindsReadAsStringsOnlyWhenTheyHaveAStringForm) {
-    auto store = freshStore();
-    UserDefaultsMicrophoneStorage storage(store, "key");
-    store->setBool("key", true);
-    EXPECT_FALSE(storage.getSelectedMicrophoneId().has_value());
-    store->setInteger("key", 42);
-    EXPECT_EQ(storage.getSelectedMicrophoneId(), "42");
-    store->setNumber("key", 1.5);
-    EXPECT_EQ(storage.getSelectedMicrophoneId(), "1.5");
-    store->setNumber("key", 48000.0);
-    EXPECT_EQ(storage.getSelectedMicrophoneId(), "48000");
+    store->setBool("first", true);
+    EXPECT_FALSE(first.getSelectedMicrophoneId().has_value());
+    store->setInteger("first", 42);
+    EXPECT_EQ(first.getSelectedMicrophoneId(), "42");
+    store->setNumber("first", 1.5);
+    EXPECT_EQ(first.getSelectedMicrophoneId(), "1.5");
+    store->setNumber("first", 48000.0);
+    EXPECT_EQ(first.getSelectedMicrophoneId(), "48000");
 }
 
 // MARK: - The file

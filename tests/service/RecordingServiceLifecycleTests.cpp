@@ -55,7 +55,10 @@ protected:
 
 // MARK: - Start checks
 
-TEST_F(RecordingServiceTest, secondStartIsRefusedWithTheStateItFound) {
+TEST_F(RecordingServiceTest, restartWithoutAStartAndASecondStartAreRefused) {
+    EXPECT_EQ(thrownCode([&] { harness.service().restartRecording(); }), RecordingError::Code::invalidState);
+    EXPECT_EQ(harness.service().recordingState(), RecordingState::idle);
+
     auto stream = startRecording();
     EXPECT_EQ(thrownCode([&] { harness.service().startRecording(makeConfiguration(AudioSources::microphoneOnly())); }),
               RecordingError::Code::invalidState);
@@ -141,12 +144,15 @@ TEST_F(RecordingServiceTest, recorderIsChosenByTheSystemVersionAlone) {
     EXPECT_EQ(harness.sessionManager->deviceInformationLogs(), 2);
 }
 
-TEST_F(RecordingServiceTest, configuredMicrophoneWinsOverTheStoredOne) {
+TEST_F(RecordingServiceTest, configuredMicrophoneAndExplicitFileWinOverTheStoredOneAndAFreshLocation) {
     harness.storage->setSelectedMicrophoneId("built-in");
     const MicrophoneDevice detached{"gone", "Detached", false};
     auto stream = harness.service().startRecording(
-        makeConfiguration(AudioSources::microphoneOnly(), AudioFormat::flac, detached));
+        makeConfiguration(AudioSources::microphoneOnly(), AudioFormat::flac, detached),
+        std::filesystem::path("/tmp/named.flac"));
     EXPECT_EQ(harness.sessionManager->configuredMicrophones().back(), std::optional<MicrophoneDevice>(detached));
+    EXPECT_EQ(harness.recorder()->fileURL(), "/tmp/named.flac");
+    EXPECT_TRUE(harness.generatedFiles().empty());
 }
 
 // MARK: - Forwarding and the end of a recording
@@ -356,11 +362,6 @@ TEST_F(RecordingServiceTest, afterAFailedStartOnlyRestartLeavesTheErrorState) {
     EXPECT_EQ(service.recordingState(), RecordingState::starting);
 }
 
-TEST_F(RecordingServiceTest, restartWithoutAnEarlierStartIsInvalid) {
-    EXPECT_EQ(thrownCode([&] { harness.service().restartRecording(); }), RecordingError::Code::invalidState);
-    EXPECT_EQ(harness.service().recordingState(), RecordingState::idle);
-}
-
 TEST_F(RecordingServiceTest, restartDuringARecordingReleasesTheOldRecorderAndKeepsTheNewSession) {
     auto first = startRecording();
     auto oldRecorder = harness.recorder(0);
@@ -376,14 +377,6 @@ TEST_F(RecordingServiceTest, restartDuringARecordingReleasesTheOldRecorderAndKee
     harness.service().stopRecording();
     auto secondDrained = drain(second);
     EXPECT_THAT(secondDrained.kinds(), ElementsAre(Kind::progress, Kind::finished));
-}
-
-TEST_F(RecordingServiceTest, explicitOutputFileIsUsedInsteadOfAFreshLocation) {
-    auto stream = harness.service().startRecording(makeConfiguration(AudioSources::microphoneOnly()),
-                                                   std::filesystem::path("/tmp/named.wav"));
-    auto recorder = harness.recorder();
-    EXPECT_EQ(recorder->fileURL(), "/tmp/named.wav");
-    EXPECT_TRUE(harness.generatedFiles().empty());
 }
 
 }  // namespace
