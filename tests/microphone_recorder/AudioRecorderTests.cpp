@@ -21,7 +21,6 @@ using velto::testing::drainUntilEnd;
 using velto::testing::rampBlock;
 using velto::testing::readRecording;
 using velto::testing::sineBlock;
-using velto::testing::takeAvailable;
 
 class AudioRecorderTest : public ::testing::Test {
 public:

@@ -175,12 +175,8 @@ TEST_F(UnifiedAudioRecorderTest, EachSourceCaseMixesItsSourcesAtItsGains) {
     }
 }
 
-TEST_F(UnifiedAudioRecorderTest, ProgressIsDrivenByTheClockAndPauseOnlySilencesIt) {
-    auto recorder = UnifiedAudioRecorder::create(
-        file(), RecordingConfiguration(AudioFormat::wav, AudioSources::microphoneOnly(), std::nullopt,
-                                       BufferConfiguration(96000, kJitterFrames, 1024)),
-        fakes.services(), clock, queue, MixingTicks::caller);
-    events = recorder->events();
+TEST_F(UnifiedAudioRecorderTest, ProgressIsDrivenByTheClockAndPauseSilencesItAndIgnoresConfigurationChanges) {
+    auto recorder = start(AudioSources::microphoneOnly());
     int step = 0;
     const auto nextEvent = [&] {
         ++step;
@@ -202,7 +198,13 @@ TEST_F(UnifiedAudioRecorderTest, ProgressIsDrivenByTheClockAndPauseOnlySilencesI
 
     recorder->pause();
     recorder->pause();
-    const int64_t framesBeforePause = recorder->mixer()->totalFramesProcessed();
+    auto mixer = recorder->mixer();
+    fakes.configurationChangeCenter->post();
+    recorder->state();
+    EXPECT_EQ(recorder->mixer(), mixer);
+    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
+                              "Audio configuration changed but not currently recording, ignoring"));
+    const int64_t framesBeforePause = mixer->totalFramesProcessed();
     feedMicrophone(0.1f, 4800 + kJitterFrames);
     mixFor(*recorder, 0.1);
     std::this_thread::sleep_for(std::chrono::milliseconds(30));  // give a stray tick the chance to show
@@ -317,18 +319,6 @@ TEST_F(UnifiedAudioRecorderTest, AConfigurationChangeRebuildsCaptureIntoTheSameF
     const auto recorded = readRecording(file());
     EXPECT_EQ(firstFrames, 24000);
     EXPECT_EQ(recorded.samples.size(), static_cast<size_t>((24000 + kJitterFrames) / 3 + 24000 / 3));
-}
-
-TEST_F(UnifiedAudioRecorderTest, AConfigurationChangeWhilePausedIsIgnored) {
-    auto recorder = start(AudioSources::microphoneOnly());
-    auto mixer = recorder->mixer();
-    recorder->pause();
-    fakes.configurationChangeCenter->post();
-    recorder->state();
-    EXPECT_EQ(recorder->mixer(), mixer);
-    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
-                              "Audio configuration changed but not currently recording, ignoring"));
-    recorder->stop();
 }
 
 TEST_F(UnifiedAudioRecorderTest, AFailedRestartFinishesWithTheFileThenEndsWithTheError) {
