@@ -104,26 +104,20 @@ TEST_F(MicrophoneCaptureTest, RateMismatchIsReportedButCaptureGoesOn) {
     EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "Sample rate mismatch detected! Hardware: 48000.0Hz, Tap: 44100.0Hz"));
 }
 
-TEST_F(MicrophoneCaptureTest, StartWhileCapturingAndStopWhileIdleDoNothing) {
+TEST_F(MicrophoneCaptureTest, RepeatedCallsDoNothingAndStopRemovesTheTapBeforeStoppingTheEngine) {
     auto capture = makeCapture();
     capture->stop();
     EXPECT_THAT(engine->calls(), IsEmpty());
-
     capture->start(1024);
     capture->start(1024);
     EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "Microphone capture already active"));
-    const auto calls = engine->calls();
+    auto calls = engine->calls();
     EXPECT_EQ(std::count(calls.begin(), calls.end(), "start"), 1);
-}
-
-TEST_F(MicrophoneCaptureTest, StopRemovesTheTapBeforeStoppingTheEngineAndEmptiesTheRing) {
-    auto capture = makeCapture();
-    capture->start(1024);
     engine->deliver(*channelNumberedBuffer(1, 1024));
     ASSERT_EQ(capture->ringBuffer()->availableFrames(), 1024);
 
     capture->stop();
-    const auto calls = engine->calls();
+    calls = engine->calls();
     EXPECT_THAT(std::vector<std::string>(calls.end() - 2, calls.end()), ElementsAre("removeTap(0)", "stop"));
     EXPECT_FALSE(capture->isCapturing());
     EXPECT_EQ(capture->ringBuffer()->availableFrames(), 0);

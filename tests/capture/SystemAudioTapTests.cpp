@@ -220,7 +220,7 @@ TEST_F(SystemAudioTapTest, ZeroAggregateDeviceIDFailsWithSuccessStatusAndDestroy
     EXPECT_EQ(std::count(calls.begin(), calls.end(), "destroyAggregateDevice(0)"), 0);
 }
 
-TEST_F(SystemAudioTapTest, StopTearsDownAndStartAgainMakesANewTap) {
+TEST_F(SystemAudioTapTest, StopAndReleaseTearDownInReverseOrderAndStartAgainMakesANewTap) {
     auto tap = makeTap();
     tap->start();
     const auto firstUUID = fakes.audioHardware->lastTapDescription()->uuid;
@@ -235,16 +235,13 @@ TEST_F(SystemAudioTapTest, StopTearsDownAndStartAgainMakesANewTap) {
     tap->start();
     EXPECT_TRUE(tap->isCapturing());
     EXPECT_NE(fakes.audioHardware->lastTapDescription()->uuid, firstUUID);
-}
 
-TEST_F(SystemAudioTapTest, DestructionWhileCapturingStopsFirst) {
-    auto tap = makeTap();
-    tap->start();
+    // Released while capturing, it stops first.
+    fakes.audioHardware->clearCalls();
     tap.reset();
-    const auto calls = fakes.audioHardware->calls();
-    EXPECT_EQ(calls.back(), "destroyProcessTap(77)");
-    const auto messages = logs.messages(kCategory);
-    EXPECT_EQ(messages.back(), "SystemAudioTap deallocated");
+    EXPECT_THAT(fakes.audioHardware->calls(), ElementsAre("deviceStop(88)", "destroyIOProcID(88)",
+                                                          "destroyAggregateDevice(88)", "destroyProcessTap(77)"));
+    EXPECT_EQ(logs.messages(kCategory).back(), "SystemAudioTap deallocated");
 }
 
 // ---- the IO block ----
