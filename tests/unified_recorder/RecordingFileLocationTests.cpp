@@ -57,17 +57,12 @@ TEST_F(RecordingFileLocationTest, AFailureToCreateTheDirectoryIsLoggedAndTheLoca
                                                        ", Error: "));
 }
 
-TEST_F(RecordingFileLocationTest, NamesFilesByLocalTimeAndFormat) {
-    const auto wav = generateRecordingFileURL(AudioFormat::wav, when, support.path());
-    EXPECT_EQ(wav, support.path() / "Recordings" / "Recording-2025-03-03-14-05-09.wav");
-    EXPECT_TRUE(logs.contains(LogLevel::info, "FileStorage", "Generated recording file URL: " + wav.string()));
-    EXPECT_FALSE(std::filesystem::exists(wav));  // only a name: the recorder creates the file
-    EXPECT_EQ(generateRecordingFileURL(AudioFormat::flac, when, support.path()).filename(),
-              "Recording-2025-03-03-14-05-09.flac");
-}
-
-TEST_F(RecordingFileLocationTest, ASecondRecordingInTheSameSecondGetsTheNextFreeSuffix) {
+TEST_F(RecordingFileLocationTest, NamesFilesByLocalTimeAndFormatWithTheNextFreeSuffixWithinASecond) {
     const auto first = generateRecordingFileURL(AudioFormat::wav, when, support.path());
+    EXPECT_EQ(first, support.path() / "Recordings" / "Recording-2025-03-03-14-05-09.wav");
+    EXPECT_TRUE(logs.contains(LogLevel::info, "FileStorage", "Generated recording file URL: " + first.string()));
+    EXPECT_FALSE(std::filesystem::exists(first));  // only a name: the recorder creates the file
+
     { std::ofstream(first) << "taken"; }
     const auto second = generateRecordingFileURL(AudioFormat::wav, when, support.path());
     EXPECT_EQ(second.filename(), "Recording-2025-03-03-14-05-09-2.wav");
