@@ -3,6 +3,7 @@
 #include "logging/LogThinning.hpp"
 #include "microphone_recorder/AudioEngineRecorderError.hpp"
 #include "platform/fake/FakePlatformServices.hpp"
+#include "capture/RingReadBack.hpp"
 #include "support/CapturedLogs.hpp"
 
 #include <gmock/gmock.h>
@@ -15,6 +16,7 @@ namespace {
 
 using namespace platform;
 using testing::CapturedLogs;
+using testing::readAllFrames;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -39,16 +41,6 @@ std::shared_ptr<PcmBuffer> channelNumberedBuffer(std::uint32_t channels, std::ui
     for (std::uint32_t c = 0; c < channels; ++c) std::fill(data[c], data[c] + frames, static_cast<float>(c + 1));
     buffer->setFrameLength(frames);
     return buffer;
-}
-
-std::vector<std::vector<float>> drain(FloatRingBuffer& ring) {
-    const auto frames = ring.availableFrames();
-    std::vector<std::vector<float>> channels(static_cast<std::size_t>(ring.channels()),
-                                             std::vector<float>(static_cast<std::size_t>(frames)));
-    std::vector<float*> destinations;
-    for (auto& channel : channels) destinations.push_back(channel.data());
-    ring.read(destinations, frames);
-    return channels;
 }
 
 class MicrophoneCaptureTest : public ::testing::Test {
@@ -155,7 +147,7 @@ TEST_F(MicrophoneCaptureTest, ChannelsAreMappedOntoTheRingAndTheSampledLineSaysH
         auto capture = makeCapture(c.ringChannels);
         capture->start(1024);
         engine->deliver(*channelNumberedBuffer(c.inputChannels, 480));
-        const auto channels = drain(*capture->ringBuffer());
+        const auto channels = readAllFrames(*capture->ringBuffer());
         ASSERT_EQ(channels.size(), c.expectedPerRingChannel.size());
         for (std::size_t r = 0; r < channels.size(); ++r) {
             ASSERT_EQ(channels[r].size(), 480u);

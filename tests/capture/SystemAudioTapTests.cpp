@@ -3,6 +3,7 @@
 #include "dispatch/SerialQueue.hpp"
 #include "logging/LogThinning.hpp"
 #include "platform/fake/FakePlatformServices.hpp"
+#include "capture/RingReadBack.hpp"
 #include "support/CapturedLogs.hpp"
 #include "veltoaudio/RecordingError.hpp"
 
@@ -17,6 +18,7 @@ namespace {
 
 using namespace platform;
 using testing::CapturedLogs;
+using testing::readAllFrames;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -26,17 +28,6 @@ class SystemAudioTapTest : public ::testing::Test {
 protected:
     std::shared_ptr<SystemAudioTap> makeTap(std::int64_t capacityFrames = 96000) {
         return SystemAudioTap::create(2, capacityFrames, fakes.services());
-    }
-
-    // Frames of a two-channel ring, read back channel by channel.
-    static std::vector<std::vector<float>> drain(FloatRingBuffer& ring) {
-        const auto frames = ring.availableFrames();
-        std::vector<std::vector<float>> channels(static_cast<std::size_t>(ring.channels()),
-                                                 std::vector<float>(static_cast<std::size_t>(frames)));
-        std::vector<float*> destinations;
-        for (auto& channel : channels) destinations.push_back(channel.data());
-        ring.read(destinations, frames);
-        return channels;
     }
 
     FakePlatformServices fakes;
@@ -265,7 +256,7 @@ TEST_F(SystemAudioTapInputTest, InterleavedChannelsBeyondTheRingAndCyclesOver204
     }
     AudioBuffer threeChannels{3, 3 * 100 * 4, interleaved.data()};
     fakes.audioHardware->deliverInput(AudioBufferList{1, &threeChannels});
-    const auto channels = drain(*tap->ringBuffer());
+    const auto channels = readAllFrames(*tap->ringBuffer());
     ASSERT_EQ(channels[0].size(), 100u);
     EXPECT_THAT(channels[0], ::testing::Each(1.0f));
     EXPECT_THAT(channels[1], ::testing::Each(2.0f));
@@ -316,7 +307,7 @@ TEST_F(SystemAudioTapInputTest, BothLayoutsAreWrittenFrameByFrameAndTheSampledLi
     EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory,
                               "SystemAudioTap (non-interleaved) wrote 128/128 frames to ring buffer (available: 640/8192)"));
 
-    const auto channels = drain(*tap->ringBuffer());
+    const auto channels = readAllFrames(*tap->ringBuffer());
     ASSERT_EQ(channels[0].size(), 640u);
     for (std::size_t f = 0; f < 512; ++f) {
         ASSERT_EQ(channels[0][f], static_cast<float>(2 * f));
