@@ -227,15 +227,6 @@ TEST_F(AudioRecorderTest, StartFailuresEndTheStreamWithTheirOwnError) {
         {"preferred microphone not discovered", [](AudioRecorderTest&) {},
          MicrophoneDevice{"missing-mic", "Missing", false}, "Unknown recording error occurred",
          "Could not find AVCaptureDevice for microphone ID: missing-mic"},
-        {"device refuses selection",
-         [](AudioRecorderTest& t) {
-             t.fakes.captureDeviceDiscovery->setDevices({{"BuiltInMicrophoneDevice", "Built-in", {}}});
-             platform::FakeAudioInputEngine::Script script;
-             script.setCurrentDeviceStatus = -10851;
-             t.fakes.audioEngineFactory = platform::FakeAudioEngineFactory::create(script);
-         },
-         MicrophoneDevice{"BuiltInMicrophoneDevice", "Built-in", true}, "Unknown recording error occurred",
-         "Failed to set input device on AudioUnit: OSStatus = -10851"},
         // Last: it takes the output directory away.
         {"output directory missing",
          [](AudioRecorderTest& t) { std::filesystem::remove_all(t.directory.path()); },
