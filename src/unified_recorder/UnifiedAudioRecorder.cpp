@@ -301,18 +301,17 @@ void UnifiedAudioRecorder::startForwarding(const std::shared_ptr<AudioMixer>& mi
     // Blocks are relayed on the mixer's own thread as they are mixed, rather than by a
     // thread of ours woken for every block. The relay holds the shared live output and
     // only a weak reference to the mixer: whoever yields a block already holds the mixer.
-    auto blocks = mixer->audioStream();
-    blocks.relay([weakMixer, live = liveOutput_](std::shared_ptr<PcmBuffer> block) {
+    relayedMixerStream_ = mixer->audioStream();
+    relayedMixerStream_.relay([weakMixer, live = liveOutput_](std::shared_ptr<PcmBuffer> block) {
         live->audioStreamContinuation.yield(std::move(block));
         if (auto yieldingMixer = weakMixer.lock()) live->setLevels(yieldingMixer->currentLevels());
     });
-    relayedMixerStreams_.push_back(std::move(blocks));
 }
 
 void UnifiedAudioRecorder::endForwarding() {
-    // Called once the mixers have stopped (stopMixing finishes their streams): no relay
-    // runs any more, and the consumer ends can go.
-    relayedMixerStreams_.clear();
+    // Called once the mixer has stopped (stopMixing finishes its stream): no relay runs
+    // any more, and the consumer end can go.
+    relayedMixerStream_ = {};
 }
 
 void UnifiedAudioRecorder::startProgressTimer() {

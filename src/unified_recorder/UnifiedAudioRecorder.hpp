@@ -22,7 +22,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <vector>
 
 #include "dispatch/Clock.hpp"
 #include "dispatch/RepeatingTimer.hpp"
@@ -137,8 +136,8 @@ private:
     std::optional<double> recordingStartSeconds_;
     RecorderState recorderState_ = RecorderState::idle;
     std::optional<platform::ConfigurationChangeObserverToken> configurationChangeObserver_;
-    // The consumer end of each mixer's stream, kept while its blocks are relayed.
-    std::vector<AudioBufferStream> relayedMixerStreams_;
+    // The consumer end of the running mixer's stream, kept while its blocks are relayed.
+    AudioBufferStream relayedMixerStream_;
 };
 
 const char* caseName(UnifiedAudioRecorder::RecorderState state);

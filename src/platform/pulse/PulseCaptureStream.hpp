@@ -5,8 +5,7 @@
 // The server is asked for fragments of one block. The read callback runs on the
 // main-loop thread: it only copies what arrives into a preallocated lock-free ring and,
 // once a whole block is stored, wakes the delivery thread (it never allocates, locks or
-// logs). The delivery thread cuts the ring into blocks and
-// hands each to `Delivery`.
+// logs). The delivery thread cuts the ring into blocks and hands each to `Delivery`.
 // Fragments that do not fit the ring (the consumer stalled for over a second) are
 // dropped and counted. While the source delivers nothing (an idle monitor), silence
 // blocks keep the stream's pace (see SilencePacer); the first delivery of a source slow
