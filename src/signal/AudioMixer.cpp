@@ -387,10 +387,16 @@ void AudioMixer::drainRemainingAudio() {
     const auto systemRing = system_.ring.lock();
     const auto microphoneRing = microphone_.ring.lock();
     if (!systemRing && !microphoneRing) return;
+    // The sources keep capturing while the stop runs. The drain takes what the
+    // rings hold now and nothing that arrives later: a source read short is
+    // padded with silence, and audio arriving after that padding would put a
+    // gap inside the recording's last moments.
+    for (auto [source, ring] : {std::pair{&system_, systemRing.get()}, std::pair{&microphone_, microphoneRing.get()}}) {
+        if (ring) source->drainEndSourceFrames = source->sourceFramesConsumed + ring->availableFrames();
+    }
     const auto mixingFramesIn = [this](const Source& source, const std::shared_ptr<FloatRingBuffer>& ring) -> int64_t {
         if (!ring) return 0;
-        return scaleFramesDown(source.sourceFramesConsumed + ring->availableFrames(), mixingSampleRate_,
-                               source.sampleRate) -
+        return scaleFramesDown(source.drainEndSourceFrames, mixingSampleRate_, source.sampleRate) -
                source.mixingFramesAccounted;
     };
     // The rings, in blocks; a source that runs out first is padded with silence
@@ -399,8 +405,8 @@ void AudioMixer::drainRemainingAudio() {
         const int64_t frames = std::min(
             bufferFrameCapacity_, std::max(mixingFramesIn(system_, systemRing), mixingFramesIn(microphone_, microphoneRing)));
         if (frames < 1) break;
-        if (systemRing) processSource(system_, systemRing, frames, /*padShortfall=*/true);
-        if (microphoneRing) processSource(microphone_, microphoneRing, frames, /*padShortfall=*/true);
+        if (systemRing) processSource(system_, systemRing, frames, /*draining=*/true);
+        if (microphoneRing) processSource(microphone_, microphoneRing, frames, /*draining=*/true);
         mixSources(frames, systemRing != nullptr, microphoneRing != nullptr);
         writeOutput(frames);
         totalFramesProcessed_ += frames;
@@ -445,7 +451,7 @@ void AudioMixer::drainRemainingAudio() {
 }
 
 void AudioMixer::processSource(Source& source, const std::shared_ptr<FloatRingBuffer>& ring, int64_t frames,
-                               bool padShortfall) {
+                               bool draining) {
     const auto snapshot = ring->snapshot();
     const int64_t needFrames =
         scaleFramesDown(source.mixingFramesAccounted + frames, source.sampleRate, mixingSampleRate_) -
@@ -453,8 +459,11 @@ void AudioMixer::processSource(Source& source, const std::shared_ptr<FloatRingBu
     float* block = source.blockBuffer.get();
     // The work arrays are zeros beyond what a read writes, so a short read is
     // padded with silence.
-    const int64_t readFrames = std::min<int64_t>(needFrames, snapshot.framesAvailable);
-    if (readFrames < needFrames && !padShortfall) {
+    int64_t readFrames = std::min<int64_t>(needFrames, snapshot.framesAvailable);
+    if (draining) {
+        readFrames = std::min(readFrames, std::max<int64_t>(0, source.drainEndSourceFrames - source.sourceFramesConsumed));
+    }
+    if (readFrames < needFrames && !draining) {
         // The source sits this block out; its own timeline waits, so nothing
         // of it is skipped.
         addUnderrun();

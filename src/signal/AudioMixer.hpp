@@ -124,6 +124,7 @@ private:
         bool usesAlignment = false;
         int64_t mixingFramesAccounted = 0;  // mixing frames this source has been read for
         int64_t sourceFramesConsumed = 0;   // = floor(mixingFramesAccounted × rate ÷ mixing rate)
+        int64_t drainEndSourceFrames = 0;   // where the final drain stops reading this source
         std::unique_ptr<float[]> blockBuffer;  // the source's mono block at the mixing rate
         std::unique_ptr<float[]> tempBuffer;   // mono at the source rate
         std::unique_ptr<float[]> leftBuffer;
@@ -141,7 +142,7 @@ private:
                             const std::shared_ptr<FloatRingBuffer>& microphoneRing);
     int64_t framesWithinReserve(const Source& source, int64_t availableFrames) const;
     void processSource(Source& source, const std::shared_ptr<FloatRingBuffer>& ring, int64_t frames,
-                       bool padShortfall = false);
+                       bool draining = false);
     void drainRemainingAudio();
     void convertSourceBlock(Source& source, int64_t needFrames, int64_t frames);
     void mixSources(int64_t frames, bool withSystem, bool withMicrophone);

@@ -236,6 +236,31 @@ TEST(AudioMixerTest, StopWritesOutTheReserveThenEndsTheStreamOnceAndReleasesTheF
     EXPECT_EQ(path.rig.mixer->totalFramesProcessed(), 3072 + 100);
 }
 
+TEST(AudioMixerTest, StopTakesWhatTheRingsHeldAndNothingThatArrivesDuringIt) {
+    MixerRig rig;
+    ScratchFolder folder("velto-mixer-drain");
+    auto file = AudioFile::openForWriting(folder.file("mix.wav"), makeAudioSettings(AudioFormat::wav));
+    auto systemRing = FloatRingBuffer::create(1, 96000);
+    auto microphoneRing = FloatRingBuffer::create(1, 96000);
+    rig.mixer->startDualSourceMixing(systemRing, 16000, 1, microphoneRing, 16000, file, file->processingFormat());
+    writeConstant(*systemRing, 0.0f, 3072 + 500);
+    writeConstant(*microphoneRing, 0.3f, 3072);
+    // The microphone goes on capturing while the stop drains: each block
+    // handed out is followed by more of it.
+    std::vector<float> drained;
+    rig.mixer->audioStream().relay([&](std::shared_ptr<PcmBuffer> block) {
+        const float* samples = block->floatChannelData()[0];
+        drained.insert(drained.end(), samples, samples + block->frameLength());
+        writeConstant(*microphoneRing, 0.7f, 100);
+    });
+    rig.mixer->stopMixing();
+    // The microphone ran out first and is padded for the system's extra 500
+    // frames; what it captured after the stop began is not in the recording.
+    std::vector<float> expected(3072, 0.3f);
+    expected.resize(3072 + 500, 0.0f);
+    EXPECT_EQ(drained, expected);
+}
+
 TEST(AudioMixerTest, FailedWriteIsLoggedEveryTimeAndReportedOnce) {
     DirectPath path;
     int reports = 0;
