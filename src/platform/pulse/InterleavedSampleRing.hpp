@@ -1,7 +1,7 @@
 #pragma once
-// A lock-free single-producer single-consumer ring of interleaved float frames: the
-// hand-over from a PulseAudio read callback (producer, main-loop thread) to a delivery
-// thread (consumer). Storage is allocated once; neither side allocates, blocks or locks.
+// A lock-free single-producer single-consumer ring of interleaved float frames, where a
+// capture stream gathers the server's fragments until they make whole blocks. Storage
+// is allocated once; neither side allocates, blocks or locks.
 //
 // Threads: write() from one producer thread, read() from one consumer thread;
 // availableFrames() from either.

@@ -287,12 +287,11 @@ OSStatus PulseAudioHardware::deviceStart(AudioObjectID deviceID, AudioDeviceIOPr
         options.channels = kTapChannels;
         options.blockFrames = kIOBlockFrames;
         options.streamName = "VeltoAudio system audio";
-        options.threadName = "velto-tap-io";
     }
-    // The block runs on the stream's delivery thread rather than hopping onto the
-    // proc's queue: that thread already gives what the queue promises (one block at a
-    // time, in order, none after deviceStop returns), and a hop would cost two context
-    // switches per block.
+    // The block runs where the stream delivers, on the main-loop thread, rather than
+    // hopping onto the proc's queue: that thread already gives what the queue promises
+    // (one block at a time, in order, none after deviceStop returns), and a hop would
+    // cost two context switches per block.
     auto block = proc->block;
     const std::uint32_t channels = options.channels;
     std::unique_ptr<PulseCaptureStream> stream;

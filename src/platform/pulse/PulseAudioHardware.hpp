@@ -10,7 +10,7 @@
 //   aggregate device a validated description naming a tap; recording from it records
 //                    the tap's monitor
 //   IO block         a record stream on that monitor; its blocks run one at a time on the
-//                    stream's delivery thread (serial, like the queue given)
+//                    main-loop thread (serial, like the queue given)
 //
 // Failures map onto Core Audio statuses: an unreachable server is
 // kAudioHardwareNotRunningError, an unknown object kAudioHardwareBadObjectError, an

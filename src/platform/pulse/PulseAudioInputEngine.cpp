@@ -110,7 +110,6 @@ void PulseAudioInputEngine::start() {
     options.channels = format.channelCount;
     options.blockFrames = blockFrames;
     options.streamName = "VeltoAudio microphone";
-    options.threadName = "velto-mic-io";
     stream_ = PulseCaptureStream::open(connection_, options, [this](const float* interleaved, std::uint32_t frames) {
         PcmBuffer& block = *deliveryBuffer_;
         const std::uint32_t channels = block.channelCount();

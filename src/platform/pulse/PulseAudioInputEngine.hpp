@@ -2,10 +2,10 @@
 // An audio-engine input on a PulseAudio source: the default source, or the one chosen
 // with setCurrentDevice(). It records 32-bit float in the source's own rate and channel
 // count and hands the tap non-interleaved blocks of the requested frame count on the
-// stream's delivery thread.
+// PulseAudio main-loop thread.
 //
 // Threads: control methods from the owner, one at a time. The tap block runs on the
-// delivery thread; removeTap() and stop() wait for a running block to return, so they
+// main-loop thread; removeTap() and stop() wait for a running block to return, so they
 // must not be called from inside the block.
 
 #include "platform/AudioInputEngine.hpp"
@@ -55,7 +55,7 @@ private:
     std::shared_ptr<platform::AudioInputTapBlock> tap_;
     std::uint32_t tapFrames_ = kDefaultTapFrames;
     std::optional<PcmFormat> tapFormat_;
-    std::shared_ptr<PcmBuffer> deliveryBuffer_;  // delivery thread only while running
+    std::shared_ptr<PcmBuffer> deliveryBuffer_;  // main-loop thread only while running
 };
 
 class PulseAudioEngineFactory final : public platform::AudioEngineFactory {

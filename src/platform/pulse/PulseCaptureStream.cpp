@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <chrono>
 
-#include <pthread.h>
-
 namespace velto::pulse {
 namespace {
 
@@ -24,7 +22,7 @@ constexpr double kIdleAfterSeconds = 0.2;
 // after the start), and a recording then comes out short.
 constexpr double kFirstAudioGraceSeconds = kIdleAfterSeconds;
 
-// Lost frames are reported from the delivery thread, at most this often.
+// Lost frames are reported at most this often.
 constexpr double kDropReportIntervalSeconds = 1.0;
 
 LoggerCompat& logger() {
@@ -61,7 +59,8 @@ PulseCaptureStream::PulseCaptureStream(std::shared_ptr<PulseConnection> connecti
       options_(options),
       delivery_(std::move(delivery)),
       ring_(options.channels, ringCapacityFrames(options)),
-      block_(static_cast<std::size_t>(options.blockFrames) * options.channels) {}
+      block_(static_cast<std::size_t>(options.blockFrames) * options.channels),
+      pacer_(options.sampleRateHertz, options.blockFrames, kIdleAfterSeconds, kFirstAudioGraceSeconds) {}
 
 PulseCaptureStream::~PulseCaptureStream() { close(); }
 
@@ -85,11 +84,16 @@ void PulseCaptureStream::connect() {
         if (context == nullptr) fail(PA_ERR_CONNECTIONTERMINATED, "Cannot reach the sound server");
         stream_ = pa_stream_new(context, options_.streamName.c_str(), &sampleSpec, &map);
         if (stream_ == nullptr) fail(pa_context_errno(context), "Cannot create the record stream");
+        // Disabled until the stream is ready (an invalid time keeps it from firing).
+        silenceTimer_ = pa_context_rttime_new(context, PA_USEC_INVALID, timerCallback, this);
+        // Kept for re-arming the timer: the stream lets go of its context when the server goes away.
+        timerContext_ = pa_context_ref(context);
         pa_stream_set_state_callback(stream_, stateCallback, this);
         pa_stream_set_read_callback(stream_, readCallback, this);
-        // Fragments of one block: larger ones wake this process less often, but the
-        // source then renders in larger pieces too, and the last piece of a sound stays
-        // with the server until the sink plays again.
+        // Fragments of one block. Larger ones would wake this process less often, but
+        // the source then posts in pieces of that size too: a stop or a device change
+        // would lose up to a whole fragment the server has not yet sent, and on an idle
+        // null sink the last piece of a sound stays with the server until it plays again.
         pa_buffer_attr attributes{};
         attributes.maxlength = static_cast<std::uint32_t>(-1);
         attributes.fragsize = options_.blockFrames * options_.channels * static_cast<std::uint32_t>(sizeof(float));
@@ -127,25 +131,27 @@ void PulseCaptureStream::connect() {
                                                                         : "source " + options_.sourceName));
     }
     alive_ = true;
-    deliveryThread_ = std::thread([this] { deliveryLoop(); });
 }
 
 void PulseCaptureStream::close() {
-    // Disconnect first (no read callback after this), then stop and join the delivery thread.
-    {
-        PulseConnection::MainloopLock lock(*connection_);
-        if (stream_ != nullptr) {
-            pa_stream_set_read_callback(stream_, nullptr, nullptr);
-            pa_stream_set_state_callback(stream_, nullptr, nullptr);
-            pa_stream_disconnect(stream_);
-            pa_stream_unref(stream_);
-            stream_ = nullptr;
-        }
+    PulseConnection::MainloopLock lock(*connection_);
+    if (silenceTimer_ != nullptr) {
+        pa_mainloop_api* api = pa_threaded_mainloop_get_api(connection_->mainloop());
+        api->time_free(silenceTimer_);
+        silenceTimer_ = nullptr;
+    }
+    if (timerContext_ != nullptr) {
+        pa_context_unref(timerContext_);
+        timerContext_ = nullptr;
+    }
+    if (stream_ != nullptr) {
+        pa_stream_set_read_callback(stream_, nullptr, nullptr);
+        pa_stream_set_state_callback(stream_, nullptr, nullptr);
+        pa_stream_disconnect(stream_);
+        pa_stream_unref(stream_);
+        stream_ = nullptr;
     }
     alive_ = false;
-    stopping_ = true;
-    dataReady_.raise();
-    if (deliveryThread_.joinable()) deliveryThread_.join();
 }
 
 void PulseCaptureStream::stateCallback(pa_stream* stream, void* userdata) {
@@ -154,6 +160,12 @@ void PulseCaptureStream::stateCallback(pa_stream* stream, void* userdata) {
     {
         std::lock_guard lock(self->stateMutex_);
         self->streamState_ = state;
+    }
+    if (state == PA_STREAM_READY) {
+        // The stream's time starts now: silence due before the first audio counts from here.
+        self->readySeconds_ = monotonicSeconds();
+        self->pacer_.start(self->readySeconds_);
+        self->armTimer(self->readySeconds_);
     }
     if (state == PA_STREAM_FAILED || state == PA_STREAM_TERMINATED) self->alive_ = false;
     self->stateChanged_.notify_all();
@@ -175,88 +187,98 @@ void PulseCaptureStream::readCallback(pa_stream* stream, std::size_t, void* user
         }
         pa_stream_drop(stream);
     }
-    // Wake the delivery thread only once a whole block is stored: the server may send it
-    // in smaller pieces, and every needless wake-up costs a context switch.
-    if (self->ring_.availableFrames() >= self->options_.blockFrames) self->dataReady_.raise();
+    self->deliverDue();
+}
+
+void PulseCaptureStream::timerCallback(pa_mainloop_api*, pa_time_event*, const struct timeval*, void* userdata) {
+    auto* self = static_cast<PulseCaptureStream*>(userdata);
+    const double now = monotonicSeconds();
+    // The main loop runs due timers before it reads its sockets. When the loop itself
+    // was held up (a starved process), data that arrived meanwhile is still unread, and
+    // silence given now would turn it into backlog to drop: look again once it is read.
+    if (now - self->timerDueSeconds_ > self->blockSeconds()) {
+        self->armTimerAt(now);
+        return;
+    }
+    self->deliverDue();
+    self->armTimer(now);
 }
 
 std::string PulseCaptureStream::sourceLabel() const {
     return options_.sourceName.empty() ? std::string("the default source") : options_.sourceName;
 }
 
-void PulseCaptureStream::deliveryLoop() {
-    pthread_setname_np(pthread_self(), options_.threadName.substr(0, 15).c_str());
-    SilencePacer pacer(options_.sampleRateHertz, options_.blockFrames, kIdleAfterSeconds, kFirstAudioGraceSeconds);
-    const double openedSeconds = monotonicSeconds();
-    pacer.start(openedSeconds);
-    bool heardFirstAudio = false;
-    std::uint64_t reportedDrops = 0;
-    double lastDropReportSeconds = 0.0;
-    // Data wakes this thread. The time-out only drives the silence filling: while the
-    // source delivers, nothing is due before it has been quiet for the idle wait; while
-    // it is idle (or not yet heard), silence is due once per block.
-    const auto blockInterval = std::chrono::microseconds(
-        static_cast<std::int64_t>(1e6 * options_.blockFrames / options_.sampleRateHertz));
-    const auto idleWait = std::chrono::microseconds(static_cast<std::int64_t>(1e6 * kIdleAfterSeconds));
-    while (!stopping_.load()) {
-        if (ring_.availableFrames() < options_.blockFrames) {
-            (void)dataReady_.waitFor(heardFirstAudio && !pacer.isIdle() ? idleWait : blockInterval);
+void PulseCaptureStream::armTimer(double nowSeconds) {
+    // While the source delivers, nothing can be due before it has been quiet for the
+    // idle wait, so the timer fires a few times a second rather than with every block
+    // (re-arming it wakes the main loop once more). While the source is idle, or not
+    // yet heard, silence is due once per block.
+    double waitSeconds = blockSeconds();
+    if (heardFirstAudio_ && !pacer_.isIdle()) {
+        waitSeconds = std::max(waitSeconds, lastRealBlockSeconds_ + kIdleAfterSeconds - nowSeconds);
+    }
+    armTimerAt(nowSeconds + waitSeconds);
+}
+
+void PulseCaptureStream::armTimerAt(double dueSeconds) {
+    timerDueSeconds_ = dueSeconds;
+    const double waitSeconds = std::max(0.0, dueSeconds - monotonicSeconds());
+    pa_context_rttime_restart(timerContext_, silenceTimer_, pa_rtclock_now() + static_cast<pa_usec_t>(waitSeconds * 1e6));
+}
+
+void PulseCaptureStream::deliverSilence(std::uint32_t blocks) {
+    std::fill(block_.begin(), block_.end(), 0.0f);
+    for (; blocks > 0; --blocks) {
+        delivery_(block_.data(), options_.blockFrames);
+        silenceBlocks_.fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+void PulseCaptureStream::deliverDue() {
+    const std::uint64_t toleranceFrames = 2ull * options_.blockFrames;
+    if (ring_.availableFrames() >= options_.blockFrames) {
+        if (!heardFirstAudio_) {
+            // A source that began capturing late: the stream still starts when it was ready.
+            deliverSilence(pacer_.takeSilenceBlocksBeforeFirstAudio(monotonicSeconds(), ring_.availableFrames(),
+                                                                    toleranceFrames));
+        } else if (pacer_.isIdle()) {
+            const std::uint64_t drop = pacer_.backlogToDrop(ring_.availableFrames(), toleranceFrames);
+            if (drop > 0) droppedFrames_.fetch_add(ring_.discard(static_cast<std::uint32_t>(drop)));
         }
-        if (ring_.availableFrames() >= options_.blockFrames) {
-            if (!heardFirstAudio) {
-                // A source that began capturing late: the stream still starts at open().
-                std::fill(block_.begin(), block_.end(), 0.0f);
-                for (std::uint32_t silent = pacer.takeSilenceBlocksBeforeFirstAudio(
-                         monotonicSeconds(), ring_.availableFrames(), 2ull * options_.blockFrames);
-                     silent > 0 && !stopping_.load(); --silent) {
-                    delivery_(block_.data(), options_.blockFrames);
-                    silenceBlocks_.fetch_add(1, std::memory_order_relaxed);
-                }
-            } else if (pacer.isIdle()) {
-                const std::uint64_t drop = pacer.backlogToDrop(ring_.availableFrames(), 2ull * options_.blockFrames);
-                if (drop > 0) droppedFrames_.fetch_add(ring_.discard(static_cast<std::uint32_t>(drop)));
-            }
+    }
+    bool delivered = false;
+    while (ring_.read(block_.data(), options_.blockFrames)) {
+        delivery_(block_.data(), options_.blockFrames);
+        deliveredBlocks_.fetch_add(1, std::memory_order_relaxed);
+        delivered = true;
+    }
+    const double now = monotonicSeconds();
+    if (const std::uint64_t drops = droppedFrames_.load(std::memory_order_relaxed);
+        drops != reportedDrops_ && now - lastDropReportSeconds_ >= kDropReportIntervalSeconds) {
+        logger().error("Capture from " + sourceLabel() + " lost " + std::to_string(drops - reportedDrops_) + " frames");
+        reportedDrops_ = drops;
+        lastDropReportSeconds_ = now;
+    }
+    if (delivered) {
+        if (!heardFirstAudio_) {
+            heardFirstAudio_ = true;
+            logger().debug("First audio from " + sourceLabel() + " after " +
+                           std::to_string(static_cast<int>((now - readySeconds_) * 1000.0)) + " ms, " +
+                           std::to_string(silenceBlocks_.load()) + " silence blocks before it");
         }
-        bool delivered = false;
-        while (!stopping_.load() && ring_.read(block_.data(), options_.blockFrames)) {
-            delivery_(block_.data(), options_.blockFrames);
-            deliveredBlocks_.fetch_add(1, std::memory_order_relaxed);
-            delivered = true;
-        }
-        const double now = monotonicSeconds();
-        if (const std::uint64_t drops = droppedFrames_.load(std::memory_order_relaxed);
-            drops != reportedDrops && now - lastDropReportSeconds >= kDropReportIntervalSeconds) {
-            logger().error("Capture from " + sourceLabel() + " lost " + std::to_string(drops - reportedDrops) + " frames");
-            reportedDrops = drops;
-            lastDropReportSeconds = now;
-        }
-        if (delivered) {
-            if (!heardFirstAudio) {
-                heardFirstAudio = true;
-                logger().debug("First audio from " + sourceLabel() + " after " +
-                               std::to_string(static_cast<int>((now - openedSeconds) * 1000.0)) + " ms, " +
-                               std::to_string(silenceBlocks_.load()) + " silence blocks before it");
-            }
-            pacer.noteRealBlock(now);
-            continue;
-        }
-        std::uint32_t silent = pacer.takeSilenceBlocksDue(now);
-        if (silent > 0) {
-            // The source went quiet with a partial block stored: that tail goes out first,
-            // padded with silence, rather than waiting for the source to come back.
-            const std::uint32_t tailFrames = ring_.readAvailable(block_.data(), options_.blockFrames);
+        pacer_.noteRealBlock(now);
+        lastRealBlockSeconds_ = now;
+    } else if (std::uint32_t silent = pacer_.takeSilenceBlocksDue(now); silent > 0) {
+        // The source went quiet with a partial block stored: that tail goes out first,
+        // padded with silence, rather than waiting for the source to come back.
+        const std::uint32_t tailFrames = ring_.readAvailable(block_.data(), options_.blockFrames);
+        if (tailFrames > 0) {
             std::fill(block_.begin() + static_cast<std::ptrdiff_t>(tailFrames) * options_.channels, block_.end(), 0.0f);
-            if (tailFrames > 0) {
-                delivery_(block_.data(), options_.blockFrames);
-                silenceBlocks_.fetch_add(1, std::memory_order_relaxed);
-                std::fill(block_.begin(), block_.end(), 0.0f);
-                --silent;
-            }
-        }
-        for (; silent > 0 && !stopping_.load(); --silent) {
             delivery_(block_.data(), options_.blockFrames);
             silenceBlocks_.fetch_add(1, std::memory_order_relaxed);
+            --silent;
         }
+        deliverSilence(silent);
     }
 }
 

@@ -1,24 +1,23 @@
 #pragma once
 // One PulseAudio record stream of 32-bit float frames from a source, delivered in blocks
-// of a fixed frame count on a delivery thread of its own.
+// of a fixed frame count on the main-loop thread.
 //
-// The server is asked for fragments of one block. The read callback runs on the
-// main-loop thread: it only copies what arrives into a preallocated lock-free ring and,
-// once a whole block is stored, wakes the delivery thread (it never allocates, locks or
-// logs). The delivery thread cuts the ring into blocks and hands each to `Delivery`.
-// Fragments that do not fit the ring (the consumer stalled for over a second) are
-// dropped and counted. While the source delivers nothing (an idle monitor), silence
-// blocks keep the stream's pace (see SilencePacer); the first delivery of a source slow
-// to start is never cut.
+// The server is asked for fragments of one block. The read callback stores what
+// arrives in a preallocated ring, cuts it into blocks and hands each to `Delivery`
+// (it never allocates or locks; it logs only sampled lines). Handing blocks on where
+// they arrive costs no wake-up of another thread: on a virtual machine every context
+// switch costs more than the copy. While the source delivers nothing (an idle monitor),
+// a main-loop timer delivers silence blocks to keep the stream's pace (see
+// SilencePacer); the first delivery of a source slow to start is never cut.
 //
-// Threads: open() and close()/destruction from one owner thread. After close() returns,
-// no read callback runs and `Delivery` is not called again. Delivery must not close
-// its own stream.
+// Threads: open() and close()/destruction from one owner thread, never the main-loop
+// thread. After close() returns, no callback runs and `Delivery` is not called again.
+// Delivery runs with the main-loop lock held: it must be short, and must neither close
+// its own stream nor call back into the connection.
 
 #include "platform/pulse/InterleavedSampleRing.hpp"
 #include "platform/pulse/PulseConnection.hpp"
 #include "platform/pulse/SilencePacer.hpp"
-#include "platform/pulse/WakeupSignal.hpp"
 
 #include <atomic>
 #include <condition_variable>
@@ -26,7 +25,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace velto::pulse {
@@ -37,12 +35,11 @@ struct PulseCaptureStreamOptions {
     std::uint32_t channels = 2;
     std::uint32_t blockFrames = 512;
     std::string streamName = "VeltoAudio capture";
-    std::string threadName = "velto-capture";  // of the delivery thread; at most 15 characters
 };
 
 class PulseCaptureStream {
 public:
-    // Called on the delivery thread with `blockFrames` interleaved frames.
+    // Called on the main-loop thread with `blockFrames` interleaved frames.
     using Delivery = std::function<void(const float* interleaved, std::uint32_t frames)>;
 
     // Connects the stream and waits until it records; throws PlatformError (domain
@@ -53,7 +50,7 @@ public:
     PulseCaptureStream(const PulseCaptureStream&) = delete;
     PulseCaptureStream& operator=(const PulseCaptureStream&) = delete;
 
-    // Disconnects the stream, then stops and joins the delivery thread. Idempotent.
+    // Disconnects the stream and stops its timer. Idempotent.
     void close();
 
     std::uint64_t droppedFrames() const { return droppedFrames_.load(); }
@@ -68,30 +65,42 @@ public:
 private:
     static void readCallback(pa_stream* stream, std::size_t bytes, void* userdata);
     static void stateCallback(pa_stream* stream, void* userdata);
+    static void timerCallback(pa_mainloop_api* api, pa_time_event* event, const struct timeval* when, void* userdata);
     void connect();  // throws
-    void deliveryLoop();
+    // Main-loop thread: delivers the whole blocks stored and the silence due, and reports losses.
+    void deliverDue();
+    void deliverSilence(std::uint32_t blocks);
+    void armTimer(double nowSeconds);  // for when silence may next be due
+    void armTimerAt(double dueSeconds);
+    double blockSeconds() const { return options_.blockFrames / options_.sampleRateHertz; }
     std::string sourceLabel() const;
 
     std::shared_ptr<PulseConnection> connection_;
     const PulseCaptureStreamOptions options_;
     Delivery delivery_;
-    pa_stream* stream_ = nullptr;  // guarded by the main-loop lock
+    pa_stream* stream_ = nullptr;          // guarded by the main-loop lock
+    pa_time_event* silenceTimer_ = nullptr;  // guarded by the main-loop lock
+    pa_context* timerContext_ = nullptr;     // guarded by the main-loop lock
 
+    // Main-loop thread only, from the moment the stream is ready.
     InterleavedSampleRing ring_;
-    std::vector<float> block_;  // delivery thread only
+    std::vector<float> block_;
+    SilencePacer pacer_;
+    double readySeconds_ = 0.0;
+    bool heardFirstAudio_ = false;
+    double lastRealBlockSeconds_ = 0.0;
+    double timerDueSeconds_ = 0.0;
+    std::uint64_t reportedDrops_ = 0;
+    double lastDropReportSeconds_ = 0.0;
 
     // Connection state changes, for open() to wait on.
     std::mutex stateMutex_;
     std::condition_variable stateChanged_;
-    // Raised by the read callback when a whole block is stored, and by close().
-    WakeupSignal dataReady_;
-    std::atomic<bool> stopping_{false};
     std::atomic<bool> alive_{false};
     std::atomic<int> streamState_{PA_STREAM_UNCONNECTED};
     std::atomic<std::uint64_t> droppedFrames_{0};
     std::atomic<std::uint64_t> deliveredBlocks_{0};
     std::atomic<std::uint64_t> silenceBlocks_{0};
-    std::thread deliveryThread_;
 };
 
 }  // namespace velto::pulse

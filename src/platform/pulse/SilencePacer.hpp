@@ -21,7 +21,7 @@
 // stream still starts when it was opened.
 //
 // Times are seconds on a monotonic clock, passed in by the caller. Not thread-safe: used
-// by one delivery thread.
+// by one capture stream's main-loop callbacks.
 
 #include <cstdint>
 
