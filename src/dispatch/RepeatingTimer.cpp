@@ -51,12 +51,19 @@ void RepeatingTimer::armLocked(double deadlineSeconds) {
 void RepeatingTimer::fire(uint64_t generation, double deadlineSeconds) {
     std::lock_guard lock(mutex_);
     if (cancelled_ || generation != generation_) return;
+    const double startedSeconds = queue_->clock()->nowSeconds();
     if (handler_) handler_();
     if (cancelled_ || generation != generation_ || intervalSeconds_ <= 0) return;
     double next = deadlineSeconds + intervalSeconds_;
-    double now = queue_->clock()->nowSeconds();
-    if (next <= now) next += std::ceil((now - next) / intervalSeconds_) * intervalSeconds_;
-    if (next <= now) next += intervalSeconds_;
+    const double now = queue_->clock()->nowSeconds();
+    // Deadlines that had passed before this fire began are skipped, not caught up.
+    // One that passed while the handler ran was not handled yet: it fires at once
+    // (only once, so that a handler slower than the interval still leaves gaps).
+    const bool passedWhileHandling = next <= now && next > startedSeconds;
+    if (!passedWhileHandling) {
+        if (next <= now) next += std::ceil((now - next) / intervalSeconds_) * intervalSeconds_;
+        if (next <= now) next += intervalSeconds_;
+    }
     armLocked(next);
 }
 

@@ -144,8 +144,10 @@ void AudioMixer::beginMixing(const PcmFormat& outputFormat) {
     prepareSourcePaths();
     mixingStartTimeSeconds_ = clock_->nowSeconds();
     totalFramesProcessed_ = 0;
-    startTimer();
+    // Mixing before the timer starts: its first tick may come at once, and a tick
+    // that found the mixer not yet mixing would be lost.
     isMixing_ = true;
+    startTimer();
 }
 
 void AudioMixer::setupConverters(const PcmFormat& outputFormat) {
