@@ -5,9 +5,11 @@
 #include "capture/MicrophoneCapture.hpp"
 #include "capture/SystemAudioTap.hpp"
 #include "capture_sandbox_signals.hpp"
+#include "platform/pulse/PulseConnection.hpp"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <chrono>
@@ -22,9 +24,10 @@ using testing::playSine;
 
 // Plays the tone on a thread while this thread drains the ring like the mixer does;
 // returns each channel's samples.
+// `heard` (when given) is set once the tone shows in the ring.
 std::vector<std::vector<float>> captureWhilePlaying(FloatRingBuffer& ring, const std::string& sink,
                                                     std::uint32_t sinkChannels, double frequencyHertz,
-                                                    float amplitude) {
+                                                    float amplitude, std::atomic<bool>* heard = nullptr) {
     std::atomic<bool> played{false};
     std::atomic<bool> playedOK{false};
     std::thread player([&] {
@@ -41,6 +44,9 @@ std::vector<std::vector<float>> captureWhilePlaying(FloatRingBuffer& ring, const
         if (frames == 0) return;
         ring.read(destinations, frames);
         for (std::size_t c = 0; c < channels; ++c) captured[c].insert(captured[c].end(), block[c].begin(), block[c].begin() + frames);
+        if (heard && std::any_of(block[0].begin(), block[0].begin() + frames, [&](float x) { return x > amplitude / 2; })) {
+            *heard = true;
+        }
     };
     while (!played) {
         drainAvailable();
@@ -75,6 +81,29 @@ TEST(SystemAudioTapSandboxTest, ToneOnTheSpeakersArrivesInTheRingBuffer) {
         EXPECT_NEAR(tone.frequencyHertz, 1000.0, 10.0);
         EXPECT_GT(tone.weakestWindowPeak, 0.45);
     }
+}
+
+// A starved process: the main loop is held up for longer than a source may stay quiet
+// before it counts as idle. What the server sent meanwhile is read once the loop runs
+// again, and it is audio, not a gap filled with silence and then dropped as backlog.
+TEST(SystemAudioTapSandboxTest, AHeldUpMainLoopLosesNoAudio) {
+    auto tap = SystemAudioTap::create(2, 96000);
+    tap->start();
+    std::atomic<bool> heard{false};
+    std::thread staller([&heard] {
+        while (!heard) std::this_thread::sleep_for(1ms);
+        std::this_thread::sleep_for(100ms);  // well inside the tone
+        pulse::PulseConnection::MainloopLock lock(*pulse::PulseConnection::shared());
+        std::this_thread::sleep_for(350ms);
+    });
+    const auto captured = captureWhilePlaying(*tap->ringBuffer(), "velto_speakers", 2, 1000.0, 0.5f, &heard);
+    staller.join();
+    tap->stop();
+
+    const auto tone = measureTone(captured[0], 48000.0);
+    std::printf("system audio with a held-up main loop: %s\n", testing::describe(tone).c_str());
+    EXPECT_NEAR(static_cast<double>(tone.soundingFrames), 0.8 * 48000, 0.05 * 48000);
+    EXPECT_GT(tone.weakestWindowPeak, 0.45);
 }
 
 TEST(SystemAudioTapSandboxTest, StartsAgainAfterStopAndReadsNothingWhileSilent) {

@@ -182,12 +182,13 @@ void PulseCaptureStream::readCallback(pa_stream* stream, std::size_t, void* user
         // data is null for a hole in the stream: nothing was recorded there.
         if (data != nullptr) {
             const auto frames = static_cast<std::uint32_t>(bytes / frameBytes);
+            if (frames > 0) self->lastDataSeconds_ = monotonicSeconds();
             const std::uint32_t stored = self->ring_.write(static_cast<const float*>(data), frames);
             if (stored < frames) self->droppedFrames_.fetch_add(frames - stored, std::memory_order_relaxed);
         }
         pa_stream_drop(stream);
     }
-    self->deliverDue();
+    self->deliverDue(/*fromTimer=*/false);
 }
 
 void PulseCaptureStream::timerCallback(pa_mainloop_api*, pa_time_event*, const struct timeval*, void* userdata) {
@@ -200,7 +201,7 @@ void PulseCaptureStream::timerCallback(pa_mainloop_api*, pa_time_event*, const s
         self->armTimerAt(now);
         return;
     }
-    self->deliverDue();
+    self->deliverDue(/*fromTimer=*/true);
     self->armTimer(now);
 }
 
@@ -234,7 +235,7 @@ void PulseCaptureStream::deliverSilence(std::uint32_t blocks) {
     }
 }
 
-void PulseCaptureStream::deliverDue() {
+void PulseCaptureStream::deliverDue(bool fromTimer) {
     const std::uint64_t toleranceFrames = 2ull * options_.blockFrames;
     if (ring_.availableFrames() >= options_.blockFrames) {
         if (!heardFirstAudio_) {
@@ -268,10 +269,13 @@ void PulseCaptureStream::deliverDue() {
         }
         pacer_.noteRealBlock(now);
         lastRealBlockSeconds_ = now;
-    } else if (std::uint32_t silent = pacer_.takeSilenceBlocksDue(now); silent > 0) {
+    } else if (std::uint32_t silent = fromTimer ? pacer_.takeSilenceBlocksDue(now) : 0; silent > 0) {
         // The source went quiet with a partial block stored: that tail goes out first,
-        // padded with silence, rather than waiting for the source to come back.
-        const std::uint32_t tailFrames = ring_.readAvailable(block_.data(), options_.blockFrames);
+        // padded with silence, rather than waiting for the source to come back. A partial
+        // block that has only just arrived is the start of a sound, not the end of one:
+        // it waits for the rest, after the silence that was due before it.
+        const bool wentQuiet = now - lastDataSeconds_ >= kIdleAfterSeconds;
+        const std::uint32_t tailFrames = wentQuiet ? ring_.readAvailable(block_.data(), options_.blockFrames) : 0;
         if (tailFrames > 0) {
             std::fill(block_.begin() + static_cast<std::ptrdiff_t>(tailFrames) * options_.channels, block_.end(), 0.0f);
             delivery_(block_.data(), options_.blockFrames);

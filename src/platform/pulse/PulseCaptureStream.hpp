@@ -67,8 +67,10 @@ private:
     static void stateCallback(pa_stream* stream, void* userdata);
     static void timerCallback(pa_mainloop_api* api, pa_time_event* event, const struct timeval* when, void* userdata);
     void connect();  // throws
-    // Main-loop thread: delivers the whole blocks stored and the silence due, and reports losses.
-    void deliverDue();
+    // Main-loop thread: delivers the whole blocks stored and reports losses. Silence is
+    // given only from the timer, which decides after the sockets have been read: a read
+    // callback may run while the rest of a backlog still waits unread.
+    void deliverDue(bool fromTimer);
     void deliverSilence(std::uint32_t blocks);
     void armTimer(double nowSeconds);  // for when silence may next be due
     void armTimerAt(double dueSeconds);
@@ -89,6 +91,7 @@ private:
     double readySeconds_ = 0.0;
     bool heardFirstAudio_ = false;
     double lastRealBlockSeconds_ = 0.0;
+    double lastDataSeconds_ = 0.0;  // when the server last sent frames, whole blocks or not
     double timerDueSeconds_ = 0.0;
     std::uint64_t reportedDrops_ = 0;
     double lastDropReportSeconds_ = 0.0;
