@@ -163,9 +163,9 @@ void PulseCaptureStream::stateCallback(pa_stream* stream, void* userdata) {
     }
     if (state == PA_STREAM_READY) {
         // The stream's time starts now: silence due before the first audio counts from here.
-        self->readySeconds_ = monotonicSeconds();
-        self->pacer_.start(self->readySeconds_);
-        self->armTimer(self->readySeconds_);
+        const double readySeconds = monotonicSeconds();
+        self->pacer_.start(readySeconds);
+        self->armTimer(readySeconds);
     }
     if (state == PA_STREAM_FAILED || state == PA_STREAM_TERMINATED) self->alive_ = false;
     self->stateChanged_.notify_all();
@@ -215,8 +215,8 @@ void PulseCaptureStream::armTimer(double nowSeconds) {
     // (re-arming it wakes the main loop once more). While the source is idle, or not
     // yet heard, silence is due once per block.
     double waitSeconds = blockSeconds();
-    if (heardFirstAudio_ && !pacer_.isIdle()) {
-        waitSeconds = std::max(waitSeconds, lastRealBlockSeconds_ + kIdleAfterSeconds - nowSeconds);
+    if (pacer_.heardRealAudio() && !pacer_.isIdle()) {
+        waitSeconds = std::max(waitSeconds, pacer_.lastRealSeconds() + kIdleAfterSeconds - nowSeconds);
     }
     armTimerAt(nowSeconds + waitSeconds);
 }
@@ -238,7 +238,7 @@ void PulseCaptureStream::deliverSilence(std::uint32_t blocks) {
 void PulseCaptureStream::deliverDue(bool fromTimer) {
     const std::uint64_t toleranceFrames = 2ull * options_.blockFrames;
     if (ring_.availableFrames() >= options_.blockFrames) {
-        if (!heardFirstAudio_) {
+        if (!pacer_.heardRealAudio()) {
             // A source that began capturing late: the stream still starts when it was ready.
             deliverSilence(pacer_.takeSilenceBlocksBeforeFirstAudio(monotonicSeconds(), ring_.availableFrames(),
                                                                     toleranceFrames));
@@ -261,14 +261,12 @@ void PulseCaptureStream::deliverDue(bool fromTimer) {
         lastDropReportSeconds_ = now;
     }
     if (delivered) {
-        if (!heardFirstAudio_) {
-            heardFirstAudio_ = true;
+        if (!pacer_.heardRealAudio()) {
             logger().debug("First audio from " + sourceLabel() + " after " +
-                           std::to_string(static_cast<int>((now - readySeconds_) * 1000.0)) + " ms, " +
+                           std::to_string(static_cast<int>((now - pacer_.lastRealSeconds()) * 1000.0)) + " ms, " +
                            std::to_string(silenceBlocks_.load()) + " silence blocks before it");
         }
         pacer_.noteRealBlock(now);
-        lastRealBlockSeconds_ = now;
     } else if (std::uint32_t silent = fromTimer ? pacer_.takeSilenceBlocksDue(now) : 0; silent > 0) {
         // The source went quiet with a partial block stored: that tail goes out first,
         // padded with silence, rather than waiting for the source to come back. A partial

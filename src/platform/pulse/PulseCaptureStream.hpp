@@ -88,9 +88,6 @@ private:
     InterleavedSampleRing ring_;
     std::vector<float> block_;
     SilencePacer pacer_;
-    double readySeconds_ = 0.0;
-    bool heardFirstAudio_ = false;
-    double lastRealBlockSeconds_ = 0.0;
     double lastDataSeconds_ = 0.0;  // when the server last sent frames, whole blocks or not
     double timerDueSeconds_ = 0.0;
     std::uint64_t reportedDrops_ = 0;

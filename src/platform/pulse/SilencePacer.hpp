@@ -46,6 +46,9 @@ public:
     std::uint32_t takeSilenceBlocksBeforeFirstAudio(double nowSeconds, std::uint64_t availableFrames,
                                                     std::uint64_t toleranceFrames);
     bool isIdle() const { return idle_; }
+    bool heardRealAudio() const { return heardRealAudio_; }
+    // When the last real block came (or start(), before the first one).
+    double lastRealSeconds() const { return lastRealSeconds_; }
 
 private:
     double sampleRateHertz_;
