@@ -75,6 +75,10 @@ void MicrophoneCapture::start(std::uint32_t bufferSizeFrames) {
     logger().info("Microphone capture started with format: " + describe(inputFormat_));
 }
 
+void MicrophoneCapture::flushCapturedAudio() {
+    if (isCapturing_ && audioEngine_->isRunning()) audioEngine_->flushCapturedInput();
+}
+
 void MicrophoneCapture::stop() {
     if (!isCapturing_) return;
     logger().info("Stopping microphone capture");

@@ -36,6 +36,9 @@ public:
     // leaves no tap installed and an empty ring buffer.
     void start(std::uint32_t bufferSizeFrames);
     void stop();
+    // Returns once the ring buffer holds everything captured until now (the engine may
+    // hold some back between deliveries). Capture goes on; nothing happens when not capturing.
+    void flushCapturedAudio();
 
     const std::shared_ptr<FloatRingBuffer>& ringBuffer() const { return ringBuffer_; }
     const std::optional<PcmFormat>& inputFormat() const { return inputFormat_; }

@@ -93,6 +93,13 @@ void SystemAudioTap::start() {
     logger().info("Tap format: " + describe(asbd_));
 }
 
+void SystemAudioTap::flushCapturedAudio() {
+    if (!isCapturing_ || !procID_) return;
+    if (const OSStatus status = hardware_->deviceFlushCapturedInput(aggregateID_, *procID_); status != noErr) {
+        logger().error("Could not fetch the captured system audio before stopping: status " + std::to_string(status));
+    }
+}
+
 void SystemAudioTap::stop() {
     if (!isCapturing_) return;
     logger().info("Stopping system audio tap");

@@ -36,6 +36,9 @@ public:
     // Throws RecordingError; a failed start leaves no tap, device or IO block behind.
     void start();
     void stop();
+    // Returns once the ring buffer holds everything captured until now (the device may
+    // hold some back between cycles). Capture goes on; nothing happens when not capturing.
+    void flushCapturedAudio();
 
     const std::shared_ptr<FloatRingBuffer>& ringBuffer() const { return ringBuffer_; }
     const platform::AudioStreamBasicDescription& asbd() const { return asbd_; }

@@ -55,6 +55,13 @@ public:
                                              std::shared_ptr<SerialQueue> queue, AudioDeviceIOBlock block) = 0;
     virtual OSStatus deviceStart(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
     virtual OSStatus deviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
+    // Returns once the IOProc has been handed everything the device had captured when this
+    // was called; the device keeps running. Called before a stop, so that the stop loses
+    // nothing the device still held. A device that hands on each cycle as it captures (a
+    // HAL IOProc) has nothing to do.
+    virtual OSStatus deviceFlushCapturedInput(AudioObjectID /*deviceID*/, AudioDeviceIOProcID /*procID*/) {
+        return noErr;
+    }
     virtual OSStatus destroyIOProcID(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
 };
 

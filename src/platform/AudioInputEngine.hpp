@@ -40,6 +40,11 @@ public:
     // Throws a PlatformError when the input cannot be started.
     virtual void start() = 0;
     virtual void stop() = 0;
+    // Returns once the tap has been handed everything the input had captured when this was
+    // called; the input keeps running. Called before a stop, a pause or a resume, so that
+    // the change falls where it was asked for. An input that taps each cycle as it captures
+    // has nothing to do.
+    virtual void flushCapturedInput() {}
     // Forgets the negotiated stream; the selected device stays.
     virtual void reset() = 0;
     virtual bool isRunning() = 0;

@@ -69,6 +69,28 @@ bool FakeAudioHardware::deliverInput(const AudioBufferList& input) {
     return true;
 }
 
+void FakeAudioHardware::holdBackInput(std::vector<float> interleaved, std::uint32_t channels) {
+    std::lock_guard lock(mutex_);
+    heldBackInput_ = std::move(interleaved);
+    heldBackChannels_ = channels;
+}
+
+OSStatus FakeAudioHardware::deviceFlushCapturedInput(AudioObjectID deviceID, AudioDeviceIOProcID procID) {
+    std::vector<float> held;
+    std::uint32_t channels = 0;
+    {
+        std::lock_guard lock(mutex_);
+        record("deviceFlushCapturedInput(" + std::to_string(deviceID) + "," + std::to_string(procID) + ")");
+        held.swap(heldBackInput_);
+        channels = heldBackChannels_;
+    }
+    if (!held.empty() && channels > 0) {
+        AudioBuffer buffer{channels, static_cast<std::uint32_t>(held.size() * sizeof(float)), held.data()};
+        deliverInput(AudioBufferList{1, &buffer});
+    }
+    return noErr;
+}
+
 OSStatus FakeAudioHardware::statusFor(const std::string& operation) const {
     const auto it = statuses.find(operation);
     return it == statuses.end() ? noErr : it->second;

@@ -52,6 +52,9 @@ public:
 
     // Runs the installed IO block on its queue with `input`; false when no block is installed.
     bool deliverInput(const AudioBufferList& input);
+    // Interleaved frames the device has captured but not yet handed on: the next
+    // deviceFlushCapturedInput() delivers them.
+    void holdBackInput(std::vector<float> interleaved, std::uint32_t channels);
 
     // --- AudioHardware ---
     OSStatus getPropertyDataSize(AudioObjectID object, const AudioObjectPropertyAddress& address,
@@ -72,6 +75,7 @@ public:
                                      std::shared_ptr<SerialQueue> queue, AudioDeviceIOBlock block) override;
     OSStatus deviceStart(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
     OSStatus deviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
+    OSStatus deviceFlushCapturedInput(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
     OSStatus destroyIOProcID(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
 
 private:
@@ -87,6 +91,8 @@ private:
     AudioDeviceIOProcID nextProcID_ = 0x5000;
     std::shared_ptr<SerialQueue> ioQueue_;
     std::shared_ptr<AudioDeviceIOBlock> ioBlock_;
+    std::vector<float> heldBackInput_;
+    std::uint32_t heldBackChannels_ = 0;
 };
 
 }  // namespace velto::platform

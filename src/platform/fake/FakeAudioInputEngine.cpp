@@ -41,6 +41,21 @@ bool FakeAudioInputEngine::deliver(const PcmBuffer& buffer) {
     return true;
 }
 
+void FakeAudioInputEngine::holdBack(std::shared_ptr<PcmBuffer> buffer) {
+    std::lock_guard lock(mutex_);
+    heldBack_.push_back(std::move(buffer));
+}
+
+void FakeAudioInputEngine::flushCapturedInput() {
+    std::vector<std::shared_ptr<PcmBuffer>> held;
+    {
+        std::lock_guard lock(mutex_);
+        calls_.push_back("flushCapturedInput");
+        held.swap(heldBack_);
+    }
+    for (const auto& buffer : held) deliver(*buffer);
+}
+
 void FakeAudioInputEngine::deliverOnDeliveryThread(std::vector<std::shared_ptr<PcmBuffer>> buffers) {
     joinDelivery();
     deliveryThread_ = std::thread([this, buffers = std::move(buffers)] {

@@ -46,6 +46,9 @@ public:
     // tap when none is installed yet stops the run); joinDelivery() waits for the end.
     void deliverOnDeliveryThread(std::vector<std::shared_ptr<PcmBuffer>> buffers);
     void joinDelivery();
+    // A buffer the engine has captured but not yet tapped: the next flushCapturedInput()
+    // delivers it.
+    void holdBack(std::shared_ptr<PcmBuffer> buffer);
     ~FakeAudioInputEngine() override;
 
     PcmFormat inputFormat(std::uint32_t bus) override;
@@ -57,6 +60,7 @@ public:
     void removeTap(std::uint32_t bus) override;
     void start() override;
     void stop() override;
+    void flushCapturedInput() override;
     void reset() override;
     bool isRunning() override;
 
@@ -70,6 +74,7 @@ private:
     std::uint32_t tapBufferSizeFrames_ = 0;
     bool running_ = false;
     std::thread deliveryThread_;  // owner thread only
+    std::vector<std::shared_ptr<PcmBuffer>> heldBack_;
 };
 
 // Hands out FakeAudioInputEngines made from one script and remembers them.

@@ -325,6 +325,21 @@ OSStatus PulseAudioHardware::deviceStop(AudioObjectID deviceID, AudioDeviceIOPro
     return noErr;
 }
 
+OSStatus PulseAudioHardware::deviceFlushCapturedInput(AudioObjectID deviceID, AudioDeviceIOProcID procID) {
+    PulseCaptureStream* stream = nullptr;
+    {
+        std::lock_guard lock(mutex_);
+        const auto found = procs_.find(procID);
+        if (found == procs_.end() || found->second->deviceID != deviceID) return kAudioHardwareBadObjectError;
+        stream = found->second->stream.get();
+    }
+    // Not under the hardware lock: the catch-up may wait for up to a fragment, and other
+    // hardware calls need not wait with it. The proc's owner starts, flushes and stops it
+    // one at a time, so the stream stays open meanwhile.
+    if (stream != nullptr) stream->deliverCapturedSoFar();
+    return noErr;
+}
+
 OSStatus PulseAudioHardware::destroyIOProcID(AudioObjectID deviceID, AudioDeviceIOProcID procID) {
     std::shared_ptr<IOProc> proc;
     std::unique_ptr<PulseCaptureStream> stream;

@@ -65,6 +65,8 @@ public:
                                                platform::AudioDeviceIOBlock block) override;
     platform::OSStatus deviceStart(platform::AudioObjectID deviceID, platform::AudioDeviceIOProcID procID) override;
     platform::OSStatus deviceStop(platform::AudioObjectID deviceID, platform::AudioDeviceIOProcID procID) override;
+    platform::OSStatus deviceFlushCapturedInput(platform::AudioObjectID deviceID,
+                                                platform::AudioDeviceIOProcID procID) override;
     platform::OSStatus destroyIOProcID(platform::AudioObjectID deviceID, platform::AudioDeviceIOProcID procID) override;
 
 private:

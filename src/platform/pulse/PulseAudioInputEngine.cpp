@@ -125,6 +125,13 @@ void PulseAudioInputEngine::start() {
     running_ = true;
 }
 
+void PulseAudioInputEngine::flushCapturedInput() {
+    // The control lock keeps the stream from closing meanwhile; the tap blocks that the
+    // catch-up runs take only the tap lock.
+    std::lock_guard lock(controlMutex_);
+    if (stream_) stream_->deliverCapturedSoFar();
+}
+
 void PulseAudioInputEngine::stop() {
     std::unique_ptr<PulseCaptureStream> stream;
     {

@@ -37,6 +37,7 @@ public:
     void removeTap(std::uint32_t bus) override;
     void start() override;
     void stop() override;
+    void flushCapturedInput() override;
     void reset() override;
     bool isRunning() override { return running_.load(); }
 

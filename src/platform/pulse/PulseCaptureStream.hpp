@@ -53,6 +53,12 @@ public:
     // Disconnects the stream and stops its timer. Idempotent.
     void close();
 
+    // Owner thread. Waits until everything the source had captured when this was called
+    // has been delivered, the last partial block included (handed on as a shorter block),
+    // or until the wait bound of about a fragment has passed. Returns whether everything
+    // arrived. The stream goes on recording afterwards.
+    bool deliverCapturedSoFar();
+
     std::uint64_t droppedFrames() const { return droppedFrames_.load(); }
     std::uint64_t deliveredBlocks() const { return deliveredBlocks_.load(); }
     std::uint64_t silenceBlocks() const { return silenceBlocks_.load(); }
@@ -66,6 +72,7 @@ private:
     static void readCallback(pa_stream* stream, std::size_t bytes, void* userdata);
     static void stateCallback(pa_stream* stream, void* userdata);
     static void timerCallback(pa_mainloop_api* api, pa_time_event* event, const struct timeval* when, void* userdata);
+    static void timingCallback(pa_stream* stream, int success, void* userdata);
     void connect();  // throws
     // Main-loop thread: delivers the whole blocks stored and reports losses. Silence is
     // given only from the timer, which decides after the sockets have been read: a read
@@ -76,6 +83,8 @@ private:
     void armTimerAt(double dueSeconds);
     double blockSeconds() const { return options_.blockFrames / options_.sampleRateHertz; }
     std::string sourceLabel() const;
+    void checkCatchUp();  // main-loop thread, lock held
+    void finishCatchUp();
 
     std::shared_ptr<PulseConnection> connection_;
     const PulseCaptureStreamOptions options_;
@@ -84,13 +93,22 @@ private:
     pa_time_event* silenceTimer_ = nullptr;  // guarded by the main-loop lock
     pa_context* timerContext_ = nullptr;     // guarded by the main-loop lock
 
-    // Main-loop thread only, from the moment the stream is ready.
+    pa_operation* catchUpOperation_ = nullptr;  // guarded by the main-loop lock
+
+    // Main-loop thread only (or its lock held), from the moment the stream is ready.
     InterleavedSampleRing ring_;
     std::vector<float> block_;
     SilencePacer pacer_;
     double lastDataSeconds_ = 0.0;  // when the server last sent frames, whole blocks or not
     double timerDueSeconds_ = 0.0;
     std::uint64_t reportedDrops_ = 0;
+    // Bytes taken from the stream since it connected, holes included: the same count as
+    // the server's write index, which a catch-up compares it with.
+    std::int64_t bytesRead_ = 0;
+    // A catch-up in progress (main-loop lock): its target is unknown (-1) until the
+    // server's timing answer comes.
+    bool catchingUp_ = false;
+    std::int64_t catchUpTargetBytes_ = -1;
     double lastDropReportSeconds_ = 0.0;
 
     // Connection state changes, for open() to wait on.
@@ -98,6 +116,7 @@ private:
     std::condition_variable stateChanged_;
     std::atomic<bool> alive_{false};
     std::atomic<int> streamState_{PA_STREAM_UNCONNECTED};
+    bool caughtUp_ = false;  // guarded by stateMutex_
     std::atomic<std::uint64_t> droppedFrames_{0};
     std::atomic<std::uint64_t> deliveredBlocks_{0};
     std::atomic<std::uint64_t> silenceBlocks_{0};
