@@ -195,6 +195,13 @@ void AudioRecorder::stopDrainTimer() {
     drainTimer_.reset();
 }
 
+void AudioRecorder::takeEverythingCaptured() {
+    // The engine may still hold audio from before this moment: it belongs to the state the
+    // recorder is leaving, so it is fetched and handled before the state changes.
+    if (tapInstalled_ && audioEngine_->isRunning()) audioEngine_->flushCapturedInput();
+    drainTapInlet(/*everything=*/true);
+}
+
 void AudioRecorder::drainTapInlet(bool everything) {
     if (!tapInlet_) return;
     // Blocks are handled in the state they arrived in: every state change drains first.
@@ -328,7 +335,7 @@ AudioLevels AudioRecorder::calculateLevels(const PcmBuffer& buffer) {
 }
 
 void AudioRecorder::pauseRecording() {
-    drainTapInlet(/*everything=*/true);
+    takeEverythingCaptured();
     if (recorderState_ != RecorderState::recording) return;
     recorderState_ = RecorderState::paused;
     const double elapsed = elapsedSeconds();
@@ -337,7 +344,7 @@ void AudioRecorder::pauseRecording() {
 }
 
 void AudioRecorder::resumeRecording() {
-    drainTapInlet(/*everything=*/true);
+    takeEverythingCaptured();
     if (recorderState_ != RecorderState::paused) return;
     recorderState_ = RecorderState::recording;
     const double elapsed = elapsedSeconds();
@@ -356,7 +363,7 @@ void AudioRecorder::stopEngineAndCloseFile() {
 }
 
 void AudioRecorder::stopRecording() {
-    drainTapInlet(/*everything=*/true);
+    takeEverythingCaptured();
     if (recorderState_ != RecorderState::recording && recorderState_ != RecorderState::paused) return;
     logger().info("Stopping recording");
     recorderState_ = RecorderState::stopping;

@@ -72,6 +72,7 @@ private:
     void processAudioBuffer(const std::shared_ptr<PcmBuffer>& buffer);
     void startDrainTimer();
     void stopDrainTimer();
+    void takeEverythingCaptured();
     void drainTapInlet(bool everything);
     void endAfterWriteFailure(std::exception_ptr writeError);
     void pauseRecording();

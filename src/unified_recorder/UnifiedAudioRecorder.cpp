@@ -350,6 +350,11 @@ void UnifiedAudioRecorder::finishRecording(RecorderState transitional, RecorderS
     recorderState_ = final;
 }
 
+void UnifiedAudioRecorder::flushSources() {
+    if (systemAudioTap_) systemAudioTap_->flushCapturedAudio();
+    if (microphoneCapture_) microphoneCapture_->flushCapturedAudio();
+}
+
 void UnifiedAudioRecorder::stopComponents() {
     if (audioMixer_) audioMixer_->stopMixing();
     endForwarding();
@@ -366,6 +371,7 @@ void UnifiedAudioRecorder::handleConfigurationChange() {
     const double elapsed = secondsSinceStart();
 
     // The old mixer stops first; what it left unread in the rings goes to the new ones.
+    flushSources();
     if (audioMixer_) audioMixer_->stopMixing();
     endForwarding();
     std::optional<CarriedOverAudio> carriedMicrophone;
@@ -446,6 +452,7 @@ void UnifiedAudioRecorder::cleanup(std::exception_ptr endingError) {
         }
         configurationChangeObserver_.reset();
     }
+    flushSources();
     stopComponents();
     audioMixer_.reset();
     systemAudioTap_.reset();

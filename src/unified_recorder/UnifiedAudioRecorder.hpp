@@ -110,6 +110,8 @@ private:
     void discardCarriedIfRateChanged(int64_t prefilledFrames, const std::optional<CarriedOverAudio>& carried,
                                      double newSampleRateHertz, const std::shared_ptr<FloatRingBuffer>& ring);
     void handleWriteFailure(const std::shared_ptr<AudioMixer>& failedMixer, ErrorPtr cause);
+    // Before the mixer takes its last frames: the sources hand over all they have captured.
+    void flushSources();
     void stopComponents();
     void cleanup(std::exception_ptr endingError = nullptr);
     double secondsSinceStart() const;

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstdio>
 #include <chrono>
+#include <functional>
 #include <thread>
 
 namespace velto {
@@ -23,11 +24,13 @@ using testing::measureTone;
 using testing::playSine;
 
 // Plays the tone on a thread while this thread drains the ring like the mixer does;
-// returns each channel's samples.
+// once the tone has played, has the source hand over what it holds, as a recorder does
+// before it stops, and returns each channel's samples.
 // `heard` (when given) is set once the tone shows in the ring.
-std::vector<std::vector<float>> captureWhilePlaying(FloatRingBuffer& ring, const std::string& sink,
-                                                    std::uint32_t sinkChannels, double frequencyHertz,
-                                                    float amplitude, std::atomic<bool>* heard = nullptr) {
+std::vector<std::vector<float>> captureWhilePlaying(FloatRingBuffer& ring, const std::function<void()>& flushCaptured,
+                                                    const std::string& sink, std::uint32_t sinkChannels,
+                                                    double frequencyHertz, float amplitude,
+                                                    std::atomic<bool>* heard = nullptr) {
     std::atomic<bool> played{false};
     std::atomic<bool> playedOK{false};
     std::thread player([&] {
@@ -52,11 +55,9 @@ std::vector<std::vector<float>> captureWhilePlaying(FloatRingBuffer& ring, const
         drainAvailable();
         std::this_thread::sleep_for(16ms);  // the mixer's tick
     }
-    for (int i = 0; i < 20; ++i) {  // let the tail through the server's latency
-        drainAvailable();
-        std::this_thread::sleep_for(16ms);
-    }
     player.join();
+    flushCaptured();
+    while (ring.availableFrames() > 0) drainAvailable();
     EXPECT_TRUE(playedOK.load()) << "pacat could not play into " << sink;
     return captured;
 }
@@ -68,7 +69,8 @@ TEST(SystemAudioTapSandboxTest, ToneOnTheSpeakersArrivesInTheRingBuffer) {
     EXPECT_EQ(tap->asbd().mSampleRate, 48000.0);
     EXPECT_EQ(tap->asbd().mChannelsPerFrame, 2u);
 
-    const auto captured = captureWhilePlaying(*tap->ringBuffer(), "velto_speakers", 2, 1000.0, 0.5f);
+    const auto captured =
+        captureWhilePlaying(*tap->ringBuffer(), [&] { tap->flushCapturedAudio(); }, "velto_speakers", 2, 1000.0, 0.5f);
     tap->stop();
     EXPECT_FALSE(tap->isCapturing());
 
@@ -96,7 +98,8 @@ TEST(SystemAudioTapSandboxTest, AHeldUpMainLoopLosesNoAudio) {
         pulse::PulseConnection::MainloopLock lock(*pulse::PulseConnection::shared());
         std::this_thread::sleep_for(350ms);
     });
-    const auto captured = captureWhilePlaying(*tap->ringBuffer(), "velto_speakers", 2, 1000.0, 0.5f, &heard);
+    const auto captured = captureWhilePlaying(*tap->ringBuffer(), [&] { tap->flushCapturedAudio(); }, "velto_speakers",
+                                              2, 1000.0, 0.5f, &heard);
     staller.join();
     tap->stop();
 
@@ -134,7 +137,8 @@ TEST(MicrophoneCaptureSandboxTest, ToneIntoTheVirtualMicrophoneArrivesInTheRingB
     EXPECT_EQ(capture->inputFormat()->sampleRate, 48000.0);
     EXPECT_EQ(capture->inputFormat()->channelCount, 1u);
 
-    const auto captured = captureWhilePlaying(*capture->ringBuffer(), "velto_mic_in", 1, 440.0, 0.3f);
+    const auto captured = captureWhilePlaying(*capture->ringBuffer(), [&] { capture->flushCapturedAudio(); },
+                                              "velto_mic_in", 1, 440.0, 0.3f);
     capture->stop();
 
     const auto tone = measureTone(captured[0], 48000.0);
@@ -152,7 +156,8 @@ TEST(MicrophoneCaptureSandboxTest, ChosenMicrophoneIsSelectedByItsSourceName) {
     capture->start(1024);
 
     // Mono into a two-channel ring: both ring channels carry the microphone.
-    const auto captured = captureWhilePlaying(*capture->ringBuffer(), "velto_mic_in", 1, 880.0, 0.4f);
+    const auto captured = captureWhilePlaying(*capture->ringBuffer(), [&] { capture->flushCapturedAudio(); },
+                                              "velto_mic_in", 1, 880.0, 0.4f);
     capture->stop();
     for (const auto& channel : captured) {
         const auto tone = measureTone(channel, 48000.0);

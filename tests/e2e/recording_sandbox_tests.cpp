@@ -446,7 +446,14 @@ TEST_F(RecordingSandboxTest, ADeviceLoadedMidRecordingRestartsCaptureWithoutAGap
     const double after = offset(step + 3, std::min(envelope.size() - 5, step + 45));
     const double lostMilliseconds = 1000.0 * (after - before) / fileSlope;
     std::printf("[ measure  ] restart at %.3f s of the file: %.1f ms of audio lost\n", times[step], lostMilliseconds);
-    EXPECT_LT(lostMilliseconds, 50.0);
+    // Before the old mixer takes its last frames, the sources hand over what the server
+    // still held: 3–4 ms are lost, against 17–30 ms when they did not. What is left is the
+    // time the restart takes, which a sanitizer build stretches several times.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    EXPECT_LT(lostMilliseconds, 30.0);
+#else
+    EXPECT_LT(lostMilliseconds, 12.0);
+#endif
 }
 
 // The sandbox script, pointed at the server this test talks to.

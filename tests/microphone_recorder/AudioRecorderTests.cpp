@@ -177,6 +177,29 @@ TEST_F(AudioRecorderTest, PausedBlocksAreDroppedWhileElapsedTimeKeepsCountingThe
     EXPECT_FLOAT_EQ(recorded.samples[2048], static_cast<float>(resumedAt % 1000) / 1000.0f);
 }
 
+// An engine may hand on what it captured a little after the fact. Audio from before a
+// pause or a stop is still recorded; audio from the pause, handed on at the resume, is not.
+TEST_F(AudioRecorderTest, AudioTheEngineStillHoldsCountsForTheStateItWasCapturedIn) {
+    useMicrophoneFormat(16000.0);
+    auto recorder = makeRecorder(directory.path() / "take.wav", AudioFormat::wav);
+    deliverRamp(*recorder, 16000.0, 1);                       // frames 0..1023
+    engine()->holdBack(rampBlock(16000.0, 1024, rampIndex));  // 1024..2047, before the pause
+    recorder->pause();
+    engine()->holdBack(rampBlock(16000.0, 1024, rampIndex));  // 2048..3071, during the pause
+    recorder->resume();
+    deliverRamp(*recorder, 16000.0, 1);                       // 3072..4095
+    engine()->holdBack(rampBlock(16000.0, 1024, rampIndex));  // 4096..5119, before the stop
+    recorder->stop();
+    ASSERT_TRUE(drainUntilEnd(events).ended);
+
+    const auto recorded = readRecording(directory.path() / "take.wav");
+    ASSERT_EQ(recorded.samples.size(), 4u * 1024u);
+    const auto rampAt = [](int64_t frame) { return static_cast<float>(frame % 1000) / 1000.0f; };
+    EXPECT_FLOAT_EQ(recorded.samples[2047], rampAt(2047));
+    EXPECT_FLOAT_EQ(recorded.samples[2048], rampAt(3072));
+    EXPECT_FLOAT_EQ(recorded.samples[4095], rampAt(5119));
+}
+
 TEST_F(AudioRecorderTest, CancelRemovesTheFileAndEndsWithoutAnEvent) {
     auto recorder = makeRecorder(directory.path() / "take.wav", AudioFormat::wav);
     deliverRamp(*recorder, 48000.0, 3);

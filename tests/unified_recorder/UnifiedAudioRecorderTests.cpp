@@ -175,6 +175,31 @@ TEST_F(UnifiedAudioRecorderTest, EachSourceCaseMixesItsSourcesAtItsGains) {
     }
 }
 
+// Sources may hand on what they captured a little after the fact: the stop fetches it
+// from both before the mixer takes its last frames.
+TEST_F(UnifiedAudioRecorderTest, TheStopFetchesWhatTheSourcesStillHoldBeforeTheLastMix) {
+    auto recorder = start(AudioSources::both());
+    feedMicrophone(0.5f, 24000 + kJitterFrames);
+    feedSystem(0.4f, 0.2f, 24000 + kJitterFrames);
+    EXPECT_EQ(mixFor(*recorder, 0.5), 24000);
+    auto held = PcmBuffer::make(*PcmFormat::make(48000.0, 1, false), 1024);
+    std::fill_n(held->floatChannelData()[0], 1024, 0.5f);
+    held->setFrameLength(1024);
+    microphoneEngine()->holdBack(held);
+    std::vector<float> heldSystem(2 * 1024);
+    for (size_t i = 0; i < heldSystem.size(); i += 2) {
+        heldSystem[i] = 0.4f;
+        heldSystem[i + 1] = 0.2f;
+    }
+    fakes.audioHardware->holdBackInput(heldSystem, 2);
+    recorder->stop();
+    ASSERT_TRUE(drainUntilEnd(events).ended);
+
+    const auto recorded = readRecording(file());
+    EXPECT_EQ(recorded.samples.size(), static_cast<size_t>((24000 + kJitterFrames + 1024) / 3));
+    EXPECT_NEAR(recorded.samples[recorded.samples.size() - 100], 0.5f * 0.3f + 0.3f * 0.3f, 0.01f);
+}
+
 TEST_F(UnifiedAudioRecorderTest, ProgressIsDrivenByTheClockAndPauseSilencesItAndIgnoresConfigurationChanges) {
     auto recorder = start(AudioSources::microphoneOnly());
     int step = 0;
