@@ -96,7 +96,7 @@ void SystemAudioTap::start() {
 void SystemAudioTap::flushCapturedAudio() {
     if (!isCapturing_ || !procID_) return;
     if (const OSStatus status = hardware_->deviceFlushCapturedInput(aggregateID_, *procID_); status != noErr) {
-        logger().error("Could not fetch the captured system audio before stopping: status " + std::to_string(status));
+        logger().error("Could not fetch the system audio the device still held: status " + std::to_string(status));
     }
 }
 

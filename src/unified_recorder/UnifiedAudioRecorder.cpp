@@ -370,7 +370,8 @@ void UnifiedAudioRecorder::handleConfigurationChange() {
     logger().debug("Audio configuration changed, restarting recording seamlessly");
     const double elapsed = secondsSinceStart();
 
-    // The old mixer stops first; what it left unread in the rings goes to the new ones.
+    // The sources hand over what they still hold, then the old mixer stops; what it left
+    // unread in the rings goes to the new ones.
     flushSources();
     if (audioMixer_) audioMixer_->stopMixing();
     endForwarding();

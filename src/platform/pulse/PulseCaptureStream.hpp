@@ -10,8 +10,9 @@
 // a main-loop timer delivers silence blocks to keep the stream's pace (see
 // SilencePacer); the first delivery of a source slow to start is never cut.
 //
-// Threads: open() and close()/destruction from one owner thread, never the main-loop
-// thread. After close() returns, no callback runs and `Delivery` is not called again.
+// Threads: open(), deliverCapturedSoFar() and close()/destruction from one owner thread,
+// never the main-loop thread. After close() returns, no callback runs and `Delivery` is
+// not called again.
 // Delivery runs with the main-loop lock held: it must be short, and must neither close
 // its own stream nor call back into the connection.
 
@@ -55,7 +56,7 @@ public:
 
     // Owner thread. Waits until everything the source had captured when this was called
     // has been delivered, the last partial block included (handed on as a shorter block),
-    // or until the wait bound of about a fragment has passed. Returns whether everything
+    // but no longer than a block and a round trip to the server. Returns whether everything
     // arrived. The stream goes on recording afterwards.
     bool deliverCapturedSoFar();
 
