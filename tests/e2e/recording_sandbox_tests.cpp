@@ -270,6 +270,7 @@ TEST_F(RecordingSandboxTest, EverySourceCaseInBothFormatsRecordsTheTonesAtTheirG
 }
 
 TEST_F(RecordingSandboxTest, PausingTheMultiSourceRecorderOnlySilencesItsProgress) {
+    velto::testing::CapturedLogs logs;
     const auto file = directory.path() / "paused.wav";
     Player microphone(kMicrophoneIn, 1, 4.6, sine(kMicrophoneToneHertz, kToneAmplitude));
     std::this_thread::sleep_for(kPlayerLead);
@@ -292,6 +293,10 @@ TEST_F(RecordingSandboxTest, PausingTheMultiSourceRecorderOnlySilencesItsProgres
     ASSERT_TRUE(events.waitForEnd());
 
     EXPECT_EQ(events.count(Kind::paused) + events.count(Kind::resumed), 0);
+    // Nothing about the devices changed: the capture that opened the process's first
+    // connection to the server is not restarted for it.
+    EXPECT_FALSE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
+                               "Audio configuration changed, restarting recording seamlessly"));
     int progressWhilePaused = 0;
     for (const auto& e : events.entries()) {
         if (e.event.kind == Kind::progress && e.arrival > pausedAt + 20ms && e.arrival < resumedAt) ++progressWhilePaused;

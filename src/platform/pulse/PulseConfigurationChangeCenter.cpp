@@ -50,7 +50,18 @@ void PulseConfigurationChangeCenter::startWatching() {
             noteEvent(true);  // a device came or went; volume and state changes are not configuration
         }
     });
-    connectionToken_ = connection_->addConnectionListener([this](bool) { noteEvent(true); });
+    // Losing the server, and finding it again after a loss, change what can be recorded.
+    // The first connection does not: it is whoever records first opening the connection,
+    // and announcing it would restart that recording moments after it started.
+    connectionToken_ = connection_->addConnectionListener([this](bool connected) {
+        {
+            std::lock_guard lock(eventsMutex_);
+            const bool foundAgain = connected && connectionLost_;
+            connectionLost_ = connectionLost_ || !connected;
+            if (connected && !foundAgain) return;
+        }
+        noteEvent(true);
+    });
     {
         std::lock_guard lock(eventsMutex_);
         stopping_ = false;

@@ -55,6 +55,7 @@ private:
     platform::ChangeCoalescer coalescer_{kQuietSeconds, kMaximumDelaySeconds};  // guarded by eventsMutex_
     bool definiteChange_ = false;                                                // guarded by eventsMutex_
     bool stopping_ = false;                                                      // guarded by eventsMutex_
+    bool connectionLost_ = false;                                                // guarded by eventsMutex_
     std::thread notifier_;
     std::uint64_t eventToken_ = 0;
     std::uint64_t connectionToken_ = 0;
