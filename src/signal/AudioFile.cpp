@@ -1,9 +1,14 @@
 #include "signal/AudioFile.hpp"
 
+#include <fcntl.h>
 #include <sndfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <string>
 #include <variant>
 
@@ -20,6 +25,11 @@ namespace {
 
 constexpr const char* kSndfileDomain = "libsndfile";
 constexpr const char* kAudioFileDomain = "io.veltoaudio.AudioFile";
+constexpr const char* kPosixDomain = "POSIX";
+// What a full disk still leaves the file: a FLAC encoder's last frame is at most about
+// 12 KiB, and a few hundred milliseconds of stopping are at most 64 KiB of float WAV per
+// second. Renewed once half of it is written, so at least half is left when the disk says no.
+constexpr std::int64_t kReserveBytes = 128 * 1024;
 // Unsynced audio is lost when the machine (not just the process) goes down;
 // a second of it is the most a crash may cost.
 constexpr double kSyncIntervalSeconds = 1.0;
@@ -38,6 +48,15 @@ std::optional<T> setting(const AudioSettings& settings, const char* key) {
 }
 
 PlatformError sndfileError(int code, const std::string& text) { return PlatformError(kSndfileDomain, code, text); }
+
+PlatformError diskFullError(const std::filesystem::path& path) {
+    return PlatformError(kAudioFileDomain, 3, "The disk holding " + path.filename().string() + " is full");
+}
+
+std::int64_t fileEndBytes(int fileDescriptor) {
+    struct stat status {};
+    return ::fstat(fileDescriptor, &status) == 0 ? static_cast<std::int64_t>(status.st_size) : 0;
+}
 
 PlatformError unsupportedSettings() {
     return sndfileError(SF_ERR_UNRECOGNISED_FORMAT, sf_error_number(SF_ERR_UNRECOGNISED_FORMAT));
@@ -73,7 +92,8 @@ int sndfileFormat(const AudioSettings& settings) {
 }  // namespace
 
 std::shared_ptr<AudioFile> AudioFile::openForWriting(const std::filesystem::path& path, const AudioSettings& settings,
-                                                     bool interleaved, std::shared_ptr<Clock> clock) {
+                                                     bool interleaved, std::shared_ptr<Clock> clock,
+                                                     DiskSpaceReserve::Allocator reserveSpace) {
     const auto sampleRate = setting<int64_t>(settings, AVSampleRateKey);
     const auto channels = setting<int64_t>(settings, AVNumberOfChannelsKey);
     if (!sampleRate || !channels || *sampleRate < 1 || *channels < 1 || *sampleRate > INT32_MAX ||
@@ -86,10 +106,32 @@ std::shared_ptr<AudioFile> AudioFile::openForWriting(const std::filesystem::path
     info.format = sndfileFormat(settings);
     if (!sf_format_check(&info)) throw unsupportedSettings();
 
-    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+    // The descriptor is ours rather than libsndfile's: the disk space reserve needs it,
+    // and it outlives libsndfile's close to give that reserve back.
+    const int fileDescriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fileDescriptor < 0) {
+        const int error = errno;
+        throw PlatformError(kPosixDomain, error, std::strerror(error));
+    }
+    const auto abandon = [&](SNDFILE* opened) {
+        if (opened) sf_close(opened);
+        ::close(fileDescriptor);
+        std::error_code ignored;
+        std::filesystem::remove(path, ignored);  // nothing was recorded into it
+    };
+    SNDFILE* file = sf_open_fd(fileDescriptor, SFM_WRITE, &info, SF_FALSE);
     if (!file) {
         const int code = sf_error(nullptr);
-        throw sndfileError(code, sf_strerror(nullptr));
+        const std::string text = sf_strerror(nullptr);
+        abandon(nullptr);
+        throw sndfileError(code, text);
+    }
+    DiskSpaceReserve reserve(fileDescriptor, kReserveBytes,
+                             reserveSpace ? std::move(reserveSpace) : DiskSpaceReserve::keepingFileSize());
+    // A disk without room for the reserve could not hold the end of a recording either.
+    if (reserve.renew(fileEndBytes(fileDescriptor)) == DiskSpaceReserve::Renewal::diskFull) {
+        abandon(file);
+        throw diskFullError(path);
     }
     // The header carries the data length: keeping it current after every
     // write is what makes a file of a crashed recording readable.
@@ -102,16 +144,23 @@ std::shared_ptr<AudioFile> AudioFile::openForWriting(const std::filesystem::path
         *PcmFormat::make(static_cast<double>(*sampleRate), static_cast<uint32_t>(*channels), interleaved);
     if (!clock) clock = Clock::system();
     logger().debug("Opened audio file for writing: " + path.string() + ", " + fileFormat.description());
-    return std::make_shared<AudioFile>(Private{}, path, file, fileFormat, processingFormat, std::move(clock));
+    return std::make_shared<AudioFile>(Private{}, path, file, fileDescriptor, std::move(reserve), fileFormat,
+                                       processingFormat, std::move(clock));
 }
 
-AudioFile::AudioFile(const Private&, std::filesystem::path path, sf_private_tag* file, PcmFormat fileFormat,
-                     PcmFormat processingFormat, std::shared_ptr<Clock> clock)
+AudioFile::AudioFile(const Private&, std::filesystem::path path, sf_private_tag* file, int fileDescriptor,
+                     DiskSpaceReserve reserve, PcmFormat fileFormat, PcmFormat processingFormat,
+                     std::shared_ptr<Clock> clock)
     : path_(std::move(path)),
       fileFormat_(fileFormat),
       processingFormat_(processingFormat),
       clock_(std::move(clock)),
+      // Checked often enough that less than an eighth of the reserve is written between
+      // two checks, however many channels (at most four bytes a sample on disk).
+      reserveCheckFrames_(std::max<int64_t>(1, kReserveBytes / 8 / (4 * static_cast<int64_t>(fileFormat.channelCount)))),
       file_(file),
+      fileDescriptor_(fileDescriptor),
+      reserve_(std::move(reserve)),
       lastSyncSeconds_(clock_->nowSeconds()) {}
 
 AudioFile::~AudioFile() {
@@ -147,12 +196,25 @@ void AudioFile::write(const PcmBuffer& buffer) {
         }
         throw sndfileError(code, text);
     }
+    renewReserveIfDue();
 
     const double now = clock_->nowSeconds();
     if (now - lastSyncSeconds_ >= kSyncIntervalSeconds) {
         lastSyncSeconds_ = now;
         sf_write_sync(file_);
     }
+}
+
+void AudioFile::renewReserveIfDue() {
+    if (framesWritten_ - framesAtLastReserveCheck_ < reserveCheckFrames_) return;
+    framesAtLastReserveCheck_ = framesWritten_;
+    if (reserve_.renew(fileEndBytes(fileDescriptor_)) != DiskSpaceReserve::Renewal::diskFull || diskFullReported_) {
+        return;
+    }
+    // The block just written is in the file. Saying so once is enough for the owner to
+    // stop; the writes it makes while stopping go into what is left of the reserve.
+    diskFullReported_ = true;
+    throw diskFullError(path_);
 }
 
 void AudioFile::close() {
@@ -166,6 +228,8 @@ void AudioFile::closeLocked() {
     file_ = nullptr;
     sf_write_sync(file);
     const int result = sf_close(file);
+    reserve_.release();
+    ::close(fileDescriptor_);
     if (result != 0) {
         logger().critical("Failed to close audio file " + path_.string() + ": " + sf_error_number(result));
     } else {
