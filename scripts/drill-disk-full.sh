@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Disk full: record onto a 200 KiB tmpfs until it fills. The recording must end by
-# itself with one clear error, and the file must stay readable. Needs root (mount).
+# itself with one clear error, and the file must stay readable, its header included:
+# a standard tool must read at least the time the last progress event reported.
+# Needs root (mount).
 #   scripts/drill-disk-full.sh
 source "$(dirname "$0")/drill-common.sh"
 mountpoint="$work/small-disk"
@@ -29,7 +31,10 @@ for format in wav flac; do
          "($(stat -c %s "$file" 2>/dev/null || echo 0) bytes)"
     echo "  standard error: $(cat "$work/err-$format")"
     echo "  last event: $(tail -1 "$work/events-$format")"
-    [[ $exit_status -eq 1 && $readable != unreadable && $(wc -l <"$work/err-$format") -ge 1 ]] || status=1
+    header_seconds=$(soxi -D "$file" 2>/dev/null || echo 0)
+    holds_all=$(awk -v h="$header_seconds" -v r="${reported:-0}" 'BEGIN { print (r > 0 && h >= r - 0.05) ? 1 : 0 }')
+    [[ $exit_status -eq 1 && $readable != unreadable && $holds_all -eq 1 && $(wc -l <"$work/err-$format") -ge 1 ]] ||
+        status=1
 done
-[[ $status -eq 0 ]] && echo "disk full: ends with an error and a readable file: met" || echo "disk full: NOT met"
+[[ $status -eq 0 ]] && echo "disk full: ends with an error and a whole, readable file: met" || echo "disk full: NOT met"
 exit $status
