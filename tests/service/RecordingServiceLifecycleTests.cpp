@@ -15,10 +15,10 @@ namespace {
 
 using ::testing::ElementsAre;
 using Kind = RecordingEvent::Kind;
-constexpr const char* kCategory = "RecordingService";
+using Code = RecordingError::Code;
 
 template <class Operation>
-std::optional<RecordingError::Code> thrownCode(Operation operation) {
+std::optional<Code> thrownCode(Operation operation) {
     try {
         operation();
     } catch (const RecordingError& error) {
@@ -30,24 +30,35 @@ std::optional<RecordingError::Code> thrownCode(Operation operation) {
 const MicrophoneDevice kBuiltIn{"built-in", "Built-in Microphone", true};
 const MicrophoneDevice kUsb{"usb-1", "USB Microphone", false};
 
+struct Session {
+    EventStream<RecordingEvent> stream;
+    std::shared_ptr<ScriptedRecorder> recorder;
+};
+
 class RecordingServiceTest : public ::testing::Test {
 protected:
     RecordingServiceTest() { harness.sessionManager->setDevices({kBuiltIn, kUsb}); }
+    RecordingService& service() { return harness.service(); }
 
-    // Starts a recording and waits until its recorder is running.
-    EventStream<RecordingEvent> startRecording(AudioSources sources = AudioSources::microphoneOnly()) {
+    // Starts a recording and waits until its recorder runs and, when asked, until the
+    // service has seen its first progress.
+    Session start(bool untilRecording = true) {
         const auto index = harness.recorderCount();
-        auto stream = harness.service().startRecording(makeConfiguration(sources));
-        harness.recorder(index);
-        return stream;
+        Session session{service().startRecording(makeConfiguration(AudioSources::microphoneOnly())), nullptr};
+        session.recorder = harness.recorder(index);
+        if (untilRecording) reachRecordingState(session.recorder);
+        return session;
     }
-
     void reachRecordingState(const std::shared_ptr<ScriptedRecorder>& recorder) {
         recorder->emit(RecordingEvent::progress(0.1, AudioLevels::silence()));
-        ASSERT_TRUE(eventually([&] { return harness.service().isRecording(); }));
+        EXPECT_TRUE(eventually([&] { return service().isRecording(); }));
     }
-
-    bool logged(LogLevel level, const std::string& message) { return logs.contains(level, kCategory, message); }
+    bool becomesIdle() {
+        return eventually([&] { return service().recordingState() == RecordingState::idle; });
+    }
+    bool logged(LogLevel level, const std::string& message) {
+        return logs.contains(level, "RecordingService", message);
+    }
 
     CapturedLogs logs;
     ServiceHarness harness;
@@ -56,55 +67,53 @@ protected:
 // MARK: - Start checks
 
 TEST_F(RecordingServiceTest, restartWithoutAStartAndASecondStartAreRefused) {
-    EXPECT_EQ(thrownCode([&] { harness.service().restartRecording(); }), RecordingError::Code::invalidState);
-    EXPECT_EQ(harness.service().recordingState(), RecordingState::idle);
+    EXPECT_EQ(thrownCode([&] { service().restartRecording(); }), Code::invalidState);
+    EXPECT_EQ(service().recordingState(), RecordingState::idle);
 
-    auto stream = startRecording();
-    EXPECT_EQ(thrownCode([&] { harness.service().startRecording(makeConfiguration(AudioSources::microphoneOnly())); }),
-              RecordingError::Code::invalidState);
+    auto session = start(false);
+    EXPECT_EQ(thrownCode([&] { service().startRecording(makeConfiguration(AudioSources::microphoneOnly())); }),
+              Code::invalidState);
     EXPECT_TRUE(logged(LogLevel::critical, "Recording start failed - invalid state transition from starting"));
 
-    reachRecordingState(harness.recorder());
-    EXPECT_EQ(thrownCode([&] { harness.service().startRecording(); }), RecordingError::Code::invalidState);
+    reachRecordingState(session.recorder);
+    EXPECT_EQ(thrownCode([&] { service().startRecording(); }), Code::invalidState);
     EXPECT_TRUE(logged(LogLevel::critical, "Recording start failed - invalid state transition from recording"));
     EXPECT_EQ(harness.recorderCount(), 1u);
 }
 
 TEST_F(RecordingServiceTest, missingMicrophonePermissionLeavesTheServiceStartingUntilCancelled) {
     harness.microphoneStatus = platform::AuthorizationStatus::denied;
-    auto& service = harness.service();
-    EXPECT_EQ(thrownCode([&] { service.startRecording(makeConfiguration(AudioSources::both())); }),
-              RecordingError::Code::permissionDenied);
+    EXPECT_EQ(thrownCode([&] { service().startRecording(makeConfiguration(AudioSources::both())); }),
+              Code::permissionDenied);
     EXPECT_TRUE(logged(LogLevel::critical, "Recording start failed - microphone permission denied"));
-    EXPECT_EQ(service.recordingState(), RecordingState::starting);
-    EXPECT_TRUE(service.isRecordingActive());
+    EXPECT_EQ(service().recordingState(), RecordingState::starting);
+    EXPECT_TRUE(service().isRecordingActive());
     EXPECT_TRUE(harness.generatedFiles().empty());
 
     harness.microphoneStatus = platform::AuthorizationStatus::authorized;
-    EXPECT_EQ(thrownCode([&] { service.startRecording(); }), RecordingError::Code::invalidState);
+    EXPECT_EQ(thrownCode([&] { service().startRecording(); }), Code::invalidState);
 
-    service.cancelRecording();
+    service().cancelRecording();
     EXPECT_TRUE(logged(LogLevel::error, "No active recording stream to cancel"));
-    EXPECT_EQ(service.recordingState(), RecordingState::idle);
+    EXPECT_EQ(service().recordingState(), RecordingState::idle);
     EXPECT_EQ(harness.recorderCount(), 0u);
 }
 
 TEST_F(RecordingServiceTest, systemAudioNeedsTheNewerSystemButNoPermissionCheckAtStart) {
     harness.setVersion(14, 3);
-    auto& service = harness.service();
-    EXPECT_EQ(thrownCode([&] { service.startRecording(makeConfiguration(AudioSources::systemAudioOnly())); }),
-              RecordingError::Code::systemAudioFormatNotSupported);
+    EXPECT_EQ(thrownCode([&] { service().startRecording(makeConfiguration(AudioSources::systemAudioOnly())); }),
+              Code::systemAudioFormatNotSupported);
     EXPECT_TRUE(
         logged(LogLevel::critical, "Recording start failed - system audio not available on macOS versions below 14.4"));
     // A restart leaves starting through cleanup, then fails the same way.
-    EXPECT_EQ(thrownCode([&] { service.restartRecording(); }), RecordingError::Code::systemAudioFormatNotSupported);
-    EXPECT_EQ(service.recordingState(), RecordingState::starting);
-    service.cancelRecording();
+    EXPECT_EQ(thrownCode([&] { service().restartRecording(); }), Code::systemAudioFormatNotSupported);
+    EXPECT_EQ(service().recordingState(), RecordingState::starting);
+    service().cancelRecording();
 
     harness.setVersion(14, 4);
     harness.microphoneStatus = platform::AuthorizationStatus::denied;
     harness.tcc->status = PermissionState::denied;
-    auto stream = service.startRecording(makeConfiguration(AudioSources::systemAudioOnly()));
+    auto stream = service().startRecording(makeConfiguration(AudioSources::systemAudioOnly()));
     EXPECT_NE(harness.recorder(), nullptr);
     EXPECT_TRUE(logged(LogLevel::debug, "System audio requested - permission will be validated during tap creation"));
     EXPECT_EQ(harness.tcc->statusQueries.load(), 0);
@@ -115,26 +124,25 @@ TEST_F(RecordingServiceTest, systemAudioNeedsTheNewerSystemButNoPermissionCheckA
 TEST_F(RecordingServiceTest, sessionConfigurationFailureIsWrappedAndKeepsTheServiceStarting) {
     harness.sessionManager->failConfigurationWith(std::make_exception_ptr(PlatformError("PulseAudio", 3, "Bad device")));
     try {
-        harness.service().startRecording();
+        service().startRecording();
         FAIL() << "start succeeded";
     } catch (const RecordingError& error) {
-        EXPECT_EQ(error.code(), RecordingError::Code::sessionConfigurationFailed);
+        EXPECT_EQ(error.code(), Code::sessionConfigurationFailed);
         EXPECT_EQ(error.errorDescription(), "Failed to configure audio session: Bad device");
     }
     EXPECT_TRUE(logged(LogLevel::critical, "Recording start failed - session configuration failed: Bad device"));
     EXPECT_EQ(harness.sessionManager->deviceInformationLogs(), 0);
-    EXPECT_EQ(harness.service().recordingState(), RecordingState::starting);
+    EXPECT_EQ(service().recordingState(), RecordingState::starting);
 }
 
 TEST_F(RecordingServiceTest, recorderIsChosenByTheSystemVersionAlone) {
-    {
-        auto stream = startRecording();
-        EXPECT_TRUE(logged(LogLevel::info, "Using UnifiedAudioRecorder for multi-source recording"));
-        harness.service().cancelRecording();
-    }
+    start(false);
+    EXPECT_TRUE(logged(LogLevel::info, "Using UnifiedAudioRecorder for multi-source recording"));
+    service().cancelRecording();
+
     harness.setVersion(14, 3);
     harness.storage->setSelectedMicrophoneId("usb-1");
-    auto stream = startRecording();
+    auto session = start(false);
     EXPECT_TRUE(logged(LogLevel::info, "Using AudioRecorder for microphone-only recording"));
     EXPECT_THAT(harness.recorderKinds(), ElementsAre("unified", "microphone"));
     // The microphone recorder gets the resolved device: the stored preference.
@@ -147,9 +155,8 @@ TEST_F(RecordingServiceTest, recorderIsChosenByTheSystemVersionAlone) {
 TEST_F(RecordingServiceTest, configuredMicrophoneAndExplicitFileWinOverTheStoredOneAndAFreshLocation) {
     harness.storage->setSelectedMicrophoneId("built-in");
     const MicrophoneDevice detached{"gone", "Detached", false};
-    auto stream = harness.service().startRecording(
-        makeConfiguration(AudioSources::microphoneOnly(), AudioFormat::flac, detached),
-        std::filesystem::path("/tmp/named.flac"));
+    auto stream = service().startRecording(makeConfiguration(AudioSources::microphoneOnly(), AudioFormat::flac, detached),
+                                           std::filesystem::path("/tmp/named.flac"));
     EXPECT_EQ(harness.sessionManager->configuredMicrophones().back(), std::optional<MicrophoneDevice>(detached));
     EXPECT_EQ(harness.recorder()->fileURL(), "/tmp/named.flac");
     EXPECT_TRUE(harness.generatedFiles().empty());
@@ -158,21 +165,20 @@ TEST_F(RecordingServiceTest, configuredMicrophoneAndExplicitFileWinOverTheStored
 // MARK: - Forwarding and the end of a recording
 
 TEST_F(RecordingServiceTest, eventsAreRelayedInOrderAndStopDeliversFinishedBeforeTheEnd) {
-    auto stream = startRecording();
-    auto recorder = harness.recorder();
-    ASSERT_TRUE(harness.service().audioStream().has_value());
+    auto [stream, recorder] = start(false);
+    ASSERT_TRUE(service().audioStream().has_value());
     recorder->emit(RecordingEvent::starting());
     recorder->emit(RecordingEvent::started());
     reachRecordingState(recorder);
-    harness.service().stopRecording();
+    service().stopRecording();
 
     auto drained = drain(stream);
     EXPECT_EQ(drained.error, nullptr);
     EXPECT_THAT(drained.kinds(), ElementsAre(Kind::starting, Kind::started, Kind::progress, Kind::finished));
     EXPECT_EQ(drained.events.back().fileURL, recorder->fileURL());
     EXPECT_EQ(drained.events[2].elapsedSeconds, 0.1);
-    EXPECT_EQ(harness.service().recordingState(), RecordingState::idle);
-    EXPECT_FALSE(harness.service().audioStream().has_value());
+    EXPECT_EQ(service().recordingState(), RecordingState::idle);
+    EXPECT_FALSE(service().audioStream().has_value());
     EXPECT_THAT(recorder->calls(), ElementsAre("events", "stop"));
     EXPECT_TRUE(logged(LogLevel::info, "Recording stream completed successfully"));
     EXPECT_TRUE(logged(LogLevel::debug, "Recording stream stopped successfully"));
@@ -182,34 +188,29 @@ TEST_F(RecordingServiceTest, eventsAreRelayedInOrderAndStopDeliversFinishedBefor
 
 TEST_F(RecordingServiceTest, stopAlwaysDeliversFinishedWhateverTheInterleaving) {
     for (int round = 0; round < 25; ++round) {
-        auto stream = startRecording();
-        auto recorder = harness.recorder(static_cast<std::size_t>(round));
-        reachRecordingState(recorder);
+        auto [stream, recorder] = start();
         for (int i = 0; i < 20; ++i) recorder->emit(RecordingEvent::progress(i, AudioLevels::silence()));
-        harness.service().stopRecording();
+        service().stopRecording();
         auto drained = drain(stream);
         ASSERT_FALSE(drained.events.empty());
         ASSERT_EQ(drained.events.back().kind, Kind::finished) << "round " << round;
         ASSERT_EQ(drained.events.size(), 22u);
-        ASSERT_EQ(harness.service().recordingState(), RecordingState::idle);
+        ASSERT_EQ(service().recordingState(), RecordingState::idle);
     }
 }
 
 TEST_F(RecordingServiceTest, normalEndLogsTheTransitionsAndAllowsARestartIntoANewFile) {
-    auto stream = startRecording();
-    auto recorder = harness.recorder();
-    reachRecordingState(recorder);
+    auto [stream, recorder] = start();
     recorder->end();
-    auto drained = drain(stream);
-    EXPECT_EQ(drained.error, nullptr);
-    ASSERT_TRUE(eventually([&] { return harness.service().recordingState() == RecordingState::idle; }));
-    EXPECT_FALSE(harness.service().audioStream().has_value());
-    EXPECT_THAT(logs.messages(kCategory),
+    EXPECT_EQ(drain(stream).error, nullptr);
+    ASSERT_TRUE(becomesIdle());
+    EXPECT_FALSE(service().audioStream().has_value());
+    EXPECT_THAT(logs.messages("RecordingService"),
                 ::testing::IsSupersetOf({"State transition: idle -> starting", "State transition: starting -> recording",
                                          "Starting cleanup from state: recording", "State transition: recording -> idle",
                                          "Cleanup completed"}));
 
-    auto restarted = harness.service().restartRecording();
+    auto restarted = service().restartRecording();
     EXPECT_TRUE(logged(LogLevel::info, "Restarting recording session"));
     auto second = harness.recorder(1);
     ASSERT_NE(second, nullptr);
@@ -220,9 +221,7 @@ TEST_F(RecordingServiceTest, normalEndLogsTheTransitionsAndAllowsARestartIntoANe
 }
 
 TEST_F(RecordingServiceTest, recorderFailureEndsTheStreamWithTheRecordersOwnError) {
-    auto stream = startRecording();
-    auto recorder = harness.recorder();
-    reachRecordingState(recorder);
+    auto [stream, recorder] = start();
     recorder->fail(std::make_exception_ptr(RecordingError::systemAudioDeviceStartFailed(-50)));
     auto drained = drain(stream);
     ASSERT_NE(drained.error, nullptr);
@@ -233,33 +232,27 @@ TEST_F(RecordingServiceTest, recorderFailureEndsTheStreamWithTheRecordersOwnErro
     }
     EXPECT_TRUE(logged(LogLevel::critical, "Recording stream failed: Failed to start system audio device (error: -50)."));
     EXPECT_TRUE(logged(LogLevel::debug, "State transition: recording -> error"));
-    ASSERT_TRUE(eventually([&] { return harness.service().recordingState() == RecordingState::idle; }));
+    ASSERT_TRUE(becomesIdle());
 }
 
 TEST_F(RecordingServiceTest, recorderThatCannotBeBuiltEndsTheStreamWithItsError) {
     harness.recorderConstructionFails = true;
-    auto stream = harness.service().startRecording();
-    auto drained = drain(stream);
-    ASSERT_NE(drained.error, nullptr);
-    EXPECT_EQ(describeError(drained.error), "Failed to initialize audio recorder");
-    ASSERT_TRUE(eventually([&] { return harness.service().recordingState() == RecordingState::idle; }));
+    auto stream = service().startRecording();
+    EXPECT_EQ(describeError(drain(stream).error), "Failed to initialize audio recorder");
+    ASSERT_TRUE(becomesIdle());
 }
 
 TEST_F(RecordingServiceTest, consumerThatStopsListeningReturnsTheServiceToIdleWithoutStoppingTheRecorder) {
-    auto stream = startRecording();
-    auto recorder = harness.recorder();
-    reachRecordingState(recorder);
+    auto [stream, recorder] = start();
     stream.cancel();
-    ASSERT_TRUE(eventually([&] { return harness.service().recordingState() == RecordingState::idle; }));
+    ASSERT_TRUE(becomesIdle());
     EXPECT_THAT(recorder->calls(), ElementsAre("events"));
     // The forwarding task's wait was cancelled, which the recorder sees as its consumer leaving.
-    EXPECT_TRUE(eventually([&] { return recorder->eventsTerminated(); }));
+    EXPECT_TRUE(eventually([&, r = recorder] { return r->eventsTerminated(); }));
 }
 
 TEST_F(RecordingServiceTest, destroyingTheServiceCancelsTheRecordingAndEndsTheStream) {
-    auto stream = startRecording();
-    auto recorder = harness.recorder();
-    reachRecordingState(recorder);
+    auto [stream, recorder] = start();
     harness.destroyService();
     auto drained = drain(stream);
     EXPECT_EQ(drained.error, nullptr);
@@ -272,19 +265,17 @@ TEST_F(RecordingServiceTest, aStopThatNeverEndsTheSequenceStillReturnsAndCleansU
     auto clock = std::make_shared<ManualClock>();
     harness.clock = clock;
     harness.rebuild();
-    auto stream = startRecording();
-    auto recorder = harness.recorder();
-    reachRecordingState(recorder);
-    recorder->endsOnStopAndCancel = false;
+    auto session = start();
+    session.recorder->endsOnStopAndCancel = false;
     // The stop waits for the recorder's last events until its grace period has passed.
     std::thread timeKeeper([&] {
-        eventually([&] { return recorder->wasCalled("stop"); });
+        eventually([&] { return session.recorder->wasCalled("stop"); });
         clock->advance(60.0);
     });
-    harness.service().stopRecording();
+    service().stopRecording();
     timeKeeper.join();
-    EXPECT_EQ(harness.service().recordingState(), RecordingState::idle);
-    auto drained = drain(stream);  // the cleanup cancelled the forwarding: a normal end
+    EXPECT_EQ(service().recordingState(), RecordingState::idle);
+    auto drained = drain(session.stream);  // the cleanup cancelled the forwarding: a normal end
     EXPECT_EQ(drained.error, nullptr);
     EXPECT_THAT(drained.kinds(), ElementsAre(Kind::progress));
 }
@@ -292,91 +283,78 @@ TEST_F(RecordingServiceTest, aStopThatNeverEndsTheSequenceStillReturnsAndCleansU
 // MARK: - Control operations
 
 TEST_F(RecordingServiceTest, controlOperationsInStartingFollowTheTable) {
-    auto stream = startRecording();
-    auto recorder = harness.recorder();
-    auto& service = harness.service();
-
-    service.stopRecording();
+    auto [stream, recorder] = start(false);
+    service().stopRecording();
     EXPECT_TRUE(logged(LogLevel::error, "Cannot stop recording - invalid state: starting"));
-    service.pauseRecording();
+    service().pauseRecording();
     EXPECT_TRUE(logged(LogLevel::error, "Cannot pause recording - invalid state: starting"));
-    EXPECT_EQ(service.recordingState(), RecordingState::starting);
+    EXPECT_EQ(service().recordingState(), RecordingState::starting);
 
-    service.resumeRecording();
-    EXPECT_TRUE(recorder->wasCalled("resume"));
-    EXPECT_EQ(service.recordingState(), RecordingState::recording);
+    service().resumeRecording();
+    EXPECT_EQ(service().recordingState(), RecordingState::recording);
     EXPECT_TRUE(logged(LogLevel::debug, "Recording session resumed successfully"));
-
-    service.pauseRecording();
-    EXPECT_TRUE(service.isPaused());
+    service().pauseRecording();
+    EXPECT_TRUE(service().isPaused());
     EXPECT_TRUE(logged(LogLevel::debug, "Recording session paused successfully"));
-    service.pauseRecording();
+    service().pauseRecording();
     EXPECT_TRUE(logged(LogLevel::error, "Cannot pause recording - invalid state: paused"));
-    EXPECT_EQ(service.recordingState(), RecordingState::paused);
-    service.resumeRecording();
-    EXPECT_TRUE(service.isRecording());
-    service.resumeRecording();
+    EXPECT_EQ(service().recordingState(), RecordingState::paused);
+    service().resumeRecording();
+    EXPECT_TRUE(service().isRecording());
+    service().resumeRecording();
     EXPECT_TRUE(logged(LogLevel::error, "Cannot resume recording - invalid state: recording"));
     EXPECT_THAT(recorder->calls(), ElementsAre("events", "resume", "pause", "resume"));
 }
 
 TEST_F(RecordingServiceTest, cancelInStartingIsAcceptedAndRelaysTheCancelledEvent) {
-    auto stream = startRecording();
-    auto recorder = harness.recorder();
-    harness.service().cancelRecording();
+    auto session = start(false);
+    service().cancelRecording();
     EXPECT_TRUE(logged(LogLevel::debug, "State transition: starting -> cancelling"));
     EXPECT_TRUE(logged(LogLevel::debug, "Recording stream cancelled successfully"));
-    auto drained = drain(stream);
-    EXPECT_THAT(drained.kinds(), ElementsAre(Kind::cancelled));
-    EXPECT_EQ(harness.service().recordingState(), RecordingState::idle);
-    harness.service().cancelRecording();
+    EXPECT_THAT(drain(session.stream).kinds(), ElementsAre(Kind::cancelled));
+    EXPECT_EQ(service().recordingState(), RecordingState::idle);
+    service().cancelRecording();
     EXPECT_TRUE(logged(LogLevel::error, "Cannot cancel recording - invalid state: idle"));
 }
 
 TEST_F(RecordingServiceTest, afterAFailedStartOnlyRestartLeavesTheErrorState) {
     harness.microphoneStatus = platform::AuthorizationStatus::notDetermined;
-    auto& service = harness.service();
-    EXPECT_TRUE(thrownCode([&] { service.startRecording(); }).has_value());
-    service.resumeRecording();
+    EXPECT_TRUE(thrownCode([&] { service().startRecording(); }).has_value());
+    service().resumeRecording();
     EXPECT_TRUE(logged(LogLevel::error, "No active recording stream to resume"));
-    EXPECT_EQ(service.recordingState(), RecordingState::error);
-    EXPECT_FALSE(service.isRecordingActive());
+    EXPECT_EQ(service().recordingState(), RecordingState::error);
+    EXPECT_FALSE(service().isRecordingActive());
 
-    EXPECT_EQ(thrownCode([&] { service.startRecording(); }), RecordingError::Code::invalidState);
-    service.stopRecording();
-    service.cancelRecording();
-    service.pauseRecording();
-    service.resumeRecording();
-    for (const char* refusal : {"Cannot stop recording - invalid state: error", "Cannot cancel recording - invalid state: error",
-                                "Cannot pause recording - invalid state: error",
-                                "Cannot resume recording - invalid state: error"}) {
+    EXPECT_EQ(thrownCode([&] { service().startRecording(); }), Code::invalidState);
+    service().stopRecording();
+    service().cancelRecording();
+    service().pauseRecording();
+    service().resumeRecording();
+    for (const char* operation : {"stop", "cancel", "pause", "resume"}) {
+        const auto refusal = std::string("Cannot ") + operation + " recording - invalid state: error";
         EXPECT_TRUE(logged(LogLevel::error, refusal)) << refusal;
     }
-    EXPECT_EQ(service.recordingState(), RecordingState::error);
+    EXPECT_EQ(service().recordingState(), RecordingState::error);
 
     harness.microphoneStatus = platform::AuthorizationStatus::authorized;
-    auto stream = service.restartRecording();
+    auto stream = service().restartRecording();
     EXPECT_TRUE(logged(LogLevel::debug, "Cancelling current recording before restart"));
     EXPECT_TRUE(logged(LogLevel::debug, "Starting cleanup from state: error"));
     EXPECT_NE(harness.recorder(), nullptr);
-    EXPECT_EQ(service.recordingState(), RecordingState::starting);
+    EXPECT_EQ(service().recordingState(), RecordingState::starting);
 }
 
 TEST_F(RecordingServiceTest, restartDuringARecordingReleasesTheOldRecorderAndKeepsTheNewSession) {
-    auto first = startRecording();
-    auto oldRecorder = harness.recorder(0);
-    reachRecordingState(oldRecorder);
-    auto second = harness.service().restartRecording();
+    auto first = start();
+    auto second = service().restartRecording();
     auto newRecorder = harness.recorder(1);
     ASSERT_NE(newRecorder, nullptr);
     // The old stream ends normally; its late cleanup must not touch the new session.
-    auto drained = drain(first);
-    EXPECT_EQ(drained.error, nullptr);
-    EXPECT_THAT(oldRecorder->calls(), ElementsAre("events"));
+    EXPECT_EQ(drain(first.stream).error, nullptr);
+    EXPECT_THAT(first.recorder->calls(), ElementsAre("events"));
     reachRecordingState(newRecorder);
-    harness.service().stopRecording();
-    auto secondDrained = drain(second);
-    EXPECT_THAT(secondDrained.kinds(), ElementsAre(Kind::progress, Kind::finished));
+    service().stopRecording();
+    EXPECT_THAT(drain(second).kinds(), ElementsAre(Kind::progress, Kind::finished));
 }
 
 }  // namespace

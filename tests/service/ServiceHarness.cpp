@@ -27,42 +27,40 @@ DrainedEvents drain(EventStream<RecordingEvent>& stream) {
     return drained;
 }
 
-ServiceHarness::ServiceHarness() { rebuild(); }
-
-ServiceHarness::~ServiceHarness() { service_.reset(); }
-
 RecordingService& ServiceHarness::rebuild() {
     service_.reset();
     service_ = std::make_unique<RecordingService>(dependencies());
     return *service_;
 }
 
+std::shared_ptr<AudioRecorderProtocol> ServiceHarness::makeRecorder(const std::filesystem::path& file, std::string kind) {
+    if (recorderConstructionFails) throw RecordingError::recorderInitializationFailed();
+    auto recorder = std::make_shared<ScriptedRecorder>(file);
+    locked([&] {
+        recorders_.push_back(recorder);
+        recorderKinds_.push_back(std::move(kind));
+    });
+    return recorder;
+}
+
 RecordingServiceDependencies ServiceHarness::dependencies() {
     RecordingServiceDependencies d;
     d.makeUnifiedRecorder = [this](const std::filesystem::path& file, const RecordingConfiguration&) {
-        if (recorderConstructionFails) throw RecordingError::recorderInitializationFailed();
-        auto recorder = std::make_shared<ScriptedRecorder>(file);
-        std::lock_guard lock(mutex_);
-        recorders_.push_back(recorder);
-        recorderKinds_.push_back("unified");
-        return std::shared_ptr<AudioRecorderProtocol>(recorder);
+        return makeRecorder(file, "unified");
     };
     d.makeMicrophoneRecorder = [this](const std::filesystem::path& file, AudioFormat,
                                       const std::optional<MicrophoneDevice>& microphone) {
-        if (recorderConstructionFails) throw RecordingError::recorderInitializationFailed();
-        auto recorder = std::make_shared<ScriptedRecorder>(file);
-        std::lock_guard lock(mutex_);
-        recorders_.push_back(recorder);
-        recorderKinds_.push_back("microphone");
-        microphoneRecorderDevices_.push_back(microphone);
-        return std::shared_ptr<AudioRecorderProtocol>(recorder);
+        auto recorder = makeRecorder(file, "microphone");
+        locked([&] { microphoneRecorderDevices_.push_back(microphone); });
+        return recorder;
     };
     d.generateRecordingFileURL = [this](AudioFormat format) {
-        std::lock_guard lock(mutex_);
-        auto file = std::filesystem::path("/recordings") /
-                    ("Recording-" + std::to_string(generatedFiles_.size() + 1) + "." + fileExtension(format));
-        generatedFiles_.push_back(file);
-        return file;
+        return locked([&] {
+            generatedFiles_.push_back(std::filesystem::path("/recordings") /
+                                      ("Recording-" + std::to_string(generatedFiles_.size() + 1) + "." +
+                                       fileExtension(format)));
+            return generatedFiles_.back();
+        });
     };
     d.sessionManager = sessionManager;
     d.microphoneStorage = storage;
@@ -70,11 +68,8 @@ RecordingServiceDependencies ServiceHarness::dependencies() {
         ++microphoneStatusQueries;
         return microphoneStatus.load();
     };
-    d.requestMicrophoneAccess = [this] { return microphoneAccessAnswer.load(); };
-    auto version = [this] {
-        std::lock_guard lock(mutex_);
-        return version_;
-    };
+    d.requestMicrophoneAccess = [] { return true; };
+    auto version = [this] { return locked([&] { return version_; }); };
     d.operatingSystemVersion = version;
     d.tccPermissionProvider = tcc;
     d.systemAudioPermissionManager = std::make_shared<platform::SystemAudioPermissionManager>(tcc, hardware, version);
@@ -91,26 +86,6 @@ std::shared_ptr<ScriptedRecorder> ServiceHarness::recorder(std::size_t index) {
         return true;
     });
     return found;
-}
-
-std::size_t ServiceHarness::recorderCount() {
-    std::lock_guard lock(mutex_);
-    return recorders_.size();
-}
-
-std::vector<std::string> ServiceHarness::recorderKinds() {
-    std::lock_guard lock(mutex_);
-    return recorderKinds_;
-}
-
-std::vector<std::optional<MicrophoneDevice>> ServiceHarness::microphoneRecorderDevices() {
-    std::lock_guard lock(mutex_);
-    return microphoneRecorderDevices_;
-}
-
-std::vector<std::filesystem::path> ServiceHarness::generatedFiles() {
-    std::lock_guard lock(mutex_);
-    return generatedFiles_;
 }
 
 }  // namespace velto::testing

@@ -25,9 +25,15 @@ struct DrainedEvents {
 DrainedEvents drain(EventStream<RecordingEvent>& stream);
 
 class ServiceHarness {
+    template <class F>
+    auto locked(F f) -> decltype(f()) {
+        std::lock_guard lock(mutex_);
+        return f();
+    }
+
 public:
-    ServiceHarness();
-    ~ServiceHarness();
+    ServiceHarness() { rebuild(); }
+    ~ServiceHarness() { service_.reset(); }
 
     RecordingService& service() { return *service_; }
     // Builds a fresh service over the same collaborators (the old one is destroyed first).
@@ -36,15 +42,13 @@ public:
 
     // The index-th recorder, once the service has taken its events.
     std::shared_ptr<ScriptedRecorder> recorder(std::size_t index = 0);
-    std::size_t recorderCount();
-    std::vector<std::string> recorderKinds();
-    std::vector<std::optional<MicrophoneDevice>> microphoneRecorderDevices();
-    std::vector<std::filesystem::path> generatedFiles();
-
-    void setVersion(int major, int minor) {
-        std::lock_guard lock(mutex_);
-        version_ = OperatingSystemVersion{major, minor, 0};
+    std::size_t recorderCount() { return locked([&] { return recorders_.size(); }); }
+    std::vector<std::string> recorderKinds() { return locked([&] { return recorderKinds_; }); }
+    std::vector<std::optional<MicrophoneDevice>> microphoneRecorderDevices() {
+        return locked([&] { return microphoneRecorderDevices_; });
     }
+    std::vector<std::filesystem::path> generatedFiles() { return locked([&] { return generatedFiles_; }); }
+    void setVersion(int major, int minor) { locked([&] { version_ = OperatingSystemVersion{major, minor, 0}; }); }
 
     const std::shared_ptr<FakeSessionManager> sessionManager = std::make_shared<FakeSessionManager>();
     const std::shared_ptr<InMemoryMicrophoneStorage> storage = std::make_shared<InMemoryMicrophoneStorage>();
@@ -52,13 +56,13 @@ public:
     const std::shared_ptr<platform::FakeAudioHardware> hardware = platform::FakeAudioHardware::create();
     std::atomic<platform::AuthorizationStatus> microphoneStatus{platform::AuthorizationStatus::authorized};
     std::atomic<int> microphoneStatusQueries{0};
-    std::atomic<bool> microphoneAccessAnswer{true};
     std::atomic<bool> recorderConstructionFails{false};
     // Bounds the wait for a stopped recorder's last events; set before rebuild().
     std::shared_ptr<Clock> clock = Clock::system();
 
 private:
     RecordingServiceDependencies dependencies();
+    std::shared_ptr<AudioRecorderProtocol> makeRecorder(const std::filesystem::path& file, std::string kind);
 
     std::mutex mutex_;
     OperatingSystemVersion version_{14, 4, 0};

@@ -4,16 +4,12 @@
 // and a permission provider with scripted answers. All thread-safe.
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform/TCCPermissionProviderProtocol.hpp"
@@ -35,16 +31,16 @@ public:
     explicit ScriptedRecorder(std::filesystem::path fileURL);
 
     EventStream<RecordingEvent> events() override;
-    void stop() override;
-    void pause() override;
-    void resume() override;
-    void cancel() override;
-    AudioBufferStream audioStream() override;
+    void stop() override { endWith("stop", RecordingEvent::finished(fileURL_)); }
+    void cancel() override { endWith("cancel", RecordingEvent::cancelled(fileURL_)); }
+    void pause() override { record("pause"); }
+    void resume() override { record("resume"); }
+    AudioBufferStream audioStream() override { return audio_; }
 
     // --- driving it ---
-    void emit(RecordingEvent event);
-    void end();
-    void fail(std::exception_ptr error);
+    void emit(RecordingEvent event) { continuation_.yield(std::move(event)); }
+    void end() { continuation_.finish(); }
+    void fail(std::exception_ptr error) { continuation_.finish(std::move(error)); }
     // When false, stop() and cancel() record the call and do nothing else.
     std::atomic<bool> endsOnStopAndCancel{true};
 
@@ -57,6 +53,7 @@ public:
 
 private:
     void record(std::string call);
+    void endWith(std::string call, RecordingEvent last);
     const std::filesystem::path fileURL_;
     EventStream<RecordingEvent> events_;
     EventStream<RecordingEvent>::Continuation continuation_;
@@ -67,16 +64,26 @@ private:
 };
 
 class FakeSessionManager final : public AudioSessionManagerProtocol {
-public:
-    void setDevices(std::vector<MicrophoneDevice> devices);
-    void failConfigurationWith(std::exception_ptr error);
-    std::vector<std::optional<MicrophoneDevice>> configuredMicrophones() const;
-    int deviceInformationLogs() const;
+    template <class F>
+    auto locked(F f) const -> decltype(f()) {
+        std::lock_guard lock(mutex_);
+        return f();
+    }
 
-    std::vector<MicrophoneDevice> availableMicrophones() override;
-    void configureSession(std::optional<MicrophoneDevice> preferredMicrophone) override;
-    void logDeviceInformation() override;
-    std::optional<MicrophoneDevice> preferredMicrophone() const override;
+public:
+    void setDevices(std::vector<MicrophoneDevice> devices) { locked([&] { devices_ = std::move(devices); }); }
+    void failConfigurationWith(std::exception_ptr error) { locked([&] { configurationError_ = std::move(error); }); }
+    std::vector<std::optional<MicrophoneDevice>> configuredMicrophones() const { return locked([&] { return configured_; }); }
+    int deviceInformationLogs() const { return locked([&] { return deviceInformationLogs_; }); }
+
+    std::vector<MicrophoneDevice> availableMicrophones() override { return locked([&] { return devices_; }); }
+    void configureSession(std::optional<MicrophoneDevice> preferredMicrophone) override {
+        std::lock_guard lock(mutex_);
+        configured_.push_back(preferredMicrophone);
+        if (configurationError_) std::rethrow_exception(configurationError_);
+    }
+    void logDeviceInformation() override { locked([&] { ++deviceInformationLogs_; }); }
+    std::optional<MicrophoneDevice> preferredMicrophone() const override { return std::nullopt; }
 
 private:
     mutable std::mutex mutex_;
@@ -88,8 +95,14 @@ private:
 
 class InMemoryMicrophoneStorage final : public MicrophonePreferencesStorage {
 public:
-    std::optional<std::string> getSelectedMicrophoneId() override;
-    void setSelectedMicrophoneId(std::optional<std::string> id) override;
+    std::optional<std::string> getSelectedMicrophoneId() override {
+        std::lock_guard lock(mutex_);
+        return id_;
+    }
+    void setSelectedMicrophoneId(std::optional<std::string> id) override {
+        std::lock_guard lock(mutex_);
+        id_ = std::move(id);
+    }
 
 private:
     std::mutex mutex_;
@@ -104,8 +117,15 @@ public:
     std::atomic<int> statusQueries{0};
     std::atomic<int> requests{0};
 
-    PermissionState checkPermissionStatus() override;
-    bool requestAudioCapturePermission() override;
+    PermissionState checkPermissionStatus() override {
+        ++statusQueries;
+        return status.load();
+    }
+    bool requestAudioCapturePermission() override {
+        ++requests;
+        if (requestError) std::rethrow_exception(requestError);
+        return requestAnswer.load();
+    }
 };
 
 }  // namespace velto::testing
