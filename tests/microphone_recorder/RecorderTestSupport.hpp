@@ -14,13 +14,13 @@
 #include <exception>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "veltoaudio/EventStream.hpp"
 #include "veltoaudio/PcmBuffer.hpp"
+#include "veltoaudio/RecordingError.hpp"
 #include "veltoaudio/RecordingEvent.hpp"
 
 namespace velto::testing {
@@ -41,35 +41,35 @@ private:
     std::filesystem::path path_;
 };
 
-// A mono block whose samples continue a ramp: sample i of the stream is (i % 1000) / 1000.
-inline std::shared_ptr<PcmBuffer> rampBlock(double rateHertz, uint32_t frames, int64_t& nextIndex) {
+// A mono block continuing `sampleAt` from `nextIndex`: ramps (rampAt) expose dropped or
+// duplicated frames, sines give known levels.
+template <typename SampleAt>
+std::shared_ptr<PcmBuffer> monoBlock(double rateHertz, uint32_t frames, int64_t& nextIndex, SampleAt sampleAt) {
     auto buffer = PcmBuffer::make(*PcmFormat::make(rateHertz, 1, false), frames);
     buffer->setFrameLength(frames);
-    float* samples = buffer->floatChannelData()[0];
-    for (uint32_t i = 0; i < frames; ++i, ++nextIndex) samples[i] = static_cast<float>(nextIndex % 1000) / 1000.0f;
+    for (uint32_t i = 0; i < frames; ++i, ++nextIndex) buffer->floatChannelData()[0][i] = sampleAt(nextIndex);
     return buffer;
 }
+inline float rampAt(int64_t index) { return static_cast<float>(index % 1000) / 1000.0f; }
+inline std::shared_ptr<PcmBuffer> rampBlock(double rateHertz, uint32_t frames, int64_t& nextIndex) {
+    return monoBlock(rateHertz, frames, nextIndex, rampAt);
+}
 
-inline std::shared_ptr<PcmBuffer> sineBlock(double rateHertz, uint32_t frames, double frequencyHertz, float amplitude,
-                                            int64_t& nextIndex) {
-    auto buffer = PcmBuffer::make(*PcmFormat::make(rateHertz, 1, false), frames);
-    buffer->setFrameLength(frames);
-    float* samples = buffer->floatChannelData()[0];
-    for (uint32_t i = 0; i < frames; ++i, ++nextIndex) {
-        samples[i] = amplitude * static_cast<float>(std::sin(2.0 * M_PI * frequencyHertz * nextIndex / rateHertz));
+// Frames a live audio stream carries until it ends.
+inline int64_t framesUntilEnd(AudioBufferStream& stream) {
+    int64_t frames = 0;
+    while (stream.waitFor(std::chrono::seconds(5))) {
+        auto block = stream.next();
+        if (!block) break;
+        frames += (*block)->frameLength();
     }
-    return buffer;
+    return frames;
 }
 
 struct DrainedEvents {
     std::vector<RecordingEvent> events;
     std::exception_ptr error;   // the stream's error, if it ended with one
     bool ended = false;         // false: gave up waiting
-    std::vector<RecordingEvent::Kind> kinds() const {
-        std::vector<RecordingEvent::Kind> result;
-        for (const auto& e : events) result.push_back(e.kind);
-        return result;
-    }
     // The kinds with consecutive progress events collapsed into one.
     std::vector<RecordingEvent::Kind> shape() const {
         std::vector<RecordingEvent::Kind> result;
@@ -121,6 +121,17 @@ inline std::vector<RecordingEvent> takeAvailable(EventStream<RecordingEvent>& st
     } catch (...) {
     }
     return result;
+}
+
+// The code of a RecordingError; nullopt for anything else (a wrapper included).
+inline std::optional<RecordingError::Code> recordingErrorCode(const std::exception_ptr& error) {
+    try {
+        if (error) std::rethrow_exception(error);
+    } catch (const RecordingError& e) {
+        return e.code();
+    } catch (...) {
+    }
+    return std::nullopt;
 }
 
 struct RecordedFile {

@@ -13,24 +13,17 @@ namespace {
 
 using velto::testing::CapturedLogs;
 
-// 2025-03-03 14:05:09 in the local time zone.
-std::chrono::system_clock::time_point localTime(int year, int month, int day, int hour, int minute, int second) {
-    std::tm parts{};
-    parts.tm_year = year - 1900;
-    parts.tm_mon = month - 1;
-    parts.tm_mday = day;
-    parts.tm_hour = hour;
-    parts.tm_min = minute;
-    parts.tm_sec = second;
-    parts.tm_isdst = -1;
-    return std::chrono::system_clock::from_time_t(std::mktime(&parts));
-}
-
 class RecordingFileLocationTest : public ::testing::Test {
 protected:
     CapturedLogs logs;
     velto::testing::TemporaryDirectory support;
-    const std::chrono::system_clock::time_point when = localTime(2025, 3, 3, 14, 5, 9);
+    // 2025-03-03 14:05:09 in the local time zone.
+    const std::chrono::system_clock::time_point when = [] {
+        std::tm parts{};
+        parts.tm_year = 2025 - 1900, parts.tm_mon = 3 - 1, parts.tm_mday = 3;
+        parts.tm_hour = 14, parts.tm_min = 5, parts.tm_sec = 9, parts.tm_isdst = -1;
+        return std::chrono::system_clock::from_time_t(std::mktime(&parts));
+    }();
 };
 
 TEST_F(RecordingFileLocationTest, CreatesAPrivateRecordingsDirectoryOnce) {
