@@ -14,6 +14,16 @@ namespace {
 
 using namespace std::chrono_literals;
 
+// Waits, in real time, until `predicate` holds; the clock under test is manual.
+template <class P>
+bool eventually(P predicate) {
+    for (int i = 0; i < 1000; ++i) {
+        if (predicate()) return true;
+        std::this_thread::sleep_for(1ms);
+    }
+    return predicate();
+}
+
 TEST(EventStream, DeliversInOrderThenEndsWithTheErrorOnce) {
     auto [stream, continuation] = EventStream<int>::make();
     std::vector<StreamTermination> terminations;
@@ -144,13 +154,10 @@ TEST(SerialQueue, DelayedWorkWaitsForTheClockAndRunsInDeadlineOrder) {
         EXPECT_TRUE(order.empty());
     }
     clock->advance(5.0);
-    for (int i = 0; i < 500; ++i) {
-        {
-            std::lock_guard l(mutex);
-            if (order.size() == 2) break;
-        }
-        std::this_thread::sleep_for(2ms);
-    }
+    eventually([&] {
+        std::lock_guard l(mutex);
+        return order.size() == 2;
+    });
     std::lock_guard l(mutex);
     EXPECT_EQ(order, (std::vector<int>{1, 2}));
 }
@@ -170,16 +177,6 @@ TEST(SerialQueue, QueueReleasedByItsOwnWorkShutsDownCleanly) {
     callerLetGo.set_value();
     ran.get_future().wait();
     EXPECT_TRUE(observer.expired());
-}
-
-// Waits, in real time, until `predicate` holds; the clock under test is manual.
-template <class P>
-bool eventually(P predicate) {
-    for (int i = 0; i < 1000; ++i) {
-        if (predicate()) return true;
-        std::this_thread::sleep_for(1ms);
-    }
-    return predicate();
 }
 
 TEST(RepeatingTimer, FiresOnTheClockAndSkipsMissedDeadlines) {

@@ -60,25 +60,22 @@ TEST_F(MacOSSessionManagerTest, ConfigureSessionRemembersOrClearsThePreference) 
 
 TEST_F(MacOSSessionManagerTest, DeviceReportListsDevicesWithTheirWholeHertzRates) {
     discovery->setDevices({device("A", "Built-in", {48000.0, 44100.0, 48000.0}),
-                           device("B", "USB", {44100.9, std::nullopt}), device("C", "Virtual")});
+                           device("B", "USB", {44100.9, std::nullopt}), device("C", "Virtual"),
+                           // Rates that are not finite or too large for whole hertz are left out.
+                           device("D", "Odd", {std::numeric_limits<double>::quiet_NaN(),
+                                               std::numeric_limits<double>::infinity(), 1e300, -16000.5})});
     discovery->setDefaultDevice(device("B", "USB"));
     manager->logDeviceInformation();
     EXPECT_THAT(logs.messages(kCategory), ElementsAre("🎙️ Microphone Device Information (macOS):",
                                                       "Default Input Device: 'USB' (ID: B)",
-                                                      "Available Input Devices (3 total):",
+                                                      "Available Input Devices (4 total):",
                                                       "  1. 'Built-in' (ID: A)",
                                                       "    Supported Sample Rates: 44100Hz, 48000Hz",
                                                       "  2. 'USB' (ID: B) [DEFAULT]",
                                                       "    Supported Sample Rates: 44100Hz",
-                                                      "  3. 'Virtual' (ID: C)"));
-}
-
-TEST_F(MacOSSessionManagerTest, RatesThatAreNotFiniteOrTooLargeAreLeftOut) {
-    discovery->setDevices({device("A", "Odd", {std::numeric_limits<double>::quiet_NaN(),
-                                               std::numeric_limits<double>::infinity(), 1e300, -16000.5})});
-    discovery->setDefaultDevice(device("A", "Odd"));
-    manager->logDeviceInformation();
-    EXPECT_TRUE(logs.contains(LogLevel::info, kCategory, "    Supported Sample Rates: -16000Hz"));
+                                                      "  3. 'Virtual' (ID: C)",
+                                                      "  4. 'Odd' (ID: D)",
+                                                      "    Supported Sample Rates: -16000Hz"));
 }
 
 TEST_F(MacOSSessionManagerTest, DeviceReportStopsWhenThereAreNoDevicesOrNoDefault) {

@@ -19,24 +19,34 @@ const MicrophoneDevice kDeviceC{"C", "Microphone C", true};
 class PermissionsAndMicrophonesTest : public ::testing::Test {
 protected:
     RecordingService& service() { return harness.service(); }
+    std::optional<RecordingError::Code> preferenceRefusal(const MicrophoneDevice& device) {
+        try {
+            service().setPreferredMicrophone(device);
+        } catch (const RecordingError& error) {
+            return error.code();
+        }
+        return std::nullopt;
+    }
+    PermissionStatus statusFor(AudioSources sources) { return service().getPermissionStatus(makeConfiguration(sources)); }
     CapturedLogs logs;
     ServiceHarness harness;
 };
 
-TEST_F(PermissionsAndMicrophonesTest, withoutDevicesNothingIsCurrentAndOnlyClearingSucceeds) {
+TEST_F(PermissionsAndMicrophonesTest, preferenceStoresOnlyTheIdOfAnAttachedDeviceAndClearingAlwaysSucceeds) {
     harness.sessionManager->setDevices({});
-    EXPECT_TRUE(service().getAvailableMicrophones().empty());
     EXPECT_FALSE(service().getCurrentMicrophone().has_value());
-    try {
-        service().setPreferredMicrophone(kDeviceA);
-        FAIL() << "accepted a device that is not attached";
-    } catch (const RecordingError& error) {
-        EXPECT_EQ(error.code(), RecordingError::Code::deviceNotFound);
-    }
+    EXPECT_EQ(preferenceRefusal(kDeviceA), RecordingError::Code::deviceNotFound);
     EXPECT_FALSE(harness.storage->getSelectedMicrophoneId().has_value());
     harness.storage->setSelectedMicrophoneId("X");
     service().setPreferredMicrophone(std::nullopt);
     EXPECT_FALSE(service().hasStoredMicrophonePreference());
+
+    harness.sessionManager->setDevices({kDeviceA, kDeviceB});
+    EXPECT_EQ(preferenceRefusal(MicrophoneDevice{"B", "Another name", false}), std::nullopt);
+    EXPECT_EQ(harness.storage->getSelectedMicrophoneId(), "B");
+    EXPECT_TRUE(harness.sessionManager->configuredMicrophones().empty());  // applied at the next start
+    harness.storage->setSelectedMicrophoneId(std::string());
+    EXPECT_TRUE(service().hasStoredMicrophonePreference());
 }
 
 TEST_F(PermissionsAndMicrophonesTest, storedDeviceWinsWhileAttachedThenTheFirstDefault) {
@@ -51,56 +61,36 @@ TEST_F(PermissionsAndMicrophonesTest, storedDeviceWinsWhileAttachedThenTheFirstD
     EXPECT_EQ(harness.storage->getSelectedMicrophoneId(), "X");
 }
 
-TEST_F(PermissionsAndMicrophonesTest, preferenceStoresOnlyTheIdOfAnAttachedDevice) {
-    harness.sessionManager->setDevices({kDeviceA, kDeviceB});
-    MicrophoneDevice renamed{"B", "Another name", false};
-    service().setPreferredMicrophone(renamed);
-    EXPECT_EQ(harness.storage->getSelectedMicrophoneId(), "B");
-    EXPECT_TRUE(harness.sessionManager->configuredMicrophones().empty());
-    harness.storage->setSelectedMicrophoneId(std::string());
-    EXPECT_TRUE(service().hasStoredMicrophonePreference());
-}
-
 TEST_F(PermissionsAndMicrophonesTest, preferenceCannotChangeDuringARecordingButCanBeCleared) {
     harness.sessionManager->setDevices({kDeviceA, kDeviceB});
     harness.storage->setSelectedMicrophoneId("B");
     auto stream = service().startRecording(makeConfiguration(AudioSources::microphoneOnly()));
-    auto recorder = harness.recorder();
-    recorder->emit(RecordingEvent::progress(0.1, AudioLevels::silence()));
+    harness.recorder()->emit(RecordingEvent::progress(0.1, AudioLevels::silence()));
     ASSERT_TRUE(eventually([&] { return service().isRecording(); }));
     service().pauseRecording();
     ASSERT_TRUE(service().isPaused());
-    try {
-        service().setPreferredMicrophone(kDeviceA);
-        FAIL() << "changed the preference while paused";
-    } catch (const RecordingError& error) {
-        EXPECT_EQ(error.code(), RecordingError::Code::invalidState);
-    }
+    EXPECT_EQ(preferenceRefusal(kDeviceA), RecordingError::Code::invalidState);
     EXPECT_EQ(harness.storage->getSelectedMicrophoneId(), "B");
     service().clearPreferredMicrophone();
     EXPECT_FALSE(harness.storage->getSelectedMicrophoneId().has_value());
 }
 
 TEST_F(PermissionsAndMicrophonesTest, permissionStatusFollowsTheSourcesAndTheSystem) {
-    harness.microphoneStatus = platform::AuthorizationStatus::restricted;
-    harness.tcc->status = PermissionState::granted;
-    EXPECT_EQ(service().getPermissionStatus(makeConfiguration(AudioSources::microphoneOnly())),
-              (PermissionStatus{PermissionState::denied, PermissionState::notRequired}));
+    using State = PermissionState;
+    using platform::AuthorizationStatus;
+    harness.microphoneStatus = AuthorizationStatus::restricted;
+    EXPECT_EQ(statusFor(AudioSources::microphoneOnly()), (PermissionStatus{State::denied, State::notRequired}));
     EXPECT_EQ(harness.tcc->statusQueries.load(), 0);
-    EXPECT_EQ(service().getPermissionStatus(makeConfiguration(AudioSources::systemAudioOnly())),
-              (PermissionStatus{PermissionState::notRequired, PermissionState::granted}));
-    harness.microphoneStatus = platform::AuthorizationStatus::notDetermined;
-    harness.tcc->status = PermissionState::denied;
-    EXPECT_EQ(service().getPermissionStatus(makeConfiguration(AudioSources::both())),
-              (PermissionStatus{PermissionState::notDetermined, PermissionState::denied}));
-    harness.microphoneStatus = platform::AuthorizationStatus::authorized;
-    EXPECT_EQ(service().getPermissionStatus(makeConfiguration(AudioSources::microphoneOnly())).microphone,
-              PermissionState::granted);
+    EXPECT_EQ(statusFor(AudioSources::systemAudioOnly()), (PermissionStatus{State::notRequired, State::granted}));
+    harness.microphoneStatus = AuthorizationStatus::notDetermined;
+    harness.tcc->status = State::denied;
+    EXPECT_EQ(statusFor(AudioSources::both()), (PermissionStatus{State::notDetermined, State::denied}));
+    harness.microphoneStatus = AuthorizationStatus::authorized;
+    EXPECT_EQ(statusFor(AudioSources::microphoneOnly()).microphone, State::granted);
 
     harness.setVersion(14, 3);
     const int queries = harness.tcc->statusQueries.load();
-    EXPECT_EQ(service().getPermissionStatus(makeConfiguration(AudioSources::systemAudioOnly())),
-              (PermissionStatus{PermissionState::notRequired, PermissionState::denied}));
+    EXPECT_EQ(statusFor(AudioSources::systemAudioOnly()), (PermissionStatus{State::notRequired, State::denied}));
     EXPECT_EQ(harness.tcc->statusQueries.load(), queries);
 }
 

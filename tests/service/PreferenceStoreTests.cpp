@@ -18,23 +18,17 @@ namespace {
 using ::testing::ElementsAre;
 constexpr const char* kStorageCategory = "UserDefaultsMicrophoneStorage";
 
-class TemporaryFolder {
-public:
-    TemporaryFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "velto-prefs-XXXXXX").string();
-        path_ = ::mkdtemp(pattern.data());
-    }
+// A fresh folder per test, removed with everything in it.
+struct TemporaryFolder {
+    std::string pattern = (std::filesystem::temp_directory_path() / "velto-prefs-XXXXXX").string();
+    const std::filesystem::path path{::mkdtemp(pattern.data())};
     ~TemporaryFolder() {
         std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
+        std::filesystem::remove_all(path, ignored);
     }
-    const std::filesystem::path& path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
 };
 
-// Runs `body` in a child process; true when it exited with status 0.
+// Runs `body` in a child process, which exits with status 0 when it returns true.
 template <class Body>
 pid_t spawn(Body body) {
     pid_t pid = ::fork();
@@ -56,7 +50,7 @@ bool succeeded(pid_t pid) {
 
 class PreferenceStoreTest : public ::testing::Test {
 protected:
-    std::filesystem::path file() const { return folder.path() / "io.veltoaudio" / "preferences.json"; }
+    std::filesystem::path file() const { return folder.path / "io.veltoaudio" / "preferences.json"; }
     std::shared_ptr<UserDefaults> freshStore() const { return UserDefaults::create(file()); }
     TemporaryFolder folder;
 };
@@ -77,11 +71,8 @@ TEST_F(PreferenceStoreTest, storageLogsEachStepAndKeepsTheEmptyString) {
                             "Cleared stored microphone device ID", "No stored microphone device ID found",
                             "Stored microphone device ID: ", "Retrieved stored microphone device ID: ",
                             "Stored microphone device ID: usb-2", "Retrieved stored microphone device ID: usb-2"));
-    for (const auto& record : logs.records()) {
-        if (record.category == kStorageCategory) {
-            EXPECT_EQ(record.level, LogLevel::debug);
-        }
-    }
+    for (const auto& record : logs.records())
+        EXPECT_TRUE(record.category != kStorageCategory || record.level == LogLevel::debug) << record.message;
 }
 
 TEST_F(PreferenceStoreTest, keysAreSeparateAndOtherKindsReadAsStringsOnlyWithAStringForm) {
@@ -168,9 +159,9 @@ TEST_F(PreferenceStoreTest, aCorruptFileReadsAsEmptyAndIsReplacedByTheNextWrite)
 
 TEST_F(PreferenceStoreTest, anUnwritableFolderIsLoggedNotThrown) {
     CapturedLogs logs;
-    std::filesystem::create_directories(folder.path() / "blocked");
-    std::ofstream(folder.path() / "blocked" / "io.veltoaudio") << "a file where the folder should be";
-    auto store = UserDefaults::create(folder.path() / "blocked" / "io.veltoaudio" / "preferences.json");
+    std::filesystem::create_directories(folder.path / "blocked");
+    std::ofstream(folder.path / "blocked" / "io.veltoaudio") << "a file where the folder should be";
+    auto store = UserDefaults::create(folder.path / "blocked" / "io.veltoaudio" / "preferences.json");
     EXPECT_NO_THROW(store->setString("key", "value"));
     EXPECT_FALSE(store->stringForKey("key").has_value());
     EXPECT_TRUE(logs.containsPrefix("UserDefaults", "Failed to write preferences file "));

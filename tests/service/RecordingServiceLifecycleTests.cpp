@@ -223,13 +223,11 @@ TEST_F(RecordingServiceTest, normalEndLogsTheTransitionsAndAllowsARestartIntoANe
 TEST_F(RecordingServiceTest, recorderFailureEndsTheStreamWithTheRecordersOwnError) {
     auto [stream, recorder] = start();
     recorder->fail(std::make_exception_ptr(RecordingError::systemAudioDeviceStartFailed(-50)));
-    auto drained = drain(stream);
-    ASSERT_NE(drained.error, nullptr);
-    try {
-        std::rethrow_exception(drained.error);
-    } catch (const RecordingError& error) {
-        EXPECT_EQ(error, RecordingError::systemAudioDeviceStartFailed(-50));
-    }
+    // Not wrapped: the consumer gets the recorder's own error object.
+    const auto error = drain(stream).error;
+    ASSERT_NE(error, nullptr);
+    EXPECT_THROW(std::rethrow_exception(error), RecordingError);
+    EXPECT_EQ(describeError(error), "Failed to start system audio device (error: -50).");
     EXPECT_TRUE(logged(LogLevel::critical, "Recording stream failed: Failed to start system audio device (error: -50)."));
     EXPECT_TRUE(logged(LogLevel::debug, "State transition: recording -> error"));
     ASSERT_TRUE(becomesIdle());

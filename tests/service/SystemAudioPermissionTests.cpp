@@ -91,18 +91,18 @@ protected:
 
 TEST_F(SystemAudioPermissionTest, preflightResultsMapToStates) {
     auto tcc = provider();
-    gPreflightResult = 0;
-    EXPECT_EQ(tcc->checkPermissionStatus(), PermissionState::granted);
-    gPreflightResult = 1;
-    EXPECT_EQ(tcc->checkPermissionStatus(), PermissionState::denied);
-    gPreflightResult = 2;
-    EXPECT_EQ(tcc->checkPermissionStatus(), PermissionState::notDetermined);
-    gPreflightResult = -7;
-    EXPECT_EQ(tcc->checkPermissionStatus(), PermissionState::notDetermined);
-    EXPECT_THAT(logs.messages(kProviderCategory),
-                ElementsAre("System audio permission granted", "System audio permission denied",
-                            "System audio permission undetermined (result: 2)",
-                            "System audio permission undetermined (result: -7)"));
+    const std::tuple<int, PermissionState, const char*> cases[] = {
+        {0, PermissionState::granted, "System audio permission granted"},
+        {1, PermissionState::denied, "System audio permission denied"},
+        {2, PermissionState::notDetermined, "System audio permission undetermined (result: 2)"},
+        {-7, PermissionState::notDetermined, "System audio permission undetermined (result: -7)"},
+    };
+    for (const auto& [result, state, message] : cases) {
+        logs.clear();
+        gPreflightResult = result;
+        EXPECT_EQ(tcc->checkPermissionStatus(), state) << result;
+        EXPECT_THAT(logs.messages(kProviderCategory), ElementsAre(message));
+    }
     // Loaded once, asked every time.
     EXPECT_EQ(loader->opens.load(), 1);
     EXPECT_EQ(loader->lookUps.load(), 1);
@@ -223,30 +223,18 @@ TEST_F(SystemAudioPermissionTest, anyProviderFailureLeadsToTheTapWhoseStatusDeci
 
 TEST(PulseTccSubstituteTest, withoutASoundServerTheAnswerIsUndetermined) {
     const char* saved = std::getenv("PULSE_SERVER");
-    std::optional<std::string> previous = saved ? std::optional<std::string>(saved) : std::nullopt;
+    const std::optional<std::string> previous = saved ? std::optional<std::string>(saved) : std::nullopt;
     ::setenv("PULSE_SERVER", "unix:/nonexistent/velto-no-server", 1);
 
     EXPECT_EQ(TCCAccessPreflight("kTCCServiceAudioCapture", nullptr), 2);
     EXPECT_EQ(TCCAccessPreflight("kTCCServiceCamera", nullptr), 2);
-    struct Answer {
-        int calls = 0;
-        bool granted = true;
-    } answer;
+    std::vector<bool> answers;
     TCCAccessRequest("kTCCServiceAudioCapture", nullptr,
-                     [](void* context, bool granted) {
-                         auto* a = static_cast<Answer*>(context);
-                         ++a->calls;
-                         a->granted = granted;
-                     },
-                     &answer);
-    EXPECT_EQ(answer.calls, 1);
-    EXPECT_FALSE(answer.granted);
+                     [](void* context, bool granted) { static_cast<std::vector<bool>*>(context)->push_back(granted); },
+                     &answers);
+    EXPECT_EQ(answers, std::vector<bool>{false});
 
-    if (previous) {
-        ::setenv("PULSE_SERVER", previous->c_str(), 1);
-    } else {
-        ::unsetenv("PULSE_SERVER");
-    }
+    previous ? ::setenv("PULSE_SERVER", previous->c_str(), 1) : ::unsetenv("PULSE_SERVER");
 }
 
 }  // namespace
