@@ -37,9 +37,10 @@ protected:
     }
     void TearDown() override { fs::remove_all(folder_); }
 
-    int run(RecordOptions options, bool meter = false, RecordEnvironment environment = {}) {
+    int run(RecordOptions options, bool meter = false, RecordEnvironment environment = {},
+            ScriptedBackend* backend = nullptr) {
         Console console(out_, err_, meter);
-        RecordCommand command(std::move(options), backend_, console, std::move(environment));
+        RecordCommand command(std::move(options), backend ? *backend : backend_, console, std::move(environment));
         for (int i = 0; i < interruptionsBeforeRun_; ++i) command.interrupt();
         return command.run();
     }
@@ -116,12 +117,9 @@ TEST_F(RecordCommandTest, ErrorAfterFinishedGivesThePathAndTheError) {
     err_.str("");
     ScriptedBackend jsonBackend;
     jsonBackend.errorAfterEnd = backend_.errorAfterEnd;
-    Console console(out_, err_, false);
     RecordOptions options;
     options.json = true;
-    RecordCommand command(options, jsonBackend, console);
-    command.interrupt();
-    EXPECT_EQ(command.run(), 1);
+    EXPECT_EQ(run(options, false, {}, &jsonBackend), 1);
     auto lines = linesOf(out_.str());
     ASSERT_GE(lines.size(), 2u);
     EXPECT_THAT(lines[lines.size() - 2], StartsWith(R"({"event":"finished")"));

