@@ -22,15 +22,10 @@ using ::testing::IsEmpty;
 
 constexpr const char* kCategory = "MicrophoneCapture";
 
-FakeAudioInputEngineScript engineScript(PcmFormat input, std::optional<PcmFormat> output = std::nullopt,
-                                        bool hasAudioUnit = true, OSStatus setDeviceStatus = noErr,
-                                        std::optional<std::string> startFailure = std::nullopt) {
+template <class Edit>
+FakeAudioInputEngineScript script(Edit edit) {
     FakeAudioInputEngineScript script;
-    script.inputFormat = input;
-    script.outputFormat = output;
-    script.hasAudioUnit = hasAudioUnit;
-    script.setCurrentDeviceStatus = setDeviceStatus;
-    script.startFailure = std::move(startFailure);
+    edit(script);
     return script;
 }
 
@@ -89,7 +84,7 @@ TEST_F(MicrophoneCaptureTest, StartSetsUpAFreshEngineAndReportsTheFormats) {
 
 TEST_F(MicrophoneCaptureTest, RateMismatchIsReportedButCaptureGoesOn) {
     fakes.audioEngineFactory = FakeAudioEngineFactory::create(
-        engineScript(PcmFormat{48000.0, 1, false}, PcmFormat{44100.0, 1, false}));
+        script([](auto& s) { s.outputFormat = PcmFormat{44100.0, 1, false}; }));
     auto capture = makeCapture();
     capture->start(1024);
     EXPECT_TRUE(capture->isCapturing());
@@ -120,8 +115,7 @@ TEST_F(MicrophoneCaptureTest, RepeatedCallsDoNothingAndStopRemovesTheTapBeforeSt
 }
 
 TEST_F(MicrophoneCaptureTest, FailedEngineStartCleansUpAndPassesThePlatformErrorOn) {
-    fakes.audioEngineFactory = FakeAudioEngineFactory::create(
-        engineScript(PcmFormat{48000.0, 1, false}, std::nullopt, true, noErr, "No input device"));
+    fakes.audioEngineFactory = FakeAudioEngineFactory::create(script([](auto& s) { s.startFailure = "No input device"; }));
     auto capture = makeCapture();
     try {
         capture->start(1024);
@@ -158,9 +152,9 @@ TEST_F(MicrophoneCaptureTest, ChannelsAreMappedOntoTheRingAndTheSampledLineSaysH
                               "Channel mapping: input 1 channels, ring buffer expects 2 channels, created 2 source pointers"));
 }
 
-TEST_F(MicrophoneCaptureTest, EmptyBlockWritesAndLogsNothing) {
+TEST_F(MicrophoneCaptureTest, EmptyBlockIsIgnoredAndAnOverrunKeepsWhatFitsAndLogsEveryShortWrite) {
     ScopedLogThinning alwaysLog(true);
-    auto capture = makeCapture();
+    auto capture = makeCapture(1, 1324);
     capture->start(1024);
     logs.clear();
     auto empty = channelNumberedBuffer(1, 1024);
@@ -168,11 +162,6 @@ TEST_F(MicrophoneCaptureTest, EmptyBlockWritesAndLogsNothing) {
     engine->deliver(*empty);
     EXPECT_EQ(capture->ringBuffer()->availableFrames(), 0);
     EXPECT_THAT(logs.messages(kCategory), IsEmpty());
-}
-
-TEST_F(MicrophoneCaptureTest, OverrunKeepsWhatFitsAndLogsEveryShortWrite) {
-    auto capture = makeCapture(1, 1324);
-    capture->start(1024);
     engine->deliver(*channelNumberedBuffer(1, 1024));
     engine->deliver(*channelNumberedBuffer(1, 1024));
     EXPECT_EQ(capture->ringBuffer()->availableFrames(), 1324);
@@ -199,18 +188,7 @@ TEST_F(MicrophoneCaptureTest, CountingSignalFromTheDeliveryThreadArrivesWithoutG
         blocks.push_back(block);
     }
     engine->deliverOnDeliveryThread(std::move(blocks));
-    std::vector<float> samples(64);
-    float* destinations[] = {samples.data()};
-    float expected = 0.0f;
-    while (expected < static_cast<float>(kBlocks * 256)) {
-        const auto available = std::min<std::int64_t>(capture->ringBuffer()->availableFrames(), 64);
-        if (available == 0) {
-            std::this_thread::yield();
-            continue;
-        }
-        capture->ringBuffer()->read(destinations, available);
-        for (std::int64_t i = 0; i < available; ++i) ASSERT_EQ(samples[i], expected++);
-    }
+    testing::expectCountingSignal(*capture->ringBuffer(), kBlocks * 256);
     engine->joinDelivery();
     capture->stop();
 }
@@ -286,33 +264,28 @@ INSTANTIATE_TEST_SUITE_P(
                           "Could not get AudioDeviceID for device: USB Microphone"}},
         SelectionFailure{"NoMatchingUID",
                          [](FakePlatformServices& f, FakeAudioInputEngine&) {
-                             // Unreadable and absent UIDs are skipped; nothing else matches.
-                             f.audioHardware->devices = {{41, std::string("BuiltInMicrophoneDevice")},
-                                                         {42, std::string("USB-Mic-1"), -1},
-                                                         {43, std::string("USB-Mic-1"), noErr, -2},
-                                                         {44, std::nullopt}};
+                             f.audioHardware->devices = {{41, std::string("BuiltInMicrophoneDevice")}};
                          },
                          {"Could not get AudioDeviceID for device: USB Microphone"}},
         SelectionFailure{"NoAudioUnit",
                          [](FakePlatformServices&, FakeAudioInputEngine& e) {
-                             e.setScript(engineScript(PcmFormat{48000.0, 1, false}, std::nullopt, false));
+                             e.setScript(script([](auto& s) { s.hasAudioUnit = false; }));
                          },
                          {"Could not get AudioUnit from input node"}},
         SelectionFailure{"SetDeviceRefused",
                          [](FakePlatformServices&, FakeAudioInputEngine& e) {
-                             e.setScript(engineScript(PcmFormat{48000.0, 1, false}, std::nullopt, true, -10851));
+                             e.setScript(script([](auto& s) { s.setCurrentDeviceStatus = -10851; }));
                          },
                          {"Failed to set input device on AudioUnit: OSStatus = -10851"}}),
     [](const ::testing::TestParamInfo<SelectionFailure>& info) { return std::string(info.param.name); });
 
 TEST_F(MicrophoneCaptureTest, DeviceLookupSkipsUnreadableDevicesAndTakesTheFirstMatch) {
-    fakes.audioHardware->devices = {{50, std::string("USB-Mic-1"), -1},
-                                    {51, std::nullopt},
-                                    {52, std::string("USB-Mic-1")},
-                                    {53, std::string("USB-Mic-1")}};
+    fakes.audioHardware->devices = {{50, std::string("USB-Mic-1"), -1}, {51, std::nullopt},
+                                    {52, std::string("USB-Mic-1"), noErr, -2}, {53, std::string("USB-Mic-1")},
+                                    {54, std::string("USB-Mic-1")}};
     auto capture = makeCapture();
     capture->configureInputDevice(usbMicrophone);
-    EXPECT_EQ(capture->selectedMicrophoneID(), 52u);
+    EXPECT_EQ(capture->selectedMicrophoneID(), 53u);
 }
 
 TEST_F(MicrophoneCaptureTest, FailedReselectionAtStartEndsTheStartCleanly) {
