@@ -109,33 +109,29 @@ TEST_F(SystemAudioPermissionTest, preflightResultsMapToStates) {
     EXPECT_EQ(loader->openedPath, "/scripted/TCC");
 }
 
-TEST_F(SystemAudioPermissionTest, missingLibraryIsReportedOnceAndNeverRetried) {
-    loader->libraryPresent = false;
-    auto tcc = provider();
-    EXPECT_EQ(tcc->checkPermissionStatus(), PermissionState::notDetermined);
-    EXPECT_EQ(tcc->checkPermissionStatus(), PermissionState::notDetermined);
-    EXPECT_THROW(tcc->requestAudioCapturePermission(), TCCPermissionProvider::Error);
-    EXPECT_EQ(loader->opens.load(), 1);
-    EXPECT_EQ(logs.count(kProviderCategory, "Failed to dlopen TCC framework"), 1);
-    EXPECT_TRUE(logs.contains(LogLevel::critical, kProviderCategory, "Failed to dlopen TCC framework"));
-    EXPECT_EQ(logs.count(kProviderCategory, "TCC preflight SPI not available - returning notDetermined"), 2);
-    EXPECT_TRUE(logs.contains(LogLevel::error, kProviderCategory, "TCC request SPI not available"));
-}
-
-TEST_F(SystemAudioPermissionTest, missingSymbolsAreLookedUpOnce) {
-    loader->preflightPresent = false;
-    loader->requestPresent = false;
-    auto tcc = provider();
-    EXPECT_EQ(tcc->checkPermissionStatus(), PermissionState::notDetermined);
-    EXPECT_EQ(tcc->checkPermissionStatus(), PermissionState::notDetermined);
-    try {
-        tcc->requestAudioCapturePermission();
-        FAIL() << "request without the function";
-    } catch (const TCCPermissionProvider::Error& error) {
-        EXPECT_EQ(error.caseDescription(), "cannotUseTCC");
+TEST_F(SystemAudioPermissionTest, missingLibraryOrFunctionsAreLookedForOnceAndNeverRetried) {
+    for (const bool libraryMissing : {true, false}) {
+        SCOPED_TRACE(libraryMissing ? "library missing" : "functions missing");
+        logs.clear();
+        loader = std::make_shared<ScriptedLoader>();
+        loader->libraryPresent = !libraryMissing;
+        loader->preflightPresent = loader->requestPresent = false;
+        auto tcc = provider();
+        EXPECT_EQ(tcc->checkPermissionStatus(), PermissionState::notDetermined);
+        EXPECT_EQ(tcc->checkPermissionStatus(), PermissionState::notDetermined);
+        try {
+            tcc->requestAudioCapturePermission();
+            FAIL() << "request without the function";
+        } catch (const TCCPermissionProvider::Error& error) {
+            EXPECT_EQ(error.caseDescription(), "cannotUseTCC");
+        }
+        EXPECT_EQ(loader->opens.load(), 1);
+        EXPECT_EQ(loader->lookUps.load(), libraryMissing ? 0 : 2);
+        EXPECT_EQ(logs.count(kProviderCategory, "Failed to dlopen TCC framework"), libraryMissing ? 1 : 0);
+        EXPECT_EQ(libraryMissing, logs.contains(LogLevel::critical, kProviderCategory, "Failed to dlopen TCC framework"));
+        EXPECT_EQ(logs.count(kProviderCategory, "TCC preflight SPI not available - returning notDetermined"), 2);
+        EXPECT_TRUE(logs.contains(LogLevel::error, kProviderCategory, "TCC request SPI not available"));
     }
-    EXPECT_EQ(loader->lookUps.load(), 2);
-    EXPECT_EQ(logs.count(kProviderCategory, "Failed to dlopen TCC framework"), 0);
 }
 
 TEST_F(SystemAudioPermissionTest, concurrentFirstUseLoadsOnce) {
