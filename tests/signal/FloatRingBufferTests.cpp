@@ -37,8 +37,6 @@ std::vector<float> readMono(FloatRingBuffer& ring, int64_t frames, float poison 
 TEST(FloatRingBufferTest, CreationLogsAndRefusesEmptyShapes) {
     CapturedLogs logs;
     auto ring = FloatRingBuffer::create(2, 96000);
-    EXPECT_EQ(ring->snapshot().channels, 2);
-    EXPECT_EQ(ring->snapshot().framesAvailable, 0);
     EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Created FloatRingBuffer: 2 channels, 96000 frames capacity"));
     ring.reset();
     EXPECT_EQ(logs.count(kCategory, "Deallocated FloatRingBuffer"), 1);

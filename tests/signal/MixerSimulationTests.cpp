@@ -20,48 +20,34 @@ using testing::fitSine;
 using testing::MixerRig;
 using testing::ScratchFolder;
 
-// A capture source: produces a signal at its rate and writes what its
-// clock says is due, either every tick or in whole blocks.
-class SimulatedSource {
-public:
+// A capture source: produces a signal at its rate (silence without a sine)
+// and writes what its clock says is due, either every tick or in whole bursts.
+struct SimulatedSource {
     SimulatedSource(double rateHertz, int64_t channels, double sineHertz, int64_t burstFrames = 0)
-        : rate_(rateHertz), sine_(sineHertz), burstFrames_(burstFrames),
-          ring_(FloatRingBuffer::create(channels, 96000)),
-          samples_(static_cast<size_t>(rateHertz)), pointers_(static_cast<size_t>(channels), samples_.data()) {}
+        : rate(rateHertz), sine(sineHertz), burstFrames(burstFrames), ring(FloatRingBuffer::create(channels, 96000)),
+          samples(static_cast<size_t>(rateHertz)), pointers(static_cast<size_t>(channels), samples.data()) {}
 
     // Writes what is due after `elapsedTicks` periods of 1/60 s.
     void produceUntil(int64_t elapsedTicks) {
-        const auto due = static_cast<int64_t>(std::floor(static_cast<double>(elapsedTicks) * rate_ / 60.0));
-        int64_t frames = due - produced_;
-        if (burstFrames_ > 0) frames = frames / burstFrames_ * burstFrames_;
-        if (frames <= 0) return;
-        // Without a sine the samples stay the silence they were created as.
-        for (int64_t i = 0; sine_ > 0 && i < frames; ++i) {
-            samples_[static_cast<size_t>(i)] = testing::sineSample(sine_, rate_, produced_ + i);
+        int64_t frames = static_cast<int64_t>(std::floor(static_cast<double>(elapsedTicks) * rate / 60.0)) - produced;
+        if (burstFrames > 0) frames = frames / burstFrames * burstFrames;
+        for (int64_t i = 0; sine > 0 && i < frames; ++i) {
+            samples[static_cast<size_t>(i)] = testing::sineSample(sine, rate, produced + i);
         }
-        const int64_t written = ring_->write(pointers_, frames);
-        overrunFrames_ += frames - written;
-        produced_ += written;
+        const int64_t written = frames > 0 ? ring->write(pointers, frames) : 0;
+        overrunFrames += std::max<int64_t>(frames, 0) - written;
+        produced += written;
     }
-    double producedSeconds() const { return static_cast<double>(produced_) / rate_; }
+    double producedSeconds() const { return static_cast<double>(produced) / rate; }
     // Seconds of this source's signal that the mixer has taken so far.
-    double consumedSeconds() const {
-        return static_cast<double>(produced_ - ring_->availableFrames()) / rate_;
-    }
+    double consumedSeconds() const { return static_cast<double>(produced - ring->availableFrames()) / rate; }
 
-    const std::shared_ptr<FloatRingBuffer>& ring() const { return ring_; }
-    double rate() const { return rate_; }
-    int64_t overrunFrames() const { return overrunFrames_; }
-
-private:
-    double rate_;
-    double sine_;
-    int64_t burstFrames_;
-    std::shared_ptr<FloatRingBuffer> ring_;
-    std::vector<float> samples_;
-    std::vector<const float*> pointers_;
-    int64_t produced_ = 0;
-    int64_t overrunFrames_ = 0;
+    double rate, sine;
+    int64_t burstFrames;
+    std::shared_ptr<FloatRingBuffer> ring;
+    std::vector<float> samples;
+    std::vector<const float*> pointers;
+    int64_t produced = 0, overrunFrames = 0;
 };
 
 struct SinePathCase {
@@ -90,12 +76,11 @@ std::vector<float> recordThroughMixer(const SinePathCase& c, double seconds, dou
         microphone = std::make_unique<SimulatedSource>(c.microphoneHertz, 1, c.sineOnSystem ? 0 : sineHertz, 1024);
     }
     if (system && microphone) {
-        rig.mixer->startDualSourceMixing(system->ring(), c.systemHertz, 2, microphone->ring(), c.microphoneHertz, file,
+        rig.mixer->startDualSourceMixing(system->ring, c.systemHertz, 2, microphone->ring, c.microphoneHertz, file,
                                          file->processingFormat());
-    } else if (system) {
-        rig.mixer->startMixing(system->ring(), nullptr, c.systemHertz, 2, file, file->processingFormat());
     } else {
-        rig.mixer->startMixing(nullptr, microphone->ring(), c.microphoneHertz, 1, file, file->processingFormat());
+        rig.mixer->startMixing(system ? system->ring : nullptr, microphone ? microphone->ring : nullptr,
+                               system ? c.systemHertz : c.microphoneHertz, system ? 2 : 1, file, file->processingFormat());
     }
     std::vector<float> output;
     const auto ticks = static_cast<int64_t>(seconds * 60);
@@ -182,14 +167,8 @@ TEST(MixerAlignment, SourcesAtDifferentRatesStayInStep) {
 }
 
 struct RatePair {
-    double systemHertz;
-    double microphoneHertz;
+    double systemHertz, microphoneHertz;
 };
-
-std::string pairName(const ::testing::TestParamInfo<RatePair>& info) {
-    return "system" + std::to_string(static_cast<int>(info.param.systemHertz)) + "_mic" +
-           std::to_string(static_cast<int>(info.param.microphoneHertz));
-}
 
 class TwoHourRecording : public ::testing::TestWithParam<RatePair> {};
 
@@ -212,7 +191,7 @@ TEST_P(TwoHourRecording, SourcesNeitherStarveNorDrift) {
     SimulatedSource system(systemHertz, 2, 0);
     SimulatedSource microphone(microphoneHertz, 1, 0, 1024);
     // No file: the file path is covered elsewhere, and two hours of it would cost minutes.
-    rig.mixer->startDualSourceMixing(system.ring(), systemHertz, 2, microphone.ring(), microphoneHertz, nullptr,
+    rig.mixer->startDualSourceMixing(system.ring, systemHertz, 2, microphone.ring, microphoneHertz, nullptr,
                                      *PcmFormat::make(16000, 1, true));
 
     constexpr int64_t kTicks = kSimulatedSeconds * 60;
@@ -233,8 +212,8 @@ TEST_P(TwoHourRecording, SourcesNeitherStarveNorDrift) {
         }
     }
     const double mixedSeconds = static_cast<double>(rig.mixer->totalFramesProcessed()) / rig.mixer->mixingSampleRate();
-    EXPECT_EQ(system.overrunFrames(), 0);
-    EXPECT_EQ(microphone.overrunFrames(), 0);
+    EXPECT_EQ(system.overrunFrames, 0);
+    EXPECT_EQ(microphone.overrunFrames, 0);
     EXPECT_EQ(rig.mixer->underrunCount(), 0);
     EXPECT_EQ(rig.mixer->paddedSilenceFrames(), 0);
     EXPECT_LT((offsetMax - offsetMin) * 1000.0, 1.0) << "offset moved from " << offsetMin << " to " << offsetMax;
@@ -249,7 +228,10 @@ INSTANTIATE_TEST_SUITE_P(EveryRatePair, TwoHourRecording,
                          ::testing::Values(RatePair{16000, 16000}, RatePair{16000, 44100}, RatePair{16000, 48000},
                                            RatePair{44100, 16000}, RatePair{44100, 44100}, RatePair{44100, 48000},
                                            RatePair{48000, 16000}, RatePair{48000, 44100}, RatePair{48000, 48000}),
-                         pairName);
+                         [](const ::testing::TestParamInfo<RatePair>& info) {
+                             return "system" + std::to_string(static_cast<int>(info.param.systemHertz)) + "_mic" +
+                                    std::to_string(static_cast<int>(info.param.microphoneHertz));
+                         });
 
 }  // namespace
 }  // namespace velto
