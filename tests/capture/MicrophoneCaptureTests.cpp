@@ -245,37 +245,27 @@ INSTANTIATE_TEST_SUITE_P(
     EachStep, MicrophoneSelectionFailureTest,
     ::testing::Values(
         SelectionFailure{"NotDiscovered",
-                         [](FakePlatformServices& f, FakeAudioInputEngine&) {
-                             f.captureDeviceDiscovery->setDevices({{"BuiltInMicrophoneDevice", "Built-in", {}}});
-                         },
+                         [](auto& f, auto&) { f.captureDeviceDiscovery->setDevices({{"BuiltInMicrophoneDevice", "", {}}}); },
                          {"Could not find AVCaptureDevice for microphone ID: USB-Mic-1"}},
         SelectionFailure{"DeviceListSize",
-                         [](FakePlatformServices& f, FakeAudioInputEngine&) {
+                         [](auto& f, auto&) {
                              f.audioHardware->setStatus(FakeAudioHardware::sizeKey(kAudioHardwarePropertyDevices),
                                                         kAudioHardwareNotRunningError);
                          },
                          {"Failed to get audio devices data size: OSStatus = 1937010544",
                           "Could not get AudioDeviceID for device: USB Microphone"}},
-        SelectionFailure{"DeviceListData",
-                         [](FakePlatformServices& f, FakeAudioInputEngine&) {
-                             f.audioHardware->setStatus(FakeAudioHardware::dataKey(kAudioHardwarePropertyDevices), -1);
-                         },
-                         {"Failed to get audio devices: OSStatus = -1",
-                          "Could not get AudioDeviceID for device: USB Microphone"}},
+        SelectionFailure{
+            "DeviceListData",
+            [](auto& f, auto&) { f.audioHardware->setStatus(FakeAudioHardware::dataKey(kAudioHardwarePropertyDevices), -1); },
+            {"Failed to get audio devices: OSStatus = -1", "Could not get AudioDeviceID for device: USB Microphone"}},
         SelectionFailure{"NoMatchingUID",
-                         [](FakePlatformServices& f, FakeAudioInputEngine&) {
-                             f.audioHardware->devices = {{41, std::string("BuiltInMicrophoneDevice")}};
-                         },
+                         [](auto& f, auto&) { f.audioHardware->devices = {{41, std::string("BuiltInMicrophoneDevice")}}; },
                          {"Could not get AudioDeviceID for device: USB Microphone"}},
         SelectionFailure{"NoAudioUnit",
-                         [](FakePlatformServices&, FakeAudioInputEngine& e) {
-                             e.setScript(script([](auto& s) { s.hasAudioUnit = false; }));
-                         },
+                         [](auto&, auto& e) { e.setScript(script([](auto& s) { s.hasAudioUnit = false; })); },
                          {"Could not get AudioUnit from input node"}},
         SelectionFailure{"SetDeviceRefused",
-                         [](FakePlatformServices&, FakeAudioInputEngine& e) {
-                             e.setScript(script([](auto& s) { s.setCurrentDeviceStatus = -10851; }));
-                         },
+                         [](auto&, auto& e) { e.setScript(script([](auto& s) { s.setCurrentDeviceStatus = -10851; })); },
                          {"Failed to set input device on AudioUnit: OSStatus = -10851"}}),
     [](const ::testing::TestParamInfo<SelectionFailure>& info) { return std::string(info.param.name); });
 
