@@ -60,7 +60,7 @@ protected:
     const MicrophoneDevice usbMicrophone{"USB-Mic-1", "USB Microphone", false};
 };
 
-TEST_F(MicrophoneCaptureTest, StartSetsUpAFreshEngineAndReportsTheFormats) {
+TEST_F(MicrophoneCaptureTest, StartSetsUpAFreshEngineAndReportsTheFormatsAndAnyRateMismatch) {
     auto capture = makeCapture();
     EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Created MicrophoneCapture with 1 channels, 96000 frame capacity"));
     capture->start(1024);
@@ -80,14 +80,13 @@ TEST_F(MicrophoneCaptureTest, StartSetsUpAFreshEngineAndReportsTheFormats) {
                     "Creating fresh AVAudioEngine for isolated microphone capture", "Hardware input format: " + format,
                     "Installed audio tap with buffer size: 1024", "Hardware format: " + format, "Tap format: " + format,
                     "✅ Sample rates match: 48000.0Hz", "Microphone capture started with format: " + format}));
-}
 
-TEST_F(MicrophoneCaptureTest, RateMismatchIsReportedButCaptureGoesOn) {
+    // A tap whose rate differs from the hardware's is reported, and capture goes on.
     fakes.audioEngineFactory = FakeAudioEngineFactory::create(
         script([](auto& s) { s.outputFormat = PcmFormat{44100.0, 1, false}; }));
-    auto capture = makeCapture();
-    capture->start(1024);
-    EXPECT_TRUE(capture->isCapturing());
+    auto mismatched = makeCapture();
+    mismatched->start(1024);
+    EXPECT_TRUE(mismatched->isCapturing());
     EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "Sample rate mismatch detected! Hardware: 48000.0Hz, Tap: 44100.0Hz"));
 }
 
