@@ -45,13 +45,16 @@ constexpr float kToneAmplitude = 0.5f;
 constexpr auto kPlayerLead = std::chrono::milliseconds(2000);
 
 // Plays `seconds` of `sample(t)` into a sink on a thread of its own (pacat, 48 kHz float).
+// Its generous latency keeps a loaded machine from starving pacat: a starved player
+// sounds gaps, and the tone measurements would blame the recorder for them (a recorder
+// beside it, parec, hears the same gaps at 20 ms and none at 200 ms).
 class Player {
 public:
     Player(std::string sink, std::uint32_t channels, double seconds, std::function<float(double)> sample)
         : thread_([=, this] {
               const std::string command = "pacat --playback --raw --device=" + sink +
                                           " --format=float32le --rate=48000 --channels=" + std::to_string(channels) +
-                                          " --latency-msec=20";
+                                          " --latency-msec=200";
               // A player that dies must fail its test with pacat's own message, not end the
               // test process with SIGPIPE on the next write.
               std::signal(SIGPIPE, SIG_IGN);
