@@ -13,10 +13,12 @@ PlatformServices PlatformServices::pulse() {
     // service are visible to the next caller.
     static const PlatformServices services = [] {
         auto connection = pulse::PulseConnection::shared();
-        return PlatformServices{pulse::PulseAudioHardware::create(connection),
-                                std::make_shared<pulse::PulseAudioEngineFactory>(connection),
+        // Restarts after a configuration change take over the streams they stopped.
+        auto handover = pulse::PulseStreamHandover::create(connection);
+        return PlatformServices{pulse::PulseAudioHardware::create(connection, handover),
+                                std::make_shared<pulse::PulseAudioEngineFactory>(connection, handover),
                                 std::make_shared<pulse::PulseCaptureDeviceDiscovery>(connection),
-                                std::make_shared<pulse::PulseConfigurationChangeCenter>(connection)};
+                                std::make_shared<pulse::PulseConfigurationChangeCenter>(connection, handover)};
     }();
     return services;
 }

@@ -371,19 +371,22 @@ void UnifiedAudioRecorder::handleConfigurationChange() {
     const double elapsed = secondsSinceStart();
 
     // The sources hand over what they still hold, then the old mixer stops; what it left
-    // unread in the rings goes to the new ones.
+    // unread in the rings goes to the new ones. Each ring is emptied right as its source
+    // stops: a block handed on in between would be lost with the ring. Where the platform
+    // keeps a stopped stream for the restart, the new source then goes on from there.
     flushSources();
     if (audioMixer_) audioMixer_->stopMixing();
     endForwarding();
     std::optional<CarriedOverAudio> carriedMicrophone;
     std::optional<CarriedOverAudio> carriedSystem;
-    if (microphoneCapture_) {
-        carriedMicrophone = CarriedOverAudio::takeFrom(*microphoneCapture_->ringBuffer(), microphoneSampleRate());
-    }
     if (systemAudioTap_) {
         carriedSystem = CarriedOverAudio::takeFrom(*systemAudioTap_->ringBuffer(), systemAudioTap_->asbd().mSampleRate);
+        stopIfCapturing(*systemAudioTap_);
     }
-    stopComponents();
+    if (microphoneCapture_) {
+        carriedMicrophone = CarriedOverAudio::takeFrom(*microphoneCapture_->ringBuffer(), microphoneSampleRate());
+        stopIfCapturing(*microphoneCapture_);
+    }
     audioMixer_.reset();
     systemAudioTap_.reset();
     microphoneCapture_.reset();

@@ -23,12 +23,14 @@ constexpr std::uint32_t kTapChannels = 2;            // taps are stereo mixdowns
 
 }  // namespace
 
-std::shared_ptr<PulseAudioHardware> PulseAudioHardware::create(std::shared_ptr<PulseConnection> connection) {
-    return std::make_shared<PulseAudioHardware>(std::move(connection));
+std::shared_ptr<PulseAudioHardware> PulseAudioHardware::create(std::shared_ptr<PulseConnection> connection,
+                                                               std::shared_ptr<PulseStreamHandover> handover) {
+    return std::make_shared<PulseAudioHardware>(std::move(connection), std::move(handover));
 }
 
-PulseAudioHardware::PulseAudioHardware(std::shared_ptr<PulseConnection> connection)
-    : connection_(std::move(connection)) {}
+PulseAudioHardware::PulseAudioHardware(std::shared_ptr<PulseConnection> connection,
+                                       std::shared_ptr<PulseStreamHandover> handover)
+    : connection_(std::move(connection)), handover_(std::move(handover)) {}
 
 PulseAudioHardware::~PulseAudioHardware() {
     std::map<AudioDeviceIOProcID, std::shared_ptr<IOProc>> procs;
@@ -294,15 +296,15 @@ OSStatus PulseAudioHardware::deviceStart(AudioObjectID deviceID, AudioDeviceIOPr
     // cost two context switches per block.
     auto block = proc->block;
     const std::uint32_t channels = options.channels;
-    std::unique_ptr<PulseCaptureStream> stream;
+    const PulseCaptureStream::Delivery delivery = [block, channels](const float* interleaved, std::uint32_t frames) {
+        AudioBuffer buffer{channels, frames * channels * static_cast<std::uint32_t>(sizeof(float)),
+                           const_cast<float*>(interleaved)};
+        const AudioBufferList list{1, &buffer};
+        (*block)(list);
+    };
+    std::unique_ptr<PulseCaptureStream> stream = handover_ ? handover_->adopt(options, delivery) : nullptr;
     try {
-        stream = PulseCaptureStream::open(connection_, options, [block, channels](const float* interleaved,
-                                                                                  std::uint32_t frames) {
-            AudioBuffer buffer{channels, frames * channels * static_cast<std::uint32_t>(sizeof(float)),
-                               const_cast<float*>(interleaved)};
-            const AudioBufferList list{1, &buffer};
-            (*block)(list);
-        });
+        if (!stream) stream = PulseCaptureStream::open(connection_, options, delivery);
     } catch (const PlatformError& error) {
         logger().error("Could not start capturing the output: " + error.errorDescription());
         return statusOf(static_cast<int>(error.code()));
@@ -321,7 +323,7 @@ OSStatus PulseAudioHardware::deviceStop(AudioObjectID deviceID, AudioDeviceIOPro
         if (found == procs_.end() || found->second->deviceID != deviceID) return kAudioHardwareBadObjectError;
         stream = std::move(found->second->stream);
     }
-    if (stream) stream->close();
+    releaseStream(handover_, std::move(stream));
     return noErr;
 }
 
@@ -351,7 +353,7 @@ OSStatus PulseAudioHardware::destroyIOProcID(AudioObjectID deviceID, AudioDevice
         stream = std::move(proc->stream);
         procs_.erase(found);
     }
-    if (stream) stream->close();
+    releaseStream(handover_, std::move(stream));
     return noErr;
 }
 

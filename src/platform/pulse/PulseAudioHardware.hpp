@@ -22,6 +22,7 @@
 #include "platform/AudioHardware.hpp"
 #include "platform/pulse/PulseCaptureStream.hpp"
 #include "platform/pulse/PulseConnection.hpp"
+#include "platform/pulse/PulseStreamHandover.hpp"
 
 #include <map>
 #include <memory>
@@ -34,8 +35,11 @@ public:
     // Frames per IO cycle: 10 ms at 48 kHz rounded to a power of two, like a Core Audio device.
     static constexpr std::uint32_t kIOBlockFrames = 1024;
 
-    static std::shared_ptr<PulseAudioHardware> create(std::shared_ptr<PulseConnection> connection);
-    explicit PulseAudioHardware(std::shared_ptr<PulseConnection> connection);
+    // With a handover, a stream stopped just after a configuration change is kept for the
+    // next start on the same source (see PulseStreamHandover).
+    static std::shared_ptr<PulseAudioHardware> create(std::shared_ptr<PulseConnection> connection,
+                                                      std::shared_ptr<PulseStreamHandover> handover = nullptr);
+    PulseAudioHardware(std::shared_ptr<PulseConnection> connection, std::shared_ptr<PulseStreamHandover> handover);
     ~PulseAudioHardware() override;
 
     platform::OSStatus getPropertyDataSize(platform::AudioObjectID object,
@@ -91,6 +95,7 @@ private:
     platform::OSStatus statusOf(int pulseError) const;
 
     std::shared_ptr<PulseConnection> connection_;
+    std::shared_ptr<PulseStreamHandover> handover_;  // may be null
     std::mutex mutex_;  // guards the maps and counters; never held while waiting on the server
     std::uint32_t nextTapIndex_ = 1;
     std::uint32_t nextAggregateIndex_ = 1;

@@ -9,12 +9,14 @@ namespace velto::pulse {
 
 using namespace platform;
 
-std::shared_ptr<PulseAudioInputEngine> PulseAudioInputEngine::create(std::shared_ptr<PulseConnection> connection) {
-    return std::make_shared<PulseAudioInputEngine>(std::move(connection));
+std::shared_ptr<PulseAudioInputEngine> PulseAudioInputEngine::create(std::shared_ptr<PulseConnection> connection,
+                                                                     std::shared_ptr<PulseStreamHandover> handover) {
+    return std::make_shared<PulseAudioInputEngine>(std::move(connection), std::move(handover));
 }
 
-PulseAudioInputEngine::PulseAudioInputEngine(std::shared_ptr<PulseConnection> connection)
-    : connection_(std::move(connection)) {}
+PulseAudioInputEngine::PulseAudioInputEngine(std::shared_ptr<PulseConnection> connection,
+                                             std::shared_ptr<PulseStreamHandover> handover)
+    : connection_(std::move(connection)), handover_(std::move(handover)) {}
 
 PulseAudioInputEngine::~PulseAudioInputEngine() { stop(); }
 
@@ -110,7 +112,7 @@ void PulseAudioInputEngine::start() {
     options.channels = format.channelCount;
     options.blockFrames = blockFrames;
     options.streamName = "VeltoAudio microphone";
-    stream_ = PulseCaptureStream::open(connection_, options, [this](const float* interleaved, std::uint32_t frames) {
+    const PulseCaptureStream::Delivery delivery = [this](const float* interleaved, std::uint32_t frames) {
         PcmBuffer& block = *deliveryBuffer_;
         const std::uint32_t channels = block.channelCount();
         const auto destinations = block.floatChannelData();
@@ -121,7 +123,9 @@ void PulseAudioInputEngine::start() {
         block.setFrameLength(frames);
         std::lock_guard lock(tapMutex_);
         if (tap_) (*tap_)(block);
-    });
+    };
+    if (handover_) stream_ = handover_->adopt(options, delivery);
+    if (!stream_) stream_ = PulseCaptureStream::open(connection_, options, delivery);
     running_ = true;
 }
 
@@ -139,7 +143,8 @@ void PulseAudioInputEngine::stop() {
         stream = std::move(stream_);
         running_ = false;
     }
-    if (stream) stream->close();
+    // A stream parked in the handover has let go of this engine's delivery.
+    releaseStream(handover_, std::move(stream));
 }
 
 void PulseAudioInputEngine::reset() {

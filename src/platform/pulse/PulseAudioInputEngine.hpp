@@ -11,6 +11,7 @@
 #include "platform/AudioInputEngine.hpp"
 #include "platform/pulse/PulseCaptureStream.hpp"
 #include "platform/pulse/PulseConnection.hpp"
+#include "platform/pulse/PulseStreamHandover.hpp"
 
 #include <atomic>
 #include <memory>
@@ -24,8 +25,11 @@ class PulseAudioInputEngine final : public platform::AudioInputEngine {
 public:
     static constexpr std::uint32_t kDefaultTapFrames = 1024;
 
-    static std::shared_ptr<PulseAudioInputEngine> create(std::shared_ptr<PulseConnection> connection);
-    explicit PulseAudioInputEngine(std::shared_ptr<PulseConnection> connection);
+    // With a handover, a stream stopped just after a configuration change is kept for the
+    // next start on the same source (see PulseStreamHandover).
+    static std::shared_ptr<PulseAudioInputEngine> create(std::shared_ptr<PulseConnection> connection,
+                                                         std::shared_ptr<PulseStreamHandover> handover = nullptr);
+    PulseAudioInputEngine(std::shared_ptr<PulseConnection> connection, std::shared_ptr<PulseStreamHandover> handover);
     ~PulseAudioInputEngine() override;
 
     PcmFormat inputFormat(std::uint32_t bus) override;
@@ -47,6 +51,7 @@ public:
 
 private:
     std::shared_ptr<PulseConnection> connection_;
+    std::shared_ptr<PulseStreamHandover> handover_;  // may be null
     mutable std::mutex controlMutex_;
     std::string sourceName_;  // guarded by controlMutex_
     std::unique_ptr<PulseCaptureStream> stream_;
@@ -61,13 +66,16 @@ private:
 
 class PulseAudioEngineFactory final : public platform::AudioEngineFactory {
 public:
-    explicit PulseAudioEngineFactory(std::shared_ptr<PulseConnection> connection) : connection_(std::move(connection)) {}
+    explicit PulseAudioEngineFactory(std::shared_ptr<PulseConnection> connection,
+                                     std::shared_ptr<PulseStreamHandover> handover = nullptr)
+        : connection_(std::move(connection)), handover_(std::move(handover)) {}
     std::shared_ptr<platform::AudioInputEngine> makeEngine() override {
-        return PulseAudioInputEngine::create(connection_);
+        return PulseAudioInputEngine::create(connection_, handover_);
     }
 
 private:
     std::shared_ptr<PulseConnection> connection_;
+    std::shared_ptr<PulseStreamHandover> handover_;
 };
 
 }  // namespace velto::pulse

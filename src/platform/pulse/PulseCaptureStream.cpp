@@ -158,6 +158,27 @@ void PulseCaptureStream::close() {
     alive_ = false;
 }
 
+void PulseCaptureStream::park() {
+    PulseConnection::MainloopLock lock(*connection_);
+    parked_ = true;
+    delivery_ = nullptr;  // what it holds (its owner's objects) may go now
+}
+
+void PulseCaptureStream::resume(Delivery delivery) {
+    PulseConnection::MainloopLock lock(*connection_);
+    delivery_ = std::move(delivery);
+    parked_ = false;
+    // The timer hands on what waits, from the main loop as always, and gives silence for
+    // an idle source's time in between: the stream goes on as if it had never stopped.
+    if (silenceTimer_ != nullptr && timerContext_ != nullptr) armTimerAt(monotonicSeconds());
+}
+
+std::string PulseCaptureStream::deviceName() const {
+    PulseConnection::MainloopLock lock(*connection_);
+    const char* name = stream_ != nullptr ? pa_stream_get_device_name(stream_) : nullptr;
+    return name != nullptr ? std::string(name) : std::string();
+}
+
 bool PulseCaptureStream::deliverCapturedSoFar() {
     const double begunSeconds = monotonicSeconds();
     {
@@ -191,6 +212,7 @@ bool PulseCaptureStream::deliverCapturedSoFar() {
     }
     // With the main-loop lock held no callback runs: the rest of a block goes out too,
     // shorter, since nothing after it may come before the owner stops.
+    if (parked_) return arrived;
     if (const std::uint32_t tailFrames = ring_.readAvailable(block_.data(), options_.blockFrames); tailFrames > 0) {
         delivery_(block_.data(), tailFrames);
         deliveredBlocks_.fetch_add(1, std::memory_order_relaxed);
@@ -274,6 +296,7 @@ void PulseCaptureStream::readCallback(pa_stream* stream, std::size_t, void* user
 
 void PulseCaptureStream::timerCallback(pa_mainloop_api*, pa_time_event*, const struct timeval*, void* userdata) {
     auto* self = static_cast<PulseCaptureStream*>(userdata);
+    if (self->parked_) return;  // resume() arms it again
     const double now = monotonicSeconds();
     // The main loop runs due timers before it reads its sockets. When the loop itself
     // was held up (a starved process), data that arrived meanwhile is still unread, and
@@ -317,6 +340,7 @@ void PulseCaptureStream::deliverSilence(std::uint32_t blocks) {
 }
 
 void PulseCaptureStream::deliverDue(bool fromTimer) {
+    if (parked_) return;  // the ring keeps it for the next owner
     const std::uint64_t toleranceFrames = 2ull * options_.blockFrames;
     if (ring_.availableFrames() >= options_.blockFrames) {
         if (!pacer_.heardRealAudio()) {

@@ -10,8 +10,8 @@
 // a main-loop timer delivers silence blocks to keep the stream's pace (see
 // SilencePacer); the first delivery of a source slow to start is never cut.
 //
-// Threads: open(), deliverCapturedSoFar() and close()/destruction from one owner thread,
-// never the main-loop thread. After close() returns, no callback runs and `Delivery` is
+// Threads: open(), deliverCapturedSoFar(), park(), resume() and close()/destruction from
+// one owner thread at a time, never the main-loop thread. After close() returns, no callback runs and `Delivery` is
 // not called again.
 // Delivery runs with the main-loop lock held: it must be short, and must neither close
 // its own stream nor call back into the connection.
@@ -60,6 +60,18 @@ public:
     // arrived. The stream goes on recording afterwards.
     bool deliverCapturedSoFar();
 
+    // Owner thread. Stops handing blocks on and lets go of `Delivery`, while the stream
+    // goes on recording into its ring (two seconds' worth): it waits there to be taken
+    // over by the next owner of the same source (PulseStreamHandover). Idempotent.
+    void park();
+    // Owner thread. Hands on, from the main loop and at once, everything recorded since
+    // park() (and silence for any time the source was idle), to `delivery` from now on.
+    void resume(Delivery delivery);
+
+    const PulseCaptureStreamOptions& options() const { return options_; }
+    // The source the server records from (the default source resolved); empty if unknown.
+    std::string deviceName() const;
+
     std::uint64_t droppedFrames() const { return droppedFrames_.load(); }
     std::uint64_t deliveredBlocks() const { return deliveredBlocks_.load(); }
     std::uint64_t silenceBlocks() const { return silenceBlocks_.load(); }
@@ -95,6 +107,7 @@ private:
     pa_context* timerContext_ = nullptr;     // guarded by the main-loop lock
 
     pa_operation* catchUpOperation_ = nullptr;  // guarded by the main-loop lock
+    bool parked_ = false;                       // guarded by the main-loop lock
 
     // Main-loop thread only (or its lock held), from the moment the stream is ready.
     InterleavedSampleRing ring_;

@@ -19,8 +19,9 @@ double monotonicSeconds() {
 
 }  // namespace
 
-PulseConfigurationChangeCenter::PulseConfigurationChangeCenter(std::shared_ptr<PulseConnection> connection)
-    : connection_(std::move(connection)) {}
+PulseConfigurationChangeCenter::PulseConfigurationChangeCenter(std::shared_ptr<PulseConnection> connection,
+                                                               std::shared_ptr<PulseStreamHandover> handover)
+    : connection_(std::move(connection)), handover_(std::move(handover)) {}
 
 PulseConfigurationChangeCenter::~PulseConfigurationChangeCenter() { stopWatching(); }
 
@@ -137,6 +138,7 @@ void PulseConfigurationChangeCenter::notifierLoop() {
         const bool moved = defaultsMoved();
         if (definite || moved) {
             logger().debug("Audio configuration changed");
+            if (handover_) handover_->openWindow();
             notifyObservers();
         }
         lock.lock();

@@ -14,6 +14,7 @@
 #include "platform/AudioConfigurationChangeCenter.hpp"
 #include "platform/ChangeCoalescer.hpp"
 #include "platform/pulse/PulseConnection.hpp"
+#include "platform/pulse/PulseStreamHandover.hpp"
 
 #include <atomic>
 #include <condition_variable>
@@ -30,7 +31,10 @@ public:
     static constexpr double kMaximumDelaySeconds = 1.0;
     static constexpr double kReconnectIntervalSeconds = 2.0;
 
-    explicit PulseConfigurationChangeCenter(std::shared_ptr<PulseConnection> connection);
+    // With a handover, the streams that observers stop in answer to a change are kept for
+    // their restart (see PulseStreamHandover).
+    explicit PulseConfigurationChangeCenter(std::shared_ptr<PulseConnection> connection,
+                                            std::shared_ptr<PulseStreamHandover> handover = nullptr);
     ~PulseConfigurationChangeCenter() override;
 
     platform::ConfigurationChangeObserverToken addObserver(std::function<void()> block) override;
@@ -45,6 +49,7 @@ private:
     void notifyObservers();
 
     std::shared_ptr<PulseConnection> connection_;
+    std::shared_ptr<PulseStreamHandover> handover_;  // may be null
 
     std::recursive_mutex observersMutex_;  // held while observers run
     platform::ConfigurationChangeObserverToken nextToken_ = 1;
