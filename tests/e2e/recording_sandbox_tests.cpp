@@ -385,81 +385,95 @@ TEST_F(RecordingSandboxTest, CancellingKeepsOrRemovesTheFileAsEachRecorderPromis
 }
 
 // The tone's amplitude rises steadily with wall time, so audio lost at the restart shows
-// as a step in the envelope: step ÷ slope is the lost time.
+// as a step in the envelope: step ÷ slope is the lost time. Both capture paths: the
+// microphone's input engine and the system audio's tap device.
 TEST_F(RecordingSandboxTest, ADeviceLoadedMidRecordingRestartsCaptureWithoutAGap) {
-    velto::testing::CapturedLogs logs;
-    const auto file = directory.path() / "restart.wav";
-    constexpr double kPlaySeconds = 6.0;
-    constexpr double kSlopePerSecond = 0.15;  // played amplitude per second
-    Player microphone(kMicrophoneIn, 1, kPlaySeconds, [](double t) {
-        return static_cast<float>((0.1 + kSlopePerSecond * t) * std::sin(2.0 * std::numbers::pi * kMicrophoneToneHertz * t));
-    });
-    std::this_thread::sleep_for(kPlayerLead);
-    auto recorder = UnifiedAudioRecorder::create(
-        file, RecordingConfiguration(AudioFormat::wav, AudioSources::microphoneOnly(), std::nullopt,
-                                     BufferConfiguration::defaultConfiguration()),
-        services);
-    EventLog events(recorder->events());
-    ASSERT_TRUE(events.waitFor(Kind::started));
-    const auto started = *events.arrivalOf(Kind::started);
-    std::this_thread::sleep_until(started + 2s);
-    const auto firstMixer = recorder->mixer();
-    const std::string sinkName = "velto_recording_extra_" + std::to_string(::getpid());
-    FILE* load = popen(("pactl load-module module-null-sink sink_name=" + sinkName + " 2>/dev/null").c_str(), "r");
-    char moduleIndex[32] = {0};
-    if (load) {
-        if (std::fgets(moduleIndex, sizeof moduleIndex, load) == nullptr) moduleIndex[0] = '\0';
-        pclose(load);
-    }
-    std::this_thread::sleep_until(started + 4s);
-    recorder->stop();
-    ASSERT_TRUE(events.waitForEnd());
-    if (moduleIndex[0] != '\0') std::system(("pactl unload-module " + std::string(moduleIndex)).c_str());
-    EXPECT_EQ(events.error(), nullptr);
-    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
-                              "Successfully restarted recording after configuration change"));
-
-    // Envelope per 20 ms window (20 periods of the tone), in file time.
-    const auto recorded = readRecording(file);
-    const std::size_t window = 320;
-    std::vector<double> times, envelope;
-    for (std::size_t start = 0; start + window <= recorded.samples.size(); start += window) {
-        times.push_back((start + window / 2.0) / 16000.0);
-        envelope.push_back(toneAmplitude(recorded.samples, start, start + window, kMicrophoneToneHertz));
-    }
-    // The restart is where the envelope steps; fit a line on each side, away from the step.
-    const double fileSlope = 0.5 * kSlopePerSecond;  // the microphone-only gain
-    std::size_t step = 0;
-    double largestRise = 0;
-    // The first mixer wrote its frames (at 48 kHz, a third of them at 16 kHz) before the
-    // splice; the search looks around there (the output resampler held some back).
-    ASSERT_NE(firstMixer, nullptr);
-    const auto spliceWindow = static_cast<std::size_t>(firstMixer->totalFramesProcessed() / 3 / window);
-    for (std::size_t i = spliceWindow > 8 ? spliceWindow - 8 : 1; i + 10 < envelope.size() && i < spliceWindow + 8; ++i) {
-        const double rise = envelope[i + 1] - envelope[i - 1];
-        if (rise > largestRise) {
-            largestRise = rise;
-            step = i;
-        }
-    }
-    ASSERT_GT(step, 20u);
-    ASSERT_LT(step + 20, envelope.size());
-    // The slope is known; each side's offset is the mean of envelope − slope × time.
-    const auto offset = [&](std::size_t from, std::size_t to) {
-        double sum = 0;
-        for (std::size_t i = from; i < to; ++i) sum += envelope[i] - fileSlope * times[i];
-        return sum / static_cast<double>(to - from);
+    struct Case {
+        const char* name;
+        const char* sink;  // where the tone is played
+        std::uint32_t channels;
+        AudioSources sources;
+        const char* takeOver;  // the handover's line
     };
-    const double before = offset(step > 47 ? step - 45 : 2, step - 2);
-    const double after = offset(step + 3, std::min(envelope.size() - 5, step + 45));
-    const double lostMilliseconds = 1000.0 * (after - before) / fileSlope;
-    std::printf("[ measure  ] restart at %.3f s of the file: %.1f ms of audio lost\n", times[step], lostMilliseconds);
-    // The restarted capture takes over the stream the old one stopped, so nothing is lost
-    // (0.0 to 0.1 ms measured). A new stream instead loses the restart's own time rounded
-    // up to the source's 21 ms posting period: 21 to 80 ms.
-    EXPECT_LT(std::fabs(lostMilliseconds), 5.0);
-    EXPECT_TRUE(logs.contains(LogLevel::debug, "PulseStreamHandover",
-                              "Took over the capture stream of the default source without a gap"));
+    for (const auto& c : {Case{"microphone", kMicrophoneIn, 1, AudioSources::microphoneOnly(),
+                               "Took over the capture stream of the default source without a gap"},
+                          Case{"system audio", kSpeakers, 2, AudioSources::systemAudioOnly(),
+                               "Took over the capture stream of velto_speakers.monitor without a gap"}}) {
+        SCOPED_TRACE(c.name);
+        velto::testing::CapturedLogs logs;
+        const auto file = directory.path() / ("restart-" + std::to_string(c.channels) + ".wav");
+        constexpr double kPlaySeconds = 6.0;
+        constexpr double kSlopePerSecond = 0.15;  // played amplitude per second
+        // 1 kHz: a whole number of periods in every 20 ms window of the envelope below.
+        Player player(c.sink, c.channels, kPlaySeconds, [](double t) {
+            return static_cast<float>((0.1 + kSlopePerSecond * t) * std::sin(2.0 * std::numbers::pi * 1000.0 * t));
+        });
+        std::this_thread::sleep_for(kPlayerLead);
+        auto recorder = UnifiedAudioRecorder::create(
+            file,
+            RecordingConfiguration(AudioFormat::wav, c.sources, std::nullopt, BufferConfiguration::defaultConfiguration()),
+            services);
+        EventLog events(recorder->events());
+        ASSERT_TRUE(events.waitFor(Kind::started));
+        const auto started = *events.arrivalOf(Kind::started);
+        std::this_thread::sleep_until(started + 2s);
+        const auto firstMixer = recorder->mixer();
+        const std::string sinkName = "velto_recording_extra_" + std::to_string(::getpid());
+        FILE* load = popen(("pactl load-module module-null-sink sink_name=" + sinkName + " 2>/dev/null").c_str(), "r");
+        char moduleIndex[32] = {0};
+        if (load) {
+            if (std::fgets(moduleIndex, sizeof moduleIndex, load) == nullptr) moduleIndex[0] = '\0';
+            pclose(load);
+        }
+        std::this_thread::sleep_until(started + 4s);
+        recorder->stop();
+        ASSERT_TRUE(events.waitForEnd());
+        if (moduleIndex[0] != '\0') std::system(("pactl unload-module " + std::string(moduleIndex)).c_str());
+        EXPECT_EQ(events.error(), nullptr);
+        EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
+                                  "Successfully restarted recording after configuration change"));
+
+        // Envelope per 20 ms window (20 periods of the tone), in file time.
+        const auto recorded = readRecording(file);
+        const std::size_t window = 320;
+        std::vector<double> times, envelope;
+        for (std::size_t start = 0; start + window <= recorded.samples.size(); start += window) {
+            times.push_back((start + window / 2.0) / 16000.0);
+            envelope.push_back(toneAmplitude(recorded.samples, start, start + window, 1000.0));
+        }
+        // The restart is where the envelope steps; fit a line on each side, away from the step.
+        const double fileSlope = 0.5 * kSlopePerSecond;  // the single-source gain
+        std::size_t step = 0;
+        double largestRise = 0;
+        // The first mixer wrote its frames (at 48 kHz, a third of them at 16 kHz) before the
+        // splice; the search looks around there (the output resampler held some back).
+        ASSERT_NE(firstMixer, nullptr);
+        const auto spliceWindow = static_cast<std::size_t>(firstMixer->totalFramesProcessed() / 3 / window);
+        for (std::size_t i = spliceWindow > 8 ? spliceWindow - 8 : 1; i + 10 < envelope.size() && i < spliceWindow + 8; ++i) {
+            const double rise = envelope[i + 1] - envelope[i - 1];
+            if (rise > largestRise) {
+                largestRise = rise;
+                step = i;
+            }
+        }
+        ASSERT_GT(step, 20u);
+        ASSERT_LT(step + 20, envelope.size());
+        // The slope is known; each side's offset is the mean of envelope − slope × time.
+        const auto offset = [&](std::size_t from, std::size_t to) {
+            double sum = 0;
+            for (std::size_t i = from; i < to; ++i) sum += envelope[i] - fileSlope * times[i];
+            return sum / static_cast<double>(to - from);
+        };
+        const double before = offset(step > 47 ? step - 45 : 2, step - 2);
+        const double after = offset(step + 3, std::min(envelope.size() - 5, step + 45));
+        const double lostMilliseconds = 1000.0 * (after - before) / fileSlope;
+        std::printf("[ measure  ] restart at %.3f s of the file: %.1f ms of audio lost\n", times[step], lostMilliseconds);
+        // The restarted capture takes over the stream the old one stopped, so nothing is lost
+        // (0.0 to 0.1 ms measured). A new stream instead loses the restart's own time rounded
+        // up to the source's 21 ms posting period: 21 to 80 ms.
+        EXPECT_LT(std::fabs(lostMilliseconds), 5.0);
+        EXPECT_TRUE(logs.contains(LogLevel::debug, "PulseStreamHandover", c.takeOver));
+    }
 }
 
 // The sandbox script, pointed at the server this test talks to.
