@@ -3,6 +3,7 @@
 #include "logging/LoggerCompat.hpp"
 
 #include <algorithm>
+#include <cmath>
 
 namespace velto::pulse {
 namespace {
@@ -51,10 +52,9 @@ void PulseStreamHandover::release(std::unique_ptr<PulseCaptureStream> stream) {
         std::lock_guard lock(mutex_);
         if (now < windowEndsSeconds_ && stream->isAlive()) {
             stream->park();
-            const double expires = now + windowSeconds_;
-            parked_.push_back({std::move(stream), expires});
+            parked_.push_back({std::move(stream), now});
             std::weak_ptr<PulseStreamHandover> weak = weak_from_this();
-            expiryQueue_->asyncAfter(expires, [weak] {
+            expiryQueue_->asyncAfter(now + kMaxParkedSeconds, [weak] {
                 if (auto self = weak.lock()) self->closeExpired();
             });
             return;
@@ -66,6 +66,7 @@ void PulseStreamHandover::release(std::unique_ptr<PulseCaptureStream> stream) {
 std::unique_ptr<PulseCaptureStream> PulseStreamHandover::adopt(const PulseCaptureStreamOptions& options,
                                                                PulseCaptureStream::Delivery delivery) {
     std::unique_ptr<PulseCaptureStream> candidate;
+    double parkedSeconds = 0.0;
     {
         std::lock_guard lock(mutex_);
         const auto found = std::find_if(parked_.begin(), parked_.end(), [&](const Parked& entry) {
@@ -73,9 +74,11 @@ std::unique_ptr<PulseCaptureStream> PulseStreamHandover::adopt(const PulseCaptur
         });
         if (found == parked_.end()) return nullptr;
         candidate = std::move(found->stream);
+        parkedSeconds = found->parkedSeconds;
         parked_.erase(found);
     }
-    bool fits = candidate->isAlive();
+    const double waitedSeconds = expiryQueue_->clock()->nowSeconds() - parkedSeconds;
+    bool fits = candidate->isAlive() && waitedSeconds < kMaxParkedSeconds;
     if (fits && options.sourceName.empty()) {
         // "The default source" may name another source now: that is often why the owner
         // restarted.
@@ -90,7 +93,7 @@ std::unique_ptr<PulseCaptureStream> PulseStreamHandover::adopt(const PulseCaptur
     candidate->resume(std::move(delivery));
     logger().debug("Took over the capture stream of " +
                    (options.sourceName.empty() ? std::string("the default source") : options.sourceName) +
-                   " without a gap");
+                   " without a gap, " + std::to_string(std::lround(waitedSeconds * 1000.0)) + " ms after its stop");
     return candidate;
 }
 
@@ -105,7 +108,7 @@ void PulseStreamHandover::closeExpired() {
         std::lock_guard lock(mutex_);
         const double now = expiryQueue_->clock()->nowSeconds();
         for (auto entry = parked_.begin(); entry != parked_.end();) {
-            if (entry->expiresSeconds <= now) {
+            if (entry->parkedSeconds + kMaxParkedSeconds <= now) {
                 expired.push_back(std::move(*entry));
                 entry = parked_.erase(entry);
             } else {
