@@ -28,7 +28,7 @@ std::shared_ptr<PulseStreamHandover> PulseStreamHandover::create(std::shared_ptr
 PulseStreamHandover::PulseStreamHandover(std::shared_ptr<PulseConnection> connection, double windowSeconds)
     : connection_(std::move(connection)),
       windowSeconds_(windowSeconds),
-      expiryQueue_(SerialQueue::create(std::string(kLogSubsystem) + ".PulseStreamHandover.expiry",
+      expiryQueue_(SerialQueue::create(std::string(kIdentifierPrefix) + ".PulseStreamHandover.expiry",
                                        QualityOfService::utility)) {}
 
 PulseStreamHandover::~PulseStreamHandover() {
