@@ -53,9 +53,10 @@ PlatformError diskFullError(const std::filesystem::path& path) {
     return PlatformError(kAudioFileDomain, 3, "The disk holding " + path.filename().string() + " is full");
 }
 
+// -1 when the size cannot be read.
 std::int64_t fileEndBytes(int fileDescriptor) {
     struct stat status {};
-    return ::fstat(fileDescriptor, &status) == 0 ? static_cast<std::int64_t>(status.st_size) : 0;
+    return ::fstat(fileDescriptor, &status) == 0 ? static_cast<std::int64_t>(status.st_size) : -1;
 }
 
 PlatformError unsupportedSettings() {
@@ -228,7 +229,7 @@ void AudioFile::closeLocked() {
     file_ = nullptr;
     sf_write_sync(file);
     const int result = sf_close(file);
-    reserve_.release();
+    reserve_.release(fileEndBytes(fileDescriptor_));
     ::close(fileDescriptor_);
     if (result != 0) {
         logger().critical("Failed to close audio file " + path_.string() + ": " + sf_error_number(result));

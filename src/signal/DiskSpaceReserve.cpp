@@ -1,7 +1,6 @@
 #include "signal/DiskSpaceReserve.hpp"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -37,6 +36,7 @@ DiskSpaceReserve::DiskSpaceReserve(int fileDescriptor, std::int64_t reserveBytes
 
 DiskSpaceReserve::Renewal DiskSpaceReserve::renew(std::int64_t fileEndBytes) {
     if (!active_) return Renewal::unsupported;
+    if (fileEndBytes < 0) return Renewal::ample;
     if (reservedEndBytes_ - fileEndBytes > reserveBytes_ / 2) return Renewal::ample;
     const int error = allocate_(fileDescriptor_, fileEndBytes, reserveBytes_);
     if (error == 0) {
@@ -51,13 +51,12 @@ DiskSpaceReserve::Renewal DiskSpaceReserve::renew(std::int64_t fileEndBytes) {
     return Renewal::unsupported;
 }
 
-void DiskSpaceReserve::release() {
-    if (reservedEndBytes_ == 0) return;
+void DiskSpaceReserve::release(std::int64_t fileEndBytes) {
+    if (reservedEndBytes_ == 0 || fileEndBytes < 0) return;
     reservedEndBytes_ = 0;
     // Truncating to the current size frees the blocks allocated past it (ext4 and tmpfs
     // do so) and changes nothing else.
-    struct stat status {};
-    if (::fstat(fileDescriptor_, &status) != 0 || ::ftruncate(fileDescriptor_, status.st_size) != 0) {
+    if (::ftruncate(fileDescriptor_, fileEndBytes) != 0) {
         logger().error("Failed to give back the disk space reserved past the end of a file: " +
                        std::string(std::strerror(errno)));
     }

@@ -34,15 +34,13 @@ public:
     DiskSpaceReserve(int fileDescriptor, std::int64_t reserveBytes, Allocator allocate);
 
     // Tops the reserve up to reserveBytes past fileEndBytes once less than half of it is
-    // left (so the disk is asked at most once per half reserve written).
+    // left (so the disk is asked at most once per half reserve written). An unknown end
+    // (negative) asks nothing.
     Renewal renew(std::int64_t fileEndBytes);
 
-    // Gives back what is reserved past the file's end (the file is finished).
-    void release();
-
-    // Whether the file system honours reservations (false after `unsupported`).
-    bool active() const { return active_; }
-    std::int64_t reservedEndBytes() const { return reservedEndBytes_; }
+    // Gives back what is reserved past fileEndBytes (the file is finished); with an
+    // unknown end (negative) the reserve stays rather than risk cutting the file.
+    void release(std::int64_t fileEndBytes);
 
 private:
     const int fileDescriptor_;
