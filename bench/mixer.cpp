@@ -50,7 +50,12 @@ void BM_MixOneSecondDualSourceToFlac(benchmark::State& state) {
     PacedSource microphone(16000, 1);
     mixer->setSystemGain(0.3f);
     mixer->setMicrophoneGain(0.3f);
-    mixer->startDualSourceMixing(system.ring(), 48000, 2, microphone.ring(), 16000, file, file->processingFormat());
+    velto::MixerInputs inputs;
+    inputs.system = velto::MixerSourceInput{system.ring(), 48000, 2};
+    inputs.microphone = velto::MixerSourceInput{microphone.ring(), 16000, 1};
+    inputs.outputFile = file;
+    inputs.outputFormat = file->processingFormat();
+    mixer->start(inputs);
 
     int64_t tick = 0;
     auto runTicks = [&](int64_t count) {

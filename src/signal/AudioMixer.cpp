@@ -1,15 +1,12 @@
 #include "signal/AudioMixer.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <string>
 
 #include "logging/LogThinning.hpp"
 #include "logging/LoggerCompat.hpp"
 #include "logging/NumberFormat.hpp"
-#include "signal/FrameScaling.hpp"
-#include "signal/VectorMath.hpp"
 
 namespace velto {
 
@@ -21,7 +18,6 @@ constexpr double kTicksPerSecond = 60.0;
 constexpr double kMixingIntervalSeconds = 1.0 / kTicksPerSecond;
 constexpr int64_t kMinimumJitterBufferFrames = 512;
 constexpr int64_t kMinimumBlockFrames = 64;
-constexpr float kClipThreshold = 0.98f;
 constexpr float kLevelFloor = 0.000001f;
 
 LoggerCompat& logger() {
@@ -29,11 +25,9 @@ LoggerCompat& logger() {
     return instance;
 }
 
-std::unique_ptr<float[]> zeroedSamples(int64_t frames) {
-    return std::make_unique<float[]>(static_cast<size_t>(std::max<int64_t>(frames, 1)));
+AudioLevels decibels(BlockLevel level) {
+    return {20.0f * std::log10(std::max(level.rms, kLevelFloor)), 20.0f * std::log10(std::max(level.peak, kLevelFloor))};
 }
-
-std::optional<PcmFormat> monoFormat(double sampleRate) { return PcmFormat::make(sampleRate, 1, true); }
 
 }  // namespace
 
@@ -50,18 +44,13 @@ AudioMixer::AudioMixer(const Private&, int64_t bufferFrameCapacity, int64_t jitt
       clock_(std::move(clock)),
       ticks_(ticks),
       mixingQueue_(SerialQueue::create(std::string(kIdentifierPrefix) + ".AudioMixer.mixing",
-                                       QualityOfService::userInteractive, clock_)) {
-    system_.conversionFailureMessage = "System audio conversion failed: ";
-    microphone_.conversionFailureMessage = "Microphone audio conversion failed: ";
-    // Allocated once: a tick never allocates sample arrays.
-    system_.blockBuffer = zeroedSamples(bufferFrameCapacity_);
-    microphone_.blockBuffer = zeroedSamples(bufferFrameCapacity_);
-    mixedOutputBuffer_ = zeroedSamples(bufferFrameCapacity_);
-    for (Source* source : {&system_, &microphone_}) {
-        source->tempBuffer = zeroedSamples(bufferFrameCapacity_);
-        source->leftBuffer = zeroedSamples(bufferFrameCapacity_);
-        source->rightBuffer = zeroedSamples(bufferFrameCapacity_);
-    }
+                                       QualityOfService::userInteractive, clock_)),
+      pacer_(bufferFrameCapacity),
+      system_("system audio", "System audio conversion failed: ", AudioMixerError::failedToCreateSystemAudioInputFormat,
+              bufferFrameCapacity),
+      microphone_("microphone", "Microphone audio conversion failed: ",
+                  AudioMixerError::failedToCreateMicrophoneInputFormat, bufferFrameCapacity),
+      bus_(bufferFrameCapacity) {
     logger().debug("Allocated mixing buffers and temporary buffers: " + std::to_string(bufferFrameCapacity_) +
                    " frames each");
     logger().debug("Created AudioMixer with " + std::to_string(bufferFrameCapacity_) + " frame capacity, " +
@@ -92,123 +81,64 @@ double AudioMixer::chooseMixingRate(double systemSampleRate, double microphoneSa
     return highest;
 }
 
-void AudioMixer::startDualSourceMixing(std::shared_ptr<FloatRingBuffer> systemRing, double systemSampleRate,
-                                       uint32_t systemChannels, std::shared_ptr<FloatRingBuffer> microphoneRing,
-                                       double microphoneSampleRate, std::shared_ptr<AudioFile> outputFile,
-                                       const PcmFormat& outputFormat) {
+void AudioMixer::start(const MixerInputs& inputs) {
+    // Checked before anything is stored: a running tick reads these fields.
     if (isMixing_) {
         logger().error("Audio mixing already active");
         return;
     }
-    logger().info("Starting dual-source audio mixing");
-    logger().info("System audio: " + formatDouble(systemSampleRate) + "Hz, " + std::to_string(systemChannels) +
-                  " channels");
-    logger().info("Microphone: " + formatDouble(microphoneSampleRate) + "Hz, 1 channel");
-
-    system_.sampleRate = systemSampleRate;
-    systemAudioChannels_ = systemChannels;
-    microphone_.sampleRate = microphoneSampleRate;
-    system_.ring = systemRing;
-    microphone_.ring = microphoneRing;
-    outputFile_ = std::move(outputFile);
-    outputFormat_ = outputFormat;
-
-    beginMixing(outputFormat);
-    logger().info("Dual-source audio mixing started successfully with temporal synchronization");
-}
-
-void AudioMixer::startMixing(std::shared_ptr<FloatRingBuffer> systemRing,
-                             std::shared_ptr<FloatRingBuffer> microphoneRing, double sampleRate, uint32_t channels,
-                             std::shared_ptr<AudioFile> outputFile, const PcmFormat& outputFormat) {
-    // Both rates take the one source's rate, so that it alone decides the mixing rate.
-    system_.sampleRate = sampleRate;
-    microphone_.sampleRate = sampleRate;
-    if (systemRing) systemAudioChannels_ = channels;
-    if (isMixing_) {
-        logger().error("Audio mixing already active");
-        return;
+    const auto& system = inputs.system;
+    const auto& microphone = inputs.microphone;
+    if ((!system || !system->ring) && (!microphone || !microphone->ring)) {
+        throw AudioMixerError::failedToCreateMixingFormat();
     }
-    logger().info("Starting audio mixing");
-    system_.ring = systemRing;
-    microphone_.ring = systemRing ? std::weak_ptr<FloatRingBuffer>() : std::weak_ptr<FloatRingBuffer>(microphoneRing);
-    outputFile_ = std::move(outputFile);
-    outputFormat_ = outputFormat;
+    const bool dual = system && microphone;
+    if (dual) {
+        logger().info("Starting dual-source audio mixing");
+        logger().info("System audio: " + formatDouble(system->sampleRateHertz) + "Hz, " +
+                      std::to_string(system->channels) + " channels");
+        logger().info("Microphone: " + formatDouble(microphone->sampleRateHertz) + "Hz, 1 channel");
+    } else {
+        logger().info("Starting audio mixing");
+    }
 
-    beginMixing(outputFormat);
-    logger().info("Audio mixing started successfully with temporal synchronization");
-}
+    // A single source alone decides the mixing rate.
+    const double systemRate = system ? system->sampleRateHertz : microphone->sampleRateHertz;
+    const double microphoneRate = microphone ? microphone->sampleRateHertz : system->sampleRateHertz;
+    const double mixingRate = inputs.mixingSampleRateHertz.value_or(chooseMixingRate(systemRate, microphoneRate));
+    logger().info("Choosing mixing rate: system=" + formatDouble(systemRate) + "Hz, mic=" +
+                  formatDouble(microphoneRate) + "Hz -> mixing=" + formatDouble(mixingRate) + "Hz");
+    if (!(mixingRate > 0)) throw AudioMixerError::failedToCreateMixingFormat();
 
-// The common tail of both starts; a failure leaves the mixer idle.
-void AudioMixer::beginMixing(const PcmFormat& outputFormat) {
-    setupConverters(outputFormat);
-    prepareSourcePaths();
-    mixingStartTimeSeconds_ = clock_->nowSeconds();
-    totalFramesProcessed_ = 0;
+    try {
+        system_.configure(system ? system->ring : nullptr, systemRate, mixingRate);
+        microphone_.configure(microphone ? microphone->ring : nullptr, microphoneRate, mixingRate);
+        bus_.configure(inputs.layout);
+        output_.configure(inputs.outputFile, inputs.outputFormat, mixingRate, bus_.channels());
+    } catch (...) {
+        system_.release();
+        microphone_.release();
+        output_.release();
+        throw;
+    }
+    // Every source is delayed as much as the slowest resampler needs, so they stay aligned.
+    const int64_t primingFrames = std::max(system_.primingFramesNeeded(), microphone_.primingFramesNeeded());
+    system_.prepare(primingFrames);
+    microphone_.prepare(primingFrames);
+    {
+        std::lock_guard guard(levelsLock_);
+        levels_ = MixerLevels{};
+        if (system) levels_.system = AudioLevels::silence();
+        if (microphone) levels_.microphone = AudioLevels::silence();
+    }
+    outputPaused_ = false;
+    pacer_.start(clock_->nowSeconds(), mixingRate);
     // Mixing before the timer starts: its first tick may come at once, and a tick
     // that found the mixer not yet mixing would be lost.
     isMixing_ = true;
     startTimer();
-}
-
-void AudioMixer::setupConverters(const PcmFormat& outputFormat) {
-    const double mixingRate = chooseMixingRate(system_.sampleRate, microphone_.sampleRate);
-    logger().info("Choosing mixing rate: system=" + formatDouble(system_.sampleRate) + "Hz, mic=" +
-                  formatDouble(microphone_.sampleRate) + "Hz -> mixing=" + formatDouble(mixingRate) + "Hz");
-    mixingSampleRate_ = mixingRate;
-    const auto mixingFormat = monoFormat(mixingSampleRate_);
-    if (!mixingFormat) throw AudioMixerError::failedToCreateMixingFormat();
-
-    setupSourceConverter(system_, *mixingFormat, "system audio", AudioMixerError::failedToCreateSystemAudioInputFormat);
-    setupSourceConverter(microphone_, *mixingFormat, "microphone",
-                         AudioMixerError::failedToCreateMicrophoneInputFormat);
-
-    if (mixingSampleRate_ != outputFormat.sampleRate) {
-        outputConverter_ = AudioConverter::create(*mixingFormat, outputFormat);
-        logger().info("Created output converter: " + formatDouble(mixingSampleRate_) + "Hz -> " +
-                      formatDouble(outputFormat.sampleRate) + "Hz");
-    } else {
-        logger().info("No output conversion needed: " + formatDouble(mixingSampleRate_) + "Hz");
-    }
-}
-
-void AudioMixer::setupSourceConverter(Source& source, const PcmFormat& mixingFormat, const char* label,
-                                      AudioMixerError (*inputFormatFailure)()) {
-    const std::string rate = formatDouble(source.sampleRate);
-    if (source.sampleRate == mixingSampleRate_) {
-        logger().info(std::string("No ") + label + " conversion needed: " + rate + "Hz");
-        return;
-    }
-    const auto inputFormat = monoFormat(source.sampleRate);
-    if (!inputFormat) throw inputFormatFailure();
-    source.converter = AudioConverter::create(*inputFormat, mixingFormat);
-    logger().info(std::string("Created ") + label + " converter: " + rate + "Hz -> " +
-                  formatDouble(mixingSampleRate_) + "Hz");
-}
-
-// Resets each source's frame accounting and, where a resampler is involved,
-// primes the sources with silence: enough for the resampler's worst hold-back,
-// the same for every source so that they stay aligned. Allocates, so it runs
-// at start and never in a tick.
-void AudioMixer::prepareSourcePaths() {
-    int64_t primingFrames = 0;
-    for (Source* source : {&system_, &microphone_}) {
-        source->mixingFramesAccounted = 0;
-        source->sourceFramesConsumed = 0;
-        if (source->ring.expired() || !source->converter) continue;
-        const int64_t perSourceFrames = source->converter->maximumHeldBackFrames() +
-                                        static_cast<int64_t>(std::ceil(mixingSampleRate_ / source->sampleRate)) + 2;
-        primingFrames = std::max(primingFrames, perSourceFrames);
-    }
-    for (Source* source : {&system_, &microphone_}) {
-        source->usesAlignment = primingFrames > 0 && !source->ring.expired();
-        source->aligned = MonoSampleFifo(source->usesAlignment ? primingFrames + 2 * bufferFrameCapacity_ + 64 : 0);
-        source->aligned.pushSilence(primingFrames);
-        source->conversionInput.reset();
-        if (source->converter) {
-            source->conversionInput =
-                PcmBuffer::make(*monoFormat(source->sampleRate), static_cast<uint32_t>(std::max<int64_t>(bufferFrameCapacity_, 1)));
-        }
-    }
+    logger().info(dual ? "Dual-source audio mixing started successfully with temporal synchronization"
+                       : "Audio mixing started successfully with temporal synchronization");
 }
 
 void AudioMixer::startTimer() {
@@ -231,39 +161,45 @@ void AudioMixer::stopMixing() {
         mixingTimer_->cancel();
         mixingTimer_.reset();
     }
-    auto release = [this] {
-        drainRemainingAudio();
-        system_.ring.reset();
-        microphone_.ring.reset();
-        outputFile_.reset();
-        outputFormat_.reset();
-        system_.converter.reset();
-        microphone_.converter.reset();
-        outputConverter_.reset();
-    };
     // A tick() run from another thread goes through the same context: wait for it.
-    onMixingContext(release);
-    {
-        std::lock_guard guard(streamLock_);
-        if (audioStreamContinuation_) audioStreamContinuation_->finish();
-    }
+    onMixingContext([this] {
+        if (!outputPaused_) drainRemainingAudio();
+        system_.release();
+        microphone_.release();
+        output_.release();
+    });
+    output_.finishStream();
     isMixing_ = false;
     logger().debug("Audio mixing stopped");
 }
 
-AudioBufferStream AudioMixer::audioStream() {
-    std::lock_guard guard(streamLock_);
-    if (!audioStream_) {
-        auto [stream, continuation] = AudioBufferStream::make();
-        audioStream_ = std::move(stream);
-        audioStreamContinuation_ = std::move(continuation);
-    }
-    return *audioStream_;
+void AudioMixer::setOutputPaused(bool paused) {
+    if (!isMixing_) return;
+    onMixingContext([this, paused] {
+        if (outputPaused_ == paused) return;
+        const auto systemRing = system_.ring();
+        const auto microphoneRing = microphone_.ring();
+        if (paused) {
+            // What was captured before the pause belongs in the file.
+            mixWhatTheRingsHold(systemRing, microphoneRing);
+        } else {
+            // What arrived while paused does not; the clock owes nothing for that time.
+            if (systemRing) system_.discardCaptured(*systemRing);
+            if (microphoneRing) microphone_.discardCaptured(*microphoneRing);
+            pacer_.restartAt(clock_->nowSeconds());
+        }
+        outputPaused_ = paused;
+    });
 }
 
 AudioLevels AudioMixer::currentLevels() const {
     std::lock_guard guard(levelsLock_);
-    return currentLevels_;
+    return levels_.mix;
+}
+
+MixerLevels AudioMixer::levels() const {
+    std::lock_guard guard(levelsLock_);
+    return levels_;
 }
 
 int64_t AudioMixer::underrunCount() const {
@@ -281,11 +217,6 @@ void AudioMixer::addUnderrun() {
     ++underrunCounter_;
 }
 
-void AudioMixer::setWriteFailureHandler(std::function<void(ErrorPtr)> handler) {
-    std::lock_guard guard(streamLock_);
-    writeFailureHandler_ = std::move(handler);
-}
-
 template <class Work>
 void AudioMixer::onMixingContext(Work&& work) const {
     if (ticks_ == MixingTicks::timer) {
@@ -298,19 +229,19 @@ void AudioMixer::onMixingContext(Work&& work) const {
 
 double AudioMixer::mixingSampleRate() const {
     double rate = 0;
-    onMixingContext([&] { rate = mixingSampleRate_; });
+    onMixingContext([&] { rate = pacer_.mixingSampleRateHertz(); });
     return rate;
 }
 
 int64_t AudioMixer::totalFramesProcessed() const {
     int64_t frames = 0;
-    onMixingContext([&] { frames = totalFramesProcessed_; });
+    onMixingContext([&] { frames = pacer_.totalFramesProcessed(); });
     return frames;
 }
 
 int64_t AudioMixer::paddedSilenceFrames() const {
     int64_t frames = 0;
-    onMixingContext([&] { frames = paddedSilenceFrames_; });
+    onMixingContext([&] { frames = system_.paddedSilenceFrames() + microphone_.paddedSilenceFrames(); });
     return frames;
 }
 
@@ -322,25 +253,19 @@ void AudioMixer::tickOnQueue() {
     if (!isMixing_) return;
     // Strong references for the length of one tick; a source whose capture
     // object is gone drops out of the mix.
-    const auto systemRing = system_.ring.lock();
-    const auto microphoneRing = microphone_.ring.lock();
+    const auto systemRing = system_.ring();
+    const auto microphoneRing = microphone_.ring();
+    if (outputPaused_) {
+        // The sources keep running so that a resume is instant; what they capture meanwhile goes nowhere.
+        if (systemRing) system_.discardCaptured(*systemRing);
+        if (microphoneRing) microphone_.discardCaptured(*microphoneRing);
+        return;
+    }
     const int64_t frames = framesToProcess(systemRing, microphoneRing);
     if (frames < 1) return;
-    if (systemRing) processSource(system_, systemRing, frames);
-    if (microphoneRing) processSource(microphone_, microphoneRing, frames);
-    mixSources(frames, systemRing != nullptr, microphoneRing != nullptr);
-    updateLevels(frames);
-    writeOutput(frames);
-    totalFramesProcessed_ += frames;
-}
-
-int64_t AudioMixer::framesWithinReserve(const Source& source, int64_t availableFrames) const {
-    // Compare in mixing-rate frames: the largest block whose source frames fit
-    // in what lies beyond the reserve.
-    const int64_t spareFrames = availableFrames - jitterBufferFrames_;
-    if (spareFrames < 0) return -1;
-    return scaleFramesDown(source.sourceFramesConsumed + spareFrames, mixingSampleRate_, source.sampleRate) -
-           source.mixingFramesAccounted;
+    if (systemRing && !system_.process(*systemRing, frames)) addUnderrun();
+    if (microphoneRing && !microphone_.process(*microphoneRing, frames)) addUnderrun();
+    mixAndWrite(frames, systemRing != nullptr, microphoneRing != nullptr);
 }
 
 int64_t AudioMixer::framesToProcess(const std::shared_ptr<FloatRingBuffer>& systemRing,
@@ -366,16 +291,59 @@ int64_t AudioMixer::framesToProcess(const std::shared_ptr<FloatRingBuffer>& syst
             return 0;
         }
     }
-
-    // The clock's seconds carry rounding error; a frame boundary that the
-    // clock reaches exactly must count as reached, hence the tiny tolerance.
-    constexpr double kFrameTolerance = 1e-6;
-    const auto elapsedFrames = static_cast<int64_t>(
-        (clock_->nowSeconds() - mixingStartTimeSeconds_) * mixingSampleRate_ + kFrameTolerance);
-    int64_t frames = std::clamp<int64_t>(elapsedFrames - totalFramesProcessed_, 0, bufferFrameCapacity_);
-    if (systemRing) frames = std::min(frames, framesWithinReserve(system_, systemRing->availableFrames()));
-    if (microphoneRing) frames = std::min(frames, framesWithinReserve(microphone_, microphoneRing->availableFrames()));
+    int64_t frames = pacer_.framesDue(clock_->nowSeconds());
+    if (systemRing) frames = std::min(frames, system_.mixingFramesWithin(systemRing->availableFrames(), jitterBufferFrames_));
+    if (microphoneRing) {
+        frames = std::min(frames, microphone_.mixingFramesWithin(microphoneRing->availableFrames(), jitterBufferFrames_));
+    }
     return frames < kMinimumBlockFrames ? 0 : frames;
+}
+
+void AudioMixer::mixAndWrite(int64_t frames, bool withSystem, bool withMicrophone) {
+    const auto measurement =
+        bus_.mix(withSystem ? system_.block() : nullptr, systemGain_.load(), withMicrophone ? microphone_.block() : nullptr,
+                 microphoneGain_.load(), frames);
+    const float peak = measurement.peakBeforeClipping;
+    maxPeakSinceStart_ = std::max(maxPeakSinceStart_, peak);
+    if (peak > MixBus::kClipThreshold) {
+        if (oneIn(100)) {
+            logger().error("Clipping detected! Peak: " + formatFloat(peak) +
+                           ", Max since start: " + formatFloat(maxPeakSinceStart_));
+        }
+        std::lock_guard guard(counterLock_);
+        ++overflowCounter_;
+    }
+    publishLevels(measurement, withSystem, withMicrophone);
+    output_.write(bus_.output(), frames);
+    pacer_.advance(frames);
+}
+
+void AudioMixer::publishLevels(const MixBus::Measurement& mix, bool withSystem, bool withMicrophone) {
+    const AudioLevels mixLevels = decibels(mix.level);
+    const AudioLevels systemLevels = decibels(system_.lastBlockLevel());
+    const AudioLevels microphoneLevels = decibels(microphone_.lastBlockLevel());
+    std::lock_guard guard(levelsLock_);
+    levels_.mix = mixLevels;
+    if (withSystem) levels_.system = systemLevels;
+    if (withMicrophone) levels_.microphone = microphoneLevels;
+}
+
+// Mixes every frame the rings hold at this moment, padding a source that runs
+// out first with silence (they only ever differ by the capture blocks in
+// flight). Audio arriving meanwhile is left for later: taking it after the
+// padding would put a gap inside the audio.
+void AudioMixer::mixWhatTheRingsHold(const std::shared_ptr<FloatRingBuffer>& systemRing,
+                                     const std::shared_ptr<FloatRingBuffer>& microphoneRing) {
+    if (systemRing) system_.markDrainEnd(*systemRing);
+    if (microphoneRing) microphone_.markDrainEnd(*microphoneRing);
+    for (;;) {
+        const int64_t frames = std::min(bufferFrameCapacity_, std::max(systemRing ? system_.mixingFramesLeftToDrain() : 0,
+                                                                        microphoneRing ? microphone_.mixingFramesLeftToDrain() : 0));
+        if (frames < 1) break;
+        if (systemRing) system_.process(*systemRing, frames, /*draining=*/true);
+        if (microphoneRing) microphone_.process(*microphoneRing, frames, /*draining=*/true);
+        mixAndWrite(frames, systemRing != nullptr, microphoneRing != nullptr);
+    }
 }
 
 // At the end of a recording, everything captured goes into the file: what
@@ -386,238 +354,23 @@ int64_t AudioMixer::framesToProcess(const std::shared_ptr<FloatRingBuffer>& syst
 // only loses the last tens of milliseconds of every recording and of every
 // restart. Runs where ticks run, after the last tick.
 void AudioMixer::drainRemainingAudio() {
-    const auto systemRing = system_.ring.lock();
-    const auto microphoneRing = microphone_.ring.lock();
+    const auto systemRing = system_.ring();
+    const auto microphoneRing = microphone_.ring();
     if (!systemRing && !microphoneRing) return;
-    // The sources keep capturing while the stop runs. The drain takes what the
-    // rings hold now and nothing that arrives later: a source read short is
-    // padded with silence, and audio arriving after that padding would put a
-    // gap inside the recording's last moments.
-    for (auto [source, ring] : {std::pair{&system_, systemRing.get()}, std::pair{&microphone_, microphoneRing.get()}}) {
-        if (ring) source->drainEndSourceFrames = source->sourceFramesConsumed + ring->availableFrames();
-    }
-    const auto mixingFramesIn = [this](const Source& source, const std::shared_ptr<FloatRingBuffer>& ring) -> int64_t {
-        if (!ring) return 0;
-        return scaleFramesDown(source.drainEndSourceFrames, mixingSampleRate_, source.sampleRate) -
-               source.mixingFramesAccounted;
-    };
-    // The rings, in blocks; a source that runs out first is padded with silence
-    // for the rest (it only ever differs by the capture blocks in flight).
+    mixWhatTheRingsHold(systemRing, microphoneRing);
+    // The resampler tails join the alignment queues; then the queues empty out,
+    // the longest one deciding how many frames remain.
+    system_.flushResampler();
+    microphone_.flushResampler();
     for (;;) {
-        const int64_t frames = std::min(
-            bufferFrameCapacity_, std::max(mixingFramesIn(system_, systemRing), mixingFramesIn(microphone_, microphoneRing)));
+        const int64_t frames =
+            std::min(bufferFrameCapacity_, std::max(system_.alignedFramesLeft(), microphone_.alignedFramesLeft()));
         if (frames < 1) break;
-        if (systemRing) processSource(system_, systemRing, frames, /*draining=*/true);
-        if (microphoneRing) processSource(microphone_, microphoneRing, frames, /*draining=*/true);
-        mixSources(frames, systemRing != nullptr, microphoneRing != nullptr);
-        writeOutput(frames);
-        totalFramesProcessed_ += frames;
+        system_.popAligned(frames);
+        microphone_.popAligned(frames);
+        mixAndWrite(frames, systemRing != nullptr, microphoneRing != nullptr);
     }
-    // The sources' resampler tails join their alignment queues; then the queues
-    // empty out, the longest one deciding how many frames remain.
-    for (Source* source : {&system_, &microphone_}) {
-        if (!source->converter || source->ring.expired()) continue;
-        try {
-            const auto tail = source->converter->flush();
-            source->aligned.push(tail->floatChannelData()[0], tail->frameLength());
-        } catch (...) {
-            logger().critical(std::string(source->conversionFailureMessage) +
-                              caseDescriptionOf(std::current_exception()));
-        }
-    }
-    for (;;) {
-        int64_t frames = 0;
-        for (const Source* source : {&system_, &microphone_}) {
-            if (source->usesAlignment && !source->ring.expired()) frames = std::max(frames, source->aligned.availableFrames());
-        }
-        frames = std::min(frames, bufferFrameCapacity_);
-        if (frames < 1) break;
-        for (Source* source : {&system_, &microphone_}) {
-            const int64_t got = source->aligned.pop(source->blockBuffer.get(), frames);
-            vec::clear(source->blockBuffer.get() + got, frames - got);
-        }
-        mixSources(frames, systemRing != nullptr, microphoneRing != nullptr);
-        writeOutput(frames);
-        totalFramesProcessed_ += frames;
-    }
-    if (outputConverter_) {
-        std::shared_ptr<PcmBuffer> tail;
-        try {
-            tail = outputConverter_->flush();
-        } catch (...) {
-            logger().critical("Output audio conversion failed: " + caseDescriptionOf(std::current_exception()));
-            return;
-        }
-        if (tail->frameLength() > 0) deliverOutput(std::move(tail));
-    }
-}
-
-void AudioMixer::processSource(Source& source, const std::shared_ptr<FloatRingBuffer>& ring, int64_t frames,
-                               bool draining) {
-    const auto snapshot = ring->snapshot();
-    const int64_t needFrames =
-        scaleFramesDown(source.mixingFramesAccounted + frames, source.sampleRate, mixingSampleRate_) -
-        source.sourceFramesConsumed;
-    float* block = source.blockBuffer.get();
-    // The work arrays are zeros beyond what a read writes, so a short read is
-    // padded with silence.
-    int64_t readFrames = std::min<int64_t>(needFrames, snapshot.framesAvailable);
-    if (draining) {
-        readFrames = std::min(readFrames, std::max<int64_t>(0, source.drainEndSourceFrames - source.sourceFramesConsumed));
-    }
-    if (readFrames < needFrames && !draining) {
-        // The source sits this block out; its own timeline waits, so nothing
-        // of it is skipped.
-        addUnderrun();
-        vec::clear(block, frames);
-        return;
-    }
-
-    float* temp = source.tempBuffer.get();
-    if (snapshot.channels == 1) {
-        const std::array<float*, 1> destinations{temp};
-        ring->read(destinations, readFrames);
-    } else {
-        // More than two channels are refused by the ring (logged there): the block is silence.
-        const std::array<float*, 2> destinations{source.leftBuffer.get(), source.rightBuffer.get()};
-        ring->read(destinations, readFrames);
-        vec::average(source.leftBuffer.get(), source.rightBuffer.get(), temp, needFrames);
-        // The work arrays are all zeros between ticks; only this tick's part was written.
-        vec::clear(source.leftBuffer.get(), needFrames);
-        vec::clear(source.rightBuffer.get(), needFrames);
-    }
-    source.mixingFramesAccounted += frames;
-    source.sourceFramesConsumed += needFrames;
-
-    if (source.converter) {
-        convertSourceBlock(source, needFrames, frames);
-    } else if (source.usesAlignment) {
-        source.aligned.push(temp, needFrames);
-        const int64_t got = source.aligned.pop(block, frames);
-        vec::clear(block + got, frames - got);
-    } else {
-        vec::copy(temp, block, frames);
-    }
-    vec::clear(temp, needFrames);
-}
-
-void AudioMixer::convertSourceBlock(Source& source, int64_t needFrames, int64_t frames) {
-    float* block = source.blockBuffer.get();
-    auto& input = source.conversionInput;
-    if (!input || !input->floatChannelData()[0]) return;
-    vec::copy(source.tempBuffer.get(), input->floatChannelData()[0], needFrames);
-    input->setFrameLength(static_cast<uint32_t>(needFrames));
-
-    std::shared_ptr<PcmBuffer> converted;
-    try {
-        converted = source.converter->convert(*input);
-    } catch (...) {
-        const std::string what = caseDescriptionOf(std::current_exception());
-        logger().critical(std::string(source.conversionFailureMessage) + what);
-        vec::clear(block, frames);
-        return;
-    }
-    source.aligned.push(converted->floatChannelData()[0], converted->frameLength());
-    const int64_t got = source.aligned.pop(block, frames);
-    if (got < frames) {
-        // Only if the resampler broke its hold-back bound: silence, never stale samples.
-        vec::clear(block + got, frames - got);
-        paddedSilenceFrames_ += frames - got;
-    }
-}
-
-void AudioMixer::mixSources(int64_t frames, bool withSystem, bool withMicrophone) {
-    float* mixed = mixedOutputBuffer_.get();
-    const float systemGain = withSystem ? systemGain_.load() : 0.0f;
-    const float microphoneGain = withMicrophone ? microphoneGain_.load() : 0.0f;
-    if (withSystem && withMicrophone) {
-        vec::weightedSum(system_.blockBuffer.get(), systemGain, microphone_.blockBuffer.get(), microphoneGain, mixed,
-                         frames);
-    } else {
-        vec::clear(mixed, frames);
-        if (withSystem) vec::multiplyAdd(system_.blockBuffer.get(), systemGain, mixed, frames);
-        if (withMicrophone) vec::multiplyAdd(microphone_.blockBuffer.get(), microphoneGain, mixed, frames);
-    }
-    clip(frames);
-}
-
-// Clipping and metering share one pass over the block; the levels are those
-// of the clipped block, the overflow test uses the peak before clipping.
-void AudioMixer::clip(int64_t frames) {
-    const auto measurement = vec::clipAndMeasure(mixedOutputBuffer_.get(), kClipThreshold, frames);
-    const float peak = measurement.peakBeforeClipping;
-    maxPeakSinceStart_ = std::max(maxPeakSinceStart_, peak);
-    if (peak > kClipThreshold) {
-        if (oneIn(100)) {
-            logger().error("Clipping detected! Peak: " + formatFloat(peak) +
-                           ", Max since start: " + formatFloat(maxPeakSinceStart_));
-        }
-        std::lock_guard guard(counterLock_);
-        ++overflowCounter_;
-    }
-    lastBlockRms_ = static_cast<float>(std::sqrt(measurement.sumOfSquares / static_cast<double>(frames)));
-    lastBlockPeak_ = std::min(peak, kClipThreshold);
-}
-
-void AudioMixer::updateLevels(int64_t /*frames*/) {
-    const AudioLevels levels{20.0f * std::log10(std::max(lastBlockRms_, kLevelFloor)),
-                             20.0f * std::log10(std::max(lastBlockPeak_, kLevelFloor))};
-    std::lock_guard guard(levelsLock_);
-    currentLevels_ = levels;
-}
-
-void AudioMixer::writeOutput(int64_t frames) {
-    if (frames < 1 || !outputFile_ || !outputFormat_) return;
-    const PcmFormat blockFormat = outputConverter_ ? *monoFormat(mixingSampleRate_) : *outputFormat_;
-    auto block = PcmBuffer::make(blockFormat, static_cast<uint32_t>(frames));
-    if (!block) {
-        logger().critical("Failed to create mixed PCM buffer with format: " + blockFormat.description());
-        return;
-    }
-    const float* mixed = mixedOutputBuffer_.get();
-    const auto channelData = block->floatChannelData();
-    const uint32_t channels = blockFormat.channelCount;
-    // The mix is mono: every channel of the block carries it.
-    for (uint32_t channel = 0; channel < channels; ++channel) {
-        for (int64_t i = 0; i < frames; ++i) {
-            if (blockFormat.interleaved) channelData[0][static_cast<size_t>(i) * channels + channel] = mixed[i];
-            else channelData[channel][i] = mixed[i];
-        }
-    }
-    block->setFrameLength(static_cast<uint32_t>(frames));
-
-    if (outputConverter_) {
-        try {
-            block = outputConverter_->convert(*block);
-        } catch (...) {
-            logger().critical("Output audio conversion failed: " + caseDescriptionOf(std::current_exception()));
-            return;
-        }
-        // The resampler holds back its first milliseconds: nothing to hand on yet.
-        if (block->frameLength() == 0) return;
-    }
-    deliverOutput(std::move(block));
-}
-
-void AudioMixer::deliverOutput(std::shared_ptr<PcmBuffer> block) {
-    try {
-        outputFile_->write(*block);
-    } catch (...) {
-        const auto error = std::current_exception();
-        logger().critical("Failed to write mixed audio to file: " + describeError(error));
-        if (!writeFailureReported_) {
-            writeFailureReported_ = true;
-            std::function<void(ErrorPtr)> handler;
-            {
-                std::lock_guard guard(streamLock_);
-                handler = writeFailureHandler_;
-            }
-            if (handler) handler(captureError(error));
-        }
-    }
-
-    std::lock_guard guard(streamLock_);
-    if (audioStreamContinuation_) audioStreamContinuation_->yield(block);
+    output_.flush();
 }
 
 }  // namespace velto

@@ -70,4 +70,43 @@ inline ClipMeasurement clipAndMeasure(float* values, float limit, int64_t count)
     return measurement;
 }
 
+struct BlockMeasurement {
+    float peak;           // largest |sample|
+    double sumOfSquares;
+};
+
+// Peak and energy of a block, read-only, with the same independent lanes.
+inline BlockMeasurement measure(const float* values, int64_t count) {
+    constexpr int kLanes = 8;
+    float peaks[kLanes] = {};
+    float squares[kLanes] = {};
+    int64_t i = 0;
+    for (; i + kLanes <= count; i += kLanes) {
+        for (int lane = 0; lane < kLanes; ++lane) {
+            const float value = values[i + lane];
+            const float magnitude = value < 0 ? -value : value;
+            peaks[lane] = magnitude > peaks[lane] ? magnitude : peaks[lane];
+            squares[lane] += value * value;
+        }
+    }
+    BlockMeasurement measurement{0.0f, 0.0};
+    for (; i < count; ++i) {
+        measurement.peak = std::max(measurement.peak, std::abs(values[i]));
+        measurement.sumOfSquares += static_cast<double>(values[i]) * values[i];
+    }
+    for (int lane = 0; lane < kLanes; ++lane) {
+        measurement.peak = std::max(measurement.peak, peaks[lane]);
+        measurement.sumOfSquares += squares[lane];
+    }
+    return measurement;
+}
+
+// destination[i × 2] = first[i], destination[i × 2 + 1] = second[i]
+inline void interleavePair(const float* first, const float* second, float* destination, int64_t count) {
+    for (int64_t i = 0; i < count; ++i) {
+        destination[2 * i] = first[i];
+        destination[2 * i + 1] = second[i];
+    }
+}
+
 }  // namespace velto::vec

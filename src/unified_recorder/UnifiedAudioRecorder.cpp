@@ -254,27 +254,28 @@ void UnifiedAudioRecorder::startAudioMixing() {
     const std::string output = "output (" + formatDouble(outputFormat.sampleRate) + "Hz, " +
                                std::to_string(outputFormat.channelCount) + "ch)";
 
-    if (systemAudioTap_ && microphoneCapture_) {
-        const double systemRate = systemAudioTap_->asbd().mSampleRate;
-        const std::uint32_t systemChannels = systemAudioTap_->asbd().mChannelsPerFrame;
-        const double micRate = microphoneSampleRate();
-        logger().debug("Starting dual-source mixing: system (" + formatDouble(systemRate) + "Hz, " +
-                       std::to_string(systemChannels) + "ch) + microphone (" + formatDouble(micRate) + "Hz) -> " +
-                       output);
-        audioMixer_->startDualSourceMixing(systemAudioTap_->ringBuffer(), systemRate, systemChannels,
-                                           microphoneCapture_->ringBuffer(), micRate, audioFile_, outputFormat);
-    } else if (systemAudioTap_) {
-        const double systemRate = systemAudioTap_->asbd().mSampleRate;
-        const std::uint32_t systemChannels = systemAudioTap_->asbd().mChannelsPerFrame;
-        logger().debug("Starting system audio only mixing: " + formatDouble(systemRate) + "Hz, " +
-                       std::to_string(systemChannels) + "ch -> " + output);
-        audioMixer_->startMixing(systemAudioTap_->ringBuffer(), nullptr, systemRate, systemChannels, audioFile_,
-                                 outputFormat);
-    } else if (microphoneCapture_) {
-        const double micRate = microphoneSampleRate();
-        logger().debug("Starting microphone audio only mixing: " + formatDouble(micRate) + "Hz -> " + output);
-        audioMixer_->startMixing(nullptr, microphoneCapture_->ringBuffer(), micRate, 1, audioFile_, outputFormat);
+    MixerInputs inputs;
+    inputs.outputFile = audioFile_;
+    inputs.outputFormat = outputFormat;
+    if (systemAudioTap_) {
+        inputs.system = MixerSourceInput{systemAudioTap_->ringBuffer(), systemAudioTap_->asbd().mSampleRate,
+                                         systemAudioTap_->asbd().mChannelsPerFrame};
     }
+    if (microphoneCapture_) {
+        inputs.microphone = MixerSourceInput{microphoneCapture_->ringBuffer(), microphoneSampleRate(), 1};
+    }
+    if (inputs.system && inputs.microphone) {
+        logger().debug("Starting dual-source mixing: system (" + formatDouble(inputs.system->sampleRateHertz) + "Hz, " +
+                       std::to_string(inputs.system->channels) + "ch) + microphone (" +
+                       formatDouble(inputs.microphone->sampleRateHertz) + "Hz) -> " + output);
+    } else if (inputs.system) {
+        logger().debug("Starting system audio only mixing: " + formatDouble(inputs.system->sampleRateHertz) + "Hz, " +
+                       std::to_string(inputs.system->channels) + "ch -> " + output);
+    } else if (inputs.microphone) {
+        logger().debug("Starting microphone audio only mixing: " + formatDouble(inputs.microphone->sampleRateHertz) +
+                       "Hz -> " + output);
+    }
+    audioMixer_->start(inputs);
     startForwarding(audioMixer_);
     logger().debug("Audio mixing started successfully");
 }

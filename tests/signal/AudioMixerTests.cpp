@@ -48,7 +48,7 @@ TEST(AudioMixerTest, DualStartLogsItsStepsAndASecondStartIsRefused) {
     auto systemRing = FloatRingBuffer::create(2, 96000);
     auto microphoneRing = FloatRingBuffer::create(1, 96000);
     CapturedLogs logs;
-    rig.mixer->startDualSourceMixing(systemRing, 44100, 2, microphoneRing, 48000, nullptr, fileFormat16k());
+    rig.mixer->start(testing::dualInputs(systemRing, 44100, 2, microphoneRing, 48000, nullptr, fileFormat16k()));
     EXPECT_TRUE(rig.mixer->isMixing());
     EXPECT_EQ(rig.mixer->mixingSampleRate(), 48000.0);
     EXPECT_EQ(logs.messages(kCategory),
@@ -60,7 +60,7 @@ TEST(AudioMixerTest, DualStartLogsItsStepsAndASecondStartIsRefused) {
                                         "Created output converter: 48000.0Hz -> 16000.0Hz",
                                         "Dual-source audio mixing started successfully with temporal synchronization"}));
     logs.clear();
-    rig.mixer->startDualSourceMixing(systemRing, 48000, 2, microphoneRing, 48000, nullptr, fileFormat16k());
+    rig.mixer->start(testing::dualInputs(systemRing, 48000, 2, microphoneRing, 48000, nullptr, fileFormat16k()));
     EXPECT_EQ(logs.messages(kCategory), std::vector<std::string>{"Audio mixing already active"});
     EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "Audio mixing already active"));
     EXPECT_EQ(rig.mixer->mixingSampleRate(), 48000.0);
@@ -77,7 +77,7 @@ TEST(AudioMixerTest, StartFailsWhenAFormatCannotBeMade) {
                           Case{48000, -1, AudioMixerError::Code::failedToCreateMicrophoneInputFormat,
                                "Failed to create microphone input format"}}) {
         try {
-            rig.mixer->startDualSourceMixing(ring, c.system, 1, ring, c.microphone, nullptr, fileFormat16k());
+            rig.mixer->start(testing::dualInputs(ring, c.system, 1, ring, c.microphone, nullptr, fileFormat16k()));
             ADD_FAILURE() << "start succeeded for " << c.system << " / " << c.microphone;
         } catch (const AudioMixerError& error) {
             EXPECT_EQ(error.code(), c.code);
@@ -90,7 +90,7 @@ TEST(AudioMixerTest, StartFailsWhenAFormatCannotBeMade) {
 TEST(AudioMixerTest, JitterReserveStaysUnreadAndBlocksAreAtLeast64Frames) {
     MixerRig rig;
     auto ring = FloatRingBuffer::create(1, 96000);
-    rig.mixer->startMixing(nullptr, ring, 48000, 1, nullptr, fileFormat16k());
+    rig.mixer->start(testing::singleInputs(nullptr, ring, 48000, 1, nullptr, fileFormat16k()));
     rig.clock->advance(1.0);
     writeConstant(*ring, 0.1f, 3100);
     rig.mixer->tick();
@@ -105,7 +105,7 @@ TEST(AudioMixerTest, PacingFollowsTheClockAtMostOneBufferPerTick) {
     MixerRig rig;
     auto ring = FloatRingBuffer::create(1, 96000);
     writeConstant(*ring, 0.1f, 96000);
-    rig.mixer->startMixing(nullptr, ring, 48000, 1, nullptr, fileFormat16k());
+    rig.mixer->start(testing::singleInputs(nullptr, ring, 48000, 1, nullptr, fileFormat16k()));
     rig.clock->advance(0.05);  // 2400 frames due
     std::vector<int64_t> totals;
     for (int i = 0; i < 4; ++i) {
@@ -125,7 +125,7 @@ struct DirectPath {
     explicit DirectPath(float value = 0.0f) : folder("velto-mixer"), ring(FloatRingBuffer::create(1, 96000)) {
         file = AudioFile::openForWriting(folder.file("mix.wav"), makeAudioSettings(AudioFormat::wav));
         stream = rig.mixer->audioStream();
-        rig.mixer->startMixing(nullptr, ring, 16000, 1, file, file->processingFormat());
+        rig.mixer->start(testing::singleInputs(nullptr, ring, 16000, 1, file, file->processingFormat()));
         writeConstant(*ring, value, 3072);
     }
     std::vector<float> mix(float value, int64_t frames) {
@@ -179,7 +179,7 @@ TEST(AudioMixerTest, GainsApplyPerSourceAndStereoIsAveraged) {
     auto ring = FloatRingBuffer::create(2, 96000);
     auto stream = rig.mixer->audioStream();
     rig.mixer->setSystemGain(0.5f);
-    rig.mixer->startMixing(ring, nullptr, 16000, 2, file, file->processingFormat());
+    rig.mixer->start(testing::singleInputs(ring, nullptr, 16000, 2, file, file->processingFormat()));
     std::vector<float> left(3072 + 300, 0.4f), right(3072 + 300, 0.2f);
     const std::array<const float*, 2> sources{left.data(), right.data()};
     ring->write(sources, 3072 + 300);
@@ -224,7 +224,7 @@ TEST(AudioMixerTest, StopTakesWhatTheRingsHeldAndNothingThatArrivesDuringIt) {
     auto file = AudioFile::openForWriting(folder.file("mix.wav"), makeAudioSettings(AudioFormat::wav));
     auto systemRing = FloatRingBuffer::create(1, 96000);
     auto microphoneRing = FloatRingBuffer::create(1, 96000);
-    rig.mixer->startDualSourceMixing(systemRing, 16000, 1, microphoneRing, 16000, file, file->processingFormat());
+    rig.mixer->start(testing::dualInputs(systemRing, 16000, 1, microphoneRing, 16000, file, file->processingFormat()));
     writeConstant(*systemRing, 0.0f, 3072 + 500);
     writeConstant(*microphoneRing, 0.3f, 3072);
     // The microphone goes on capturing while the stop drains: each block
@@ -267,7 +267,7 @@ TEST(AudioMixerTest, AVanishedSourceDropsOutAndTheOtherGoesOn) {
     auto systemRing = FloatRingBuffer::create(1, 96000);
     auto microphoneRing = FloatRingBuffer::create(1, 96000);
     rig.mixer->setSystemGain(1.0f);
-    rig.mixer->startDualSourceMixing(systemRing, 48000, 1, microphoneRing, 48000, nullptr, fileFormat16k());
+    rig.mixer->start(testing::dualInputs(systemRing, 48000, 1, microphoneRing, 48000, nullptr, fileFormat16k()));
     writeConstant(*systemRing, 0.2f, 3072 + 800);
     writeConstant(*microphoneRing, 0.2f, 3072 + 800);
     rig.step();
@@ -283,7 +283,7 @@ TEST(AudioMixerTest, WaitingForTheJitterReserveIsLoggedWhenSampled) {
     MixerRig rig;
     auto systemRing = FloatRingBuffer::create(2, 96000);
     auto microphoneRing = FloatRingBuffer::create(1, 96000);
-    rig.mixer->startDualSourceMixing(systemRing, 48000, 2, microphoneRing, 48000, nullptr, fileFormat16k());
+    rig.mixer->start(testing::dualInputs(systemRing, 48000, 2, microphoneRing, 48000, nullptr, fileFormat16k()));
     writeConstant(*systemRing, 0.0f, 5000);
     writeConstant(*microphoneRing, 0.0f, 100);
     CapturedLogs logs;
@@ -293,7 +293,7 @@ TEST(AudioMixerTest, WaitingForTheJitterReserveIsLoggedWhenSampled) {
     EXPECT_EQ(rig.mixer->totalFramesProcessed(), 0);
     rig.mixer->stopMixing();  // takes what the rings held
     writeConstant(*microphoneRing, 0.0f, 100);
-    rig.mixer->startMixing(nullptr, microphoneRing, 48000, 1, nullptr, fileFormat16k());
+    rig.mixer->start(testing::singleInputs(nullptr, microphoneRing, 48000, 1, nullptr, fileFormat16k()));
     rig.step();
     EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Waiting for single-source jitter buffer: 100/3072"));
 }

@@ -36,7 +36,7 @@ TEST(AudioMixerTimerTest, TheTimerTicksOnTheMixingQueueAsTheClockMoves) {
     auto ring = FloatRingBuffer::create(1, 96000);
     testing::writeConstant(*ring, 0.25f, 48000);
     CapturedLogs logs;
-    mixer->startMixing(nullptr, ring, 48000, 1, nullptr, *PcmFormat::make(16000, 1, true));
+    mixer->start(testing::singleInputs(nullptr, ring, 48000, 1, nullptr, *PcmFormat::make(16000, 1, true)));
     EXPECT_TRUE(logs.contains(LogLevel::debug, "AudioMixer", "Started mixing timer at 60.0 Hz"));
     for (int period = 1; period <= 30; ++period) {
         clock->advance(1.0 / 60.0);
@@ -90,7 +90,7 @@ TEST(AudioMixerTimerTest, LiveProducersTimerAndConsumerRunTogether) {
         }
     });
 
-    mixer->startDualSourceMixing(systemRing, 16000, 2, microphoneRing, 16000, file, file->processingFormat());
+    mixer->start(testing::dualInputs(systemRing, 16000, 2, microphoneRing, 16000, file, file->processingFormat()));
     ASSERT_TRUE(eventually([&] { return file->framesWritten() >= 8000; }));
     for (int i = 0; i < 20; ++i) {
         mixer->setSystemGain(0.0f);

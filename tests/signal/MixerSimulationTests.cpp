@@ -76,11 +76,11 @@ std::vector<float> recordThroughMixer(const SinePathCase& c, double seconds, dou
         microphone = std::make_unique<SimulatedSource>(c.microphoneHertz, 1, c.sineOnSystem ? 0 : sineHertz, 1024);
     }
     if (system && microphone) {
-        rig.mixer->startDualSourceMixing(system->ring, c.systemHertz, 2, microphone->ring, c.microphoneHertz, file,
-                                         file->processingFormat());
+        rig.mixer->start(testing::dualInputs(system->ring, c.systemHertz, 2, microphone->ring, c.microphoneHertz, file,
+                                         file->processingFormat()));
     } else {
-        rig.mixer->startMixing(system ? system->ring : nullptr, microphone ? microphone->ring : nullptr,
-                               system ? c.systemHertz : c.microphoneHertz, system ? 2 : 1, file, file->processingFormat());
+        rig.mixer->start(testing::singleInputs(system ? system->ring : nullptr, microphone ? microphone->ring : nullptr,
+                               system ? c.systemHertz : c.microphoneHertz, system ? 2 : 1, file, file->processingFormat()));
     }
     std::vector<float> output;
     const auto ticks = static_cast<int64_t>(seconds * 60);
@@ -191,8 +191,8 @@ TEST_P(TwoHourRecording, SourcesNeitherStarveNorDrift) {
     SimulatedSource system(systemHertz, 2, 0);
     SimulatedSource microphone(microphoneHertz, 1, 0, 1024);
     // No file: the file path is covered elsewhere, and two hours of it would cost minutes.
-    rig.mixer->startDualSourceMixing(system.ring, systemHertz, 2, microphone.ring, microphoneHertz, nullptr,
-                                     *PcmFormat::make(16000, 1, true));
+    rig.mixer->start(testing::dualInputs(system.ring, systemHertz, 2, microphone.ring, microphoneHertz, nullptr,
+                                     *PcmFormat::make(16000, 1, true)));
 
     constexpr int64_t kTicks = kSimulatedSeconds * 60;
     constexpr int64_t kWarmUpTicks = 60;

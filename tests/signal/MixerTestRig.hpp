@@ -33,6 +33,30 @@ struct MixerRig {
     std::shared_ptr<AudioMixer> mixer;
 };
 
+// The inputs of a mixing run with both sources.
+inline MixerInputs dualInputs(std::shared_ptr<FloatRingBuffer> systemRing, double systemHertz, uint32_t systemChannels,
+                              std::shared_ptr<FloatRingBuffer> microphoneRing, double microphoneHertz,
+                              std::shared_ptr<AudioFile> file, const PcmFormat& outputFormat) {
+    MixerInputs inputs;
+    inputs.system = MixerSourceInput{std::move(systemRing), systemHertz, systemChannels};
+    inputs.microphone = MixerSourceInput{std::move(microphoneRing), microphoneHertz, 1};
+    inputs.outputFile = std::move(file);
+    inputs.outputFormat = outputFormat;
+    return inputs;
+}
+
+// One source: exactly one of the two rings is non-null.
+inline MixerInputs singleInputs(std::shared_ptr<FloatRingBuffer> systemRing,
+                                std::shared_ptr<FloatRingBuffer> microphoneRing, double hertz, uint32_t channels,
+                                std::shared_ptr<AudioFile> file, const PcmFormat& outputFormat) {
+    MixerInputs inputs;
+    if (systemRing) inputs.system = MixerSourceInput{std::move(systemRing), hertz, channels};
+    if (microphoneRing) inputs.microphone = MixerSourceInput{std::move(microphoneRing), hertz, 1};
+    inputs.outputFile = std::move(file);
+    inputs.outputFormat = outputFormat;
+    return inputs;
+}
+
 // Writes `frames` frames of `value` on every channel; returns frames stored.
 inline int64_t writeConstant(FloatRingBuffer& ring, float value, int64_t frames) {
     std::vector<float> samples(static_cast<size_t>(frames), value);

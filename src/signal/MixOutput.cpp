@@ -1,0 +1,135 @@
+#include "signal/MixOutput.hpp"
+
+#include <algorithm>
+
+#include "logging/LoggerCompat.hpp"
+#include "logging/NumberFormat.hpp"
+#include "signal/AudioMixerError.hpp"
+
+namespace velto {
+
+namespace {
+
+LoggerCompat& logger() {
+    static LoggerCompat instance{kLogSubsystem, "AudioMixer"};
+    return instance;
+}
+
+}  // namespace
+
+void MixOutput::configure(std::shared_ptr<AudioFile> file, const PcmFormat& outputFormat,
+                          double mixingSampleRateHertz, uint32_t busChannels) {
+    file_ = std::move(file);
+    outputFormat_ = outputFormat;
+    busChannels_ = busChannels;
+    writeFailureReported_ = false;
+    converter_.reset();
+    busFormat_ = PcmFormat::make(mixingSampleRateHertz, busChannels, true);
+    if (!busFormat_) throw AudioMixerError::failedToCreateMixingFormat();
+    if (mixingSampleRateHertz != outputFormat.sampleRate) {
+        converter_ = AudioConverter::create(*busFormat_, outputFormat);
+        logger().info("Created output converter: " + formatDouble(mixingSampleRateHertz) + "Hz -> " +
+                      formatDouble(outputFormat.sampleRate) + "Hz");
+    } else {
+        logger().info("No output conversion needed: " + formatDouble(mixingSampleRateHertz) + "Hz");
+    }
+}
+
+void MixOutput::release() {
+    file_.reset();
+    outputFormat_.reset();
+    converter_.reset();
+}
+
+void MixOutput::write(const float* busBlock, int64_t frames) {
+    if (frames < 1 || !outputFormat_ || !busFormat_) return;
+    const PcmFormat& blockFormat = converter_ ? *busFormat_ : *outputFormat_;
+    auto block = PcmBuffer::make(blockFormat, static_cast<uint32_t>(frames));
+    if (!block) {
+        logger().critical("Failed to create mixed PCM buffer with format: " + blockFormat.description());
+        return;
+    }
+    const auto channelData = block->floatChannelData();
+    const uint32_t channels = blockFormat.channelCount;
+    // A mono bus feeds every channel of a wider output; otherwise channel for channel.
+    for (uint32_t channel = 0; channel < channels; ++channel) {
+        const uint32_t busChannel = std::min(channel, busChannels_ - 1);
+        for (int64_t i = 0; i < frames; ++i) {
+            const float sample = busBlock[static_cast<size_t>(i) * busChannels_ + busChannel];
+            if (blockFormat.interleaved) channelData[0][static_cast<size_t>(i) * channels + channel] = sample;
+            else channelData[channel][i] = sample;
+        }
+    }
+    block->setFrameLength(static_cast<uint32_t>(frames));
+
+    if (converter_) {
+        try {
+            block = converter_->convert(*block);
+        } catch (...) {
+            logger().critical("Output audio conversion failed: " + caseDescriptionOf(std::current_exception()));
+            return;
+        }
+        // The resampler holds back its first milliseconds: nothing to hand on yet.
+        if (block->frameLength() == 0) return;
+    }
+    deliver(std::move(block));
+}
+
+void MixOutput::flush() {
+    if (!converter_) return;
+    std::shared_ptr<PcmBuffer> tail;
+    try {
+        tail = converter_->flush();
+    } catch (...) {
+        logger().critical("Output audio conversion failed: " + caseDescriptionOf(std::current_exception()));
+        return;
+    }
+    if (tail->frameLength() > 0) deliver(std::move(tail));
+}
+
+void MixOutput::deliver(std::shared_ptr<PcmBuffer> block) {
+    if (file_) {
+        try {
+            file_->write(*block);
+            framesWritten_ += block->frameLength();
+        } catch (...) {
+            const auto error = std::current_exception();
+            logger().critical("Failed to write mixed audio to file: " + describeError(error));
+            if (!writeFailureReported_) {
+                writeFailureReported_ = true;
+                std::function<void(ErrorPtr)> handler;
+                {
+                    std::lock_guard guard(streamLock_);
+                    handler = writeFailureHandler_;
+                }
+                if (handler) handler(captureError(error));
+            }
+        }
+    } else {
+        framesWritten_ += block->frameLength();
+    }
+    std::lock_guard guard(streamLock_);
+    if (audioStreamContinuation_) audioStreamContinuation_->yield(block);
+}
+
+AudioBufferStream MixOutput::audioStream() {
+    std::lock_guard guard(streamLock_);
+    if (!audioStream_) {
+        auto [stream, continuation] = AudioBufferStream::make();
+        audioStream_ = std::move(stream);
+        audioStreamContinuation_ = std::move(continuation);
+    }
+    return *audioStream_;
+}
+
+void MixOutput::finishStream() {
+    std::lock_guard guard(streamLock_);
+    if (audioStreamContinuation_) audioStreamContinuation_->finish();
+}
+
+void MixOutput::setWriteFailureHandler(std::function<void(ErrorPtr)> handler) {
+    std::lock_guard guard(streamLock_);
+    writeFailureHandler_ = std::move(handler);
+}
+
+}  // namespace velto

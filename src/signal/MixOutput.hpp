@@ -1,0 +1,65 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "signal/AudioConverter.hpp"
+#include "signal/AudioFile.hpp"
+#include "veltoaudio/Error.hpp"
+#include "veltoaudio/EventStream.hpp"
+#include "veltoaudio/PcmBuffer.hpp"
+
+namespace velto {
+
+// The end of the mixer's road: brings the bus's blocks to the output format,
+// appends them to the file and hands the same buffers to the audio stream.
+//
+// Degradation policy: a block that cannot be converted or written is logged and
+// skipped; the first failed write is also reported through the failure handler,
+// once, because only the mixer's owner can decide to end the recording.
+//
+// Threads: configure() and release() while no block is written; write() and
+// flush() on the mixing thread; audioStream(), finishStream(), the handler and
+// framesWritten() from any thread.
+class MixOutput {
+public:
+    // Creates the output resampler when the rates differ. Throws AudioConverterError.
+    void configure(std::shared_ptr<AudioFile> file, const PcmFormat& outputFormat, double mixingSampleRateHertz,
+                   uint32_t busChannels);
+    void release();
+
+    // `frames` interleaved frames of the bus's channel count, at the mixing rate.
+    void write(const float* busBlock, int64_t frames);
+    // The output resampler's held-back tail, at the end of a run.
+    void flush();
+
+    // The blocks, each exactly once and in order, as the same buffers that were
+    // written to the file; ends at finishStream().
+    AudioBufferStream audioStream();
+    void finishStream();
+    void setWriteFailureHandler(std::function<void(ErrorPtr)> handler);
+    // Output-rate frames handed to the file (or, without one, to the stream).
+    int64_t framesWritten() const { return framesWritten_.load(); }
+
+private:
+    void deliver(std::shared_ptr<PcmBuffer> block);
+
+    std::shared_ptr<AudioFile> file_;
+    std::optional<PcmFormat> outputFormat_;
+    std::optional<PcmFormat> busFormat_;  // the block format before the resampler
+    std::shared_ptr<AudioConverter> converter_;
+    uint32_t busChannels_ = 1;
+    bool writeFailureReported_ = false;
+    std::atomic<int64_t> framesWritten_{0};
+
+    std::mutex streamLock_;
+    std::optional<AudioBufferStream> audioStream_;                            // guarded by streamLock_
+    std::optional<AudioBufferStream::Continuation> audioStreamContinuation_;  // guarded by streamLock_
+    std::function<void(ErrorPtr)> writeFailureHandler_;                       // guarded by streamLock_
+};
+
+}  // namespace velto

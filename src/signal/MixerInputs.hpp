@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "signal/AudioFile.hpp"
+#include "signal/FloatRingBuffer.hpp"
+#include "veltoaudio/PcmBuffer.hpp"
+
+namespace velto {
+
+// One capture source as the mixer sees it: the ring its producer fills, at the
+// source's own rate. The ring's channel count is the one processing uses;
+// `channels` is what the source reported, for the log.
+struct MixerSourceInput {
+    std::shared_ptr<FloatRingBuffer> ring;
+    double sampleRateHertz = 48000.0;
+    uint32_t channels = 1;
+};
+
+// How the bus lays the sources out in the output.
+enum class MixerTrackLayout {
+    mixed,     // one mono track: the sources summed with their gains
+    separate,  // two channels: microphone, then system audio, each unscaled
+};
+
+// Everything one mixing run needs, given to the mixer's single start.
+struct MixerInputs {
+    std::optional<MixerSourceInput> system;
+    std::optional<MixerSourceInput> microphone;
+    std::shared_ptr<AudioFile> outputFile;  // null: the blocks only go to the stream
+    PcmFormat outputFormat;
+    MixerTrackLayout layout = MixerTrackLayout::mixed;
+    // Unset: the lowest standard rate that carries every source unharmed.
+    std::optional<double> mixingSampleRateHertz;
+};
+
+}  // namespace velto
