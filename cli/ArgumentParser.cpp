@@ -37,6 +37,7 @@ struct RawArguments {
     int verbosity = 0;
     std::string recordSources = "microphone";
     std::string recordFormat;
+    std::string recordTracks = "mixed";
     double durationSeconds = 0;
     std::string outputPath;
     std::string microphoneId;
@@ -82,6 +83,10 @@ struct CommandLineApp {
                                           "File to write (default: a new file in the recordings folder)");
         microphoneOption = record->add_option("--microphone", raw.microphoneId,
                                               "Identifier of the microphone to use (see 'velto devices')");
+        record->add_option("--tracks", raw.recordTracks,
+                           "mixed: one track (default); separate: microphone and system audio as two channels "
+                           "(needs --sources both)")
+            ->check(CLI::IsMember({"mixed", "separate"}));
         record->add_flag("--json", raw.recordJson, "Print every event as one JSON object per line");
         record->add_flag("--overwrite", raw.overwrite, "Replace the output file when it exists");
 
@@ -125,6 +130,7 @@ struct CommandLineApp {
             if (microphoneOption->count() > 0) options.microphoneId = raw.microphoneId;
             options.json = raw.recordJson;
             options.overwrite = raw.overwrite;
+            options.tracks = raw.recordTracks == "separate" ? TrackLayout::separate : TrackLayout::mixed;
             result.command = options;
         } else if (devices->parsed()) {
             result.command = DevicesOptions{raw.devicesJson};
@@ -151,6 +157,9 @@ struct CommandLineApp {
 std::string contradiction(const RecordOptions& options) {
     if (options.microphoneId && options.sources == SourceChoice::system) {
         return "--microphone needs --sources microphone or both; system audio has no microphone";
+    }
+    if (options.tracks == TrackLayout::separate && options.sources != SourceChoice::both) {
+        return "--tracks separate needs --sources both: one source makes one track";
     }
     if (options.format && options.outputPath) {
         auto implied = formatFromExtension(*options.outputPath);

@@ -7,6 +7,7 @@
 
 #include "veltoaudio/AudioFormat.hpp"
 #include "veltoaudio/AudioSources.hpp"
+#include "veltoaudio/TrackLayout.hpp"
 
 namespace velto::cli {
 
@@ -26,6 +27,8 @@ struct RecordOptions {
     std::optional<std::string> microphoneId;
     bool json = false;
     bool overwrite = false;
+    // --tracks: one mixed track, or the microphone and the system audio side by side.
+    TrackLayout tracks = TrackLayout::mixed;
 };
 
 // The format the recording is written in: --format, else the output's extension, else FLAC

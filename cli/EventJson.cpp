@@ -29,6 +29,12 @@ nlohmann::ordered_json eventJson(const RecordingEvent& event) {
             json["elapsed"] = roundedSeconds(event.elapsedSeconds);
             json["average"] = roundedDecibels(event.audioLevels.average);
             json["peak"] = roundedDecibels(event.audioLevels.peak);
+            for (const auto& [name, levels] : {std::pair{"microphone", event.microphoneLevels},
+                                               std::pair{"system", event.systemLevels}}) {
+                if (levels) {
+                    json[name] = {{"average", roundedDecibels(levels->average)}, {"peak", roundedDecibels(levels->peak)}};
+                }
+            }
             break;
         case RecordingEvent::Kind::paused:
         case RecordingEvent::Kind::resumed:

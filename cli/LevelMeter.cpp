@@ -27,14 +27,42 @@ std::size_t barFill(double decibels, std::size_t barWidthCharacters) {
     return static_cast<std::size_t>(std::lround(fraction * static_cast<double>(barWidthCharacters)));
 }
 
-std::string renderMeterLine(double elapsedSeconds, AudioLevels levels, std::size_t barWidthCharacters) {
-    double average = roundedDecibels(levels.average);
-    double peak = roundedDecibels(levels.peak);
+namespace {
+
+std::string meterBar(double average, double peak, std::size_t barWidthCharacters) {
     std::string bar(barWidthCharacters, '-');
     std::size_t averageFill = barFill(average, barWidthCharacters);
     for (std::size_t i = 0; i < averageFill; ++i) bar[i] = '#';
     std::size_t peakFill = barFill(peak, barWidthCharacters);
     if (peakFill > 0) bar[peakFill - 1] = '|';
+    return bar;
+}
+
+std::string sourceMeter(const char* name, AudioLevels levels) {
+    constexpr std::size_t kSourceBarWidthCharacters = 14;
+    const double average = roundedDecibels(levels.average);
+    const double peak = roundedDecibels(levels.peak);
+    char levelsText[48];
+    std::snprintf(levelsText, sizeof levelsText, " %6.1f/%5.1f dB", average, peak);
+    std::string meter = std::string(name) + " [" + meterBar(average, peak, kSourceBarWidthCharacters) + "]" + levelsText;
+    if (peak >= kClipDecibels) meter += " CLIP";
+    return meter;
+}
+
+}  // namespace
+
+std::string renderMeterLine(const RecordingEvent& progress) {
+    if (!progress.microphoneLevels || !progress.systemLevels) {
+        return renderMeterLine(progress.elapsedSeconds, progress.audioLevels);
+    }
+    return "REC " + formatElapsed(progress.elapsedSeconds) + " " + sourceMeter("mic", *progress.microphoneLevels) +
+           "  " + sourceMeter("sys", *progress.systemLevels);
+}
+
+std::string renderMeterLine(double elapsedSeconds, AudioLevels levels, std::size_t barWidthCharacters) {
+    double average = roundedDecibels(levels.average);
+    double peak = roundedDecibels(levels.peak);
+    const std::string bar = meterBar(average, peak, barWidthCharacters);
 
     char levelsText[64];
     std::snprintf(levelsText, sizeof levelsText, " avg %6.1f dB  peak %6.1f dB", average, peak);

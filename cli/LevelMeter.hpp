@@ -4,6 +4,7 @@
 #include <string>
 
 #include "veltoaudio/AudioLevels.hpp"
+#include "veltoaudio/RecordingEvent.hpp"
 
 namespace velto::cli {
 
@@ -15,6 +16,10 @@ inline constexpr double kMeterFloorDecibels = -60.0;
 inline constexpr double kClipDecibels = -0.1;
 
 std::string renderMeterLine(double elapsedSeconds, AudioLevels levels, std::size_t barWidthCharacters = 30);
+// A progress event's line: with both sources' own levels, one meter each, e.g.
+//   "REC 00:01:05.3 mic [#####----|--] -23.1/-6.0 dB  sys [###------|--] -30.2/-12.0 dB";
+// otherwise the recording's single meter.
+std::string renderMeterLine(const RecordingEvent& progress);
 // "HH:MM:SS.t", tenths truncated so the display never runs ahead of the recording.
 std::string formatElapsed(double elapsedSeconds);
 // How many of `barWidthCharacters` a level fills (0 at or below the floor).

@@ -115,6 +115,7 @@ int RecordCommand::run() {
 
     RecordingConfiguration configuration(effectiveFormat(options_), toAudioSources(options_.sources), microphone,
                                          BufferConfiguration::defaultConfiguration());
+    configuration.trackLayout = options_.tracks;
     std::error_code ignored;
     bool existedBefore = outputFile && fs::exists(*outputFile, ignored);
     if (console_.meterEnabled()) console_.printMessage(announcement(outputFile));
@@ -170,7 +171,7 @@ void RecordCommand::handle(const RecordingEvent& event, Outcome& outcome) {
                 control_.markRecording();
             }
             recordedSeconds_ = event.elapsedSeconds;
-            console_.showMeter(renderMeterLine(event.elapsedSeconds, event.audioLevels));
+            console_.showMeter(renderMeterLine(event));
             stopWhenDurationReached();
             break;
         case RecordingEvent::Kind::finished:

@@ -5,11 +5,13 @@
 #include "veltoaudio/AudioFormat.hpp"
 #include "veltoaudio/AudioSources.hpp"
 #include "veltoaudio/BufferConfiguration.hpp"
+#include "veltoaudio/TrackLayout.hpp"
 #include "veltoaudio/MicrophoneDevice.hpp"
 
 namespace velto {
 
-// The description of one recording. All four fields are required.
+// The description of one recording. The first four fields are required; the
+// others have defaults.
 struct RecordingConfiguration {
     RecordingConfiguration(AudioFormat audioFormat, AudioSources sources,
                            std::optional<MicrophoneDevice> preferredMicrophone,
@@ -24,6 +26,8 @@ struct RecordingConfiguration {
     // None: the service resolves the device when the recording starts.
     std::optional<MicrophoneDevice> preferredMicrophone;
     BufferConfiguration bufferConfiguration;
+    // `separate` needs both sources; a recording of one source is refused at start.
+    TrackLayout trackLayout = TrackLayout::mixed;
 };
 
 }  // namespace velto

@@ -27,6 +27,7 @@ public:
         systemAudioPermissionDenied,
         invalidSystemAudioConfiguration,
         systemAudioFormatNotSupported,
+        separateTracksNeedBothSources,
     };
 
     static RecordingError sessionConfigurationFailed(ErrorPtr error);
@@ -45,6 +46,7 @@ public:
     static RecordingError systemAudioPermissionDenied();
     static RecordingError invalidSystemAudioConfiguration();
     static RecordingError systemAudioFormatNotSupported();
+    static RecordingError separateTracksNeedBothSources();
 
     Code code() const noexcept { return code_; }
     // The platform status of the three system-audio failures; 0 for the others.

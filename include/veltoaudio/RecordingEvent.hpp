@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 
 #include "veltoaudio/AudioLevels.hpp"
 
@@ -10,8 +11,13 @@ namespace velto {
 struct RecordingEvent {
     enum class Kind { progress, paused, resumed, finished, cancelled, starting, started };
 
-    static RecordingEvent progress(double elapsedSeconds, AudioLevels audioLevels) {
-        return RecordingEvent(Kind::progress, elapsedSeconds, audioLevels, {});
+    static RecordingEvent progress(double elapsedSeconds, AudioLevels audioLevels,
+                                   std::optional<AudioLevels> microphoneLevels = std::nullopt,
+                                   std::optional<AudioLevels> systemLevels = std::nullopt) {
+        RecordingEvent event(Kind::progress, elapsedSeconds, audioLevels, {});
+        event.microphoneLevels = microphoneLevels;
+        event.systemLevels = systemLevels;
+        return event;
     }
     static RecordingEvent paused(double elapsedSeconds) { return RecordingEvent(Kind::paused, elapsedSeconds, {}, {}); }
     static RecordingEvent resumed(double elapsedSeconds) { return RecordingEvent(Kind::resumed, elapsedSeconds, {}, {}); }
@@ -26,7 +32,11 @@ struct RecordingEvent {
 
     Kind kind;
     double elapsedSeconds;        // progress, paused, resumed
-    AudioLevels audioLevels;      // progress
+    AudioLevels audioLevels;      // progress: the recording's (the mix's) levels
+    // progress: each recorded source's own levels, before any mixing gain; unset for a
+    // source the recording does not include
+    std::optional<AudioLevels> microphoneLevels;
+    std::optional<AudioLevels> systemLevels;
     std::filesystem::path fileURL;  // finished, cancelled
 
 private:

@@ -15,4 +15,5 @@
 #include "veltoaudio/RecordingError.hpp"
 #include "veltoaudio/RecordingEvent.hpp"
 #include "veltoaudio/RecordingService.hpp"
+#include "veltoaudio/TrackLayout.hpp"
 #include "veltoaudio/UserDefaultsMicrophoneStorage.hpp"

@@ -2,6 +2,7 @@
 #include "veltoaudio/AudioSources.hpp"
 #include "veltoaudio/PermissionState.hpp"
 #include "veltoaudio/RecordingEvent.hpp"
+#include "veltoaudio/TrackLayout.hpp"
 
 namespace velto {
 
@@ -25,6 +26,8 @@ AudioSettings makeAudioSettings(AudioFormat format) {
     }
     return settings;
 }
+
+const char* caseName(TrackLayout layout) { return layout == TrackLayout::separate ? "separate" : "mixed"; }
 
 const char* caseName(AudioFormat format) { return format == AudioFormat::wav ? "wav" : "flac"; }
 

@@ -45,6 +45,8 @@ VELTO_PLAIN_CASE(systemAudioPermissionRequired,
 VELTO_PLAIN_CASE(systemAudioPermissionDenied, "System audio recording permission was denied.")
 VELTO_PLAIN_CASE(invalidSystemAudioConfiguration, "Invalid system audio configuration.")
 VELTO_PLAIN_CASE(systemAudioFormatNotSupported, "The system audio format is not supported.")
+VELTO_PLAIN_CASE(separateTracksNeedBothSources,
+                 "Separate tracks need both sources: record the microphone and the system audio, or mix one track.")
 
 #undef VELTO_WRAPPING_CASE
 #undef VELTO_STATUS_CASE
@@ -86,6 +88,7 @@ const char* caseName(RecordingError::Code code) {
         case RecordingError::Code::systemAudioPermissionDenied: return "systemAudioPermissionDenied";
         case RecordingError::Code::invalidSystemAudioConfiguration: return "invalidSystemAudioConfiguration";
         case RecordingError::Code::systemAudioFormatNotSupported: return "systemAudioFormatNotSupported";
+        case RecordingError::Code::separateTracksNeedBothSources: return "separateTracksNeedBothSources";
     }
     return "unknown";
 }

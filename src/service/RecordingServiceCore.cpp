@@ -122,6 +122,10 @@ EventStream<RecordingEvent> RecordingServiceCore::startRecordingLocked(
                           caseName(recordingState_));
         throw RecordingError::invalidState();
     }
+    if (configuration.trackLayout == TrackLayout::separate && configuration.sources.kind() != AudioSources::Kind::both) {
+        logger().error("Separate tracks refused: the recording has one source");
+        throw RecordingError::separateTracksNeedBothSources();
+    }
     transition(RecordingState::starting, turn);
     configuration_ = configuration;
     ++sessionGeneration_;

@@ -36,12 +36,12 @@ void stopIfCapturing(MicrophoneCapture& capture) {
 
 struct UnifiedAudioRecorder::Private {};
 
-AudioLevels UnifiedAudioRecorder::LiveOutput::levels() const {
+MixerLevels UnifiedAudioRecorder::LiveOutput::levels() const {
     std::lock_guard lock(levelsLock);
     return currentLevels;
 }
 
-void UnifiedAudioRecorder::LiveOutput::setLevels(AudioLevels levels) {
+void UnifiedAudioRecorder::LiveOutput::setLevels(MixerLevels levels) {
     std::lock_guard lock(levelsLock);
     currentLevels = levels;
 }
@@ -182,11 +182,15 @@ void UnifiedAudioRecorder::startRecording() {
 }
 
 void UnifiedAudioRecorder::configureOutputFile() {
-    const auto processingFormat = PcmFormat::make(kOutputSampleRateHertz, 1, /*interleaved=*/true);
+    // Separate tracks: channel 1 the microphone, channel 2 the system audio.
+    const int64_t channels = separateTracks() ? 2 : 1;
+    const auto processingFormat =
+        PcmFormat::make(kOutputSampleRateHertz, static_cast<uint32_t>(channels), /*interleaved=*/true);
     if (!processingFormat) throw RecordingError::recorderInitializationFailed();
+    auto settings = makeAudioSettings(configuration_.audioFormat);
+    settings[AVNumberOfChannelsKey] = channels;
     createPrivateRecordingFile(fileURL_);
-    audioFile_ = AudioFile::openForWriting(fileURL_, makeAudioSettings(configuration_.audioFormat),
-                                           processingFormat->interleaved, clock_);
+    audioFile_ = AudioFile::openForWriting(fileURL_, settings, processingFormat->interleaved, clock_);
     makeRecordingFilePrivate(fileURL_, logger());
     logger().debug("Output file configured with format: " + audioFile_->processingFormat().description());
 }
@@ -257,6 +261,7 @@ void UnifiedAudioRecorder::startAudioMixing() {
     MixerInputs inputs;
     inputs.outputFile = audioFile_;
     inputs.outputFormat = outputFormat;
+    inputs.layout = separateTracks() ? MixerTrackLayout::separate : MixerTrackLayout::mixed;
     if (systemAudioTap_) {
         inputs.system = MixerSourceInput{systemAudioTap_->ringBuffer(), systemAudioTap_->asbd().mSampleRate,
                                          systemAudioTap_->asbd().mChannelsPerFrame};
@@ -278,6 +283,10 @@ void UnifiedAudioRecorder::startAudioMixing() {
     audioMixer_->start(inputs);
     startForwarding(audioMixer_);
     logger().debug("Audio mixing started successfully");
+}
+
+bool UnifiedAudioRecorder::separateTracks() const {
+    return configuration_.trackLayout == TrackLayout::separate && configuration_.sources.kind() == AudioSources::Kind::both;
 }
 
 double UnifiedAudioRecorder::microphoneSampleRate() const {
@@ -305,7 +314,7 @@ void UnifiedAudioRecorder::startForwarding(const std::shared_ptr<AudioMixer>& mi
     relayedMixerStream_ = mixer->audioStream();
     relayedMixerStream_.relay([weakMixer, live = liveOutput_](std::shared_ptr<PcmBuffer> block) {
         live->audioStreamContinuation.yield(std::move(block));
-        if (auto yieldingMixer = weakMixer.lock()) live->setLevels(yieldingMixer->currentLevels());
+        if (auto yieldingMixer = weakMixer.lock()) live->setLevels(yieldingMixer->levels());
     });
 }
 
@@ -325,9 +334,14 @@ void UnifiedAudioRecorder::startProgressTimer() {
     progressTimer_->resume();
 }
 
+RecordingEvent UnifiedAudioRecorder::progressEvent(double elapsedSeconds) const {
+    const MixerLevels levels = liveOutput_->levels();
+    return RecordingEvent::progress(elapsedSeconds, levels.mix, levels.microphone, levels.system);
+}
+
 void UnifiedAudioRecorder::progressTick() {
     if (recorderState_ != RecorderState::recording) return;
-    recordingEventStreamContinuation_.yield(RecordingEvent::progress(secondsSinceStart(), liveOutput_->levels()));
+    recordingEventStreamContinuation_.yield(progressEvent(secondsSinceStart()));
 }
 
 void UnifiedAudioRecorder::pauseRecording() {
@@ -420,7 +434,7 @@ void UnifiedAudioRecorder::handleConfigurationChange() {
         return;
     }
     logger().debug("Successfully restarted recording after configuration change");
-    recordingEventStreamContinuation_.yield(RecordingEvent::progress(elapsed, liveOutput_->levels()));
+    recordingEventStreamContinuation_.yield(progressEvent(elapsed));
 }
 
 void UnifiedAudioRecorder::discardCarriedIfRateChanged(int64_t prefilledFrames,

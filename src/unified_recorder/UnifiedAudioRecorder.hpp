@@ -82,9 +82,9 @@ public:
     struct LiveOutput {
         AudioBufferStream::Continuation audioStreamContinuation;
         mutable std::mutex levelsLock;
-        AudioLevels currentLevels = AudioLevels::silence();  // guarded by levelsLock
-        AudioLevels levels() const;
-        void setLevels(AudioLevels levels);
+        MixerLevels currentLevels;  // guarded by levelsLock
+        MixerLevels levels() const;
+        void setLevels(MixerLevels levels);
     };
 
     struct Private;
@@ -99,6 +99,8 @@ private:
     void startAudioCapture();
     void startAudioMixing();
     double microphoneSampleRate() const;
+    bool separateTracks() const;
+    RecordingEvent progressEvent(double elapsedSeconds) const;
     void startForwarding(const std::shared_ptr<AudioMixer>& mixer);
     void endForwarding();
     void startProgressTimer();

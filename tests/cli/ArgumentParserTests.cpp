@@ -74,6 +74,9 @@ TEST(ArgumentParser, BadCommandLinesExitWithUsageNamingTheProblem) {
         {{"record", "--format", "flac", "--output", "take.wav"}, "Usage"},
         // System audio has no microphone to choose.
         {{"record", "--sources", "system", "--microphone", "mic-1"}, "Usage"},
+        // One source makes one track.
+        {{"record", "--tracks", "separate"}, "--sources both"},
+        {{"record", "--tracks", "stereo", "--sources", "both"}, "stereo"},
     };
     // A duration must be a finite positive number.
     for (const char* duration : {"0", "-1", "-0.0", "abc", "5s", "nan", "inf", "-inf", "1e999", ""}) {

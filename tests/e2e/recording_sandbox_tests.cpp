@@ -514,5 +514,110 @@ TEST_F(RecordingSandboxTest, WhenTheSoundServerGoesAwayTheRecordingEndsWithTheFi
     EXPECT_GT(recorded.samples.size(), 16000u);  // what was captured before the server went
 }
 
+// Lag (in samples, sub-sample by parabolic interpolation) at which `second` best matches
+// `first` around `center`, searched within ±maxLag.
+double lagAround(const std::vector<float>& first, const std::vector<float>& second, std::size_t center,
+                 std::size_t halfWindow, int maxLag) {
+    std::vector<double> scores;
+    for (int lag = -maxLag; lag <= maxLag; ++lag) {
+        double score = 0;
+        for (std::size_t i = center - halfWindow; i < center + halfWindow; ++i) {
+            score += static_cast<double>(first[i]) * second[static_cast<std::size_t>(static_cast<long>(i) + lag)];
+        }
+        scores.push_back(score);
+    }
+    const auto best = static_cast<std::size_t>(std::max_element(scores.begin(), scores.end()) - scores.begin());
+    double offset = 0;
+    if (best > 0 && best + 1 < scores.size()) {
+        const double left = scores[best - 1], middle = scores[best], right = scores[best + 1];
+        const double curvature = left - 2 * middle + right;
+        if (curvature < 0) offset = 0.5 * (left - right) / curvature;
+    }
+    return static_cast<double>(best) - maxLag + offset;
+}
+
+TEST_F(RecordingSandboxTest, SeparateTracksKeepEachSourceOnItsOwnAlignedChannel) {
+    // A tone of its own on each source, at different levels, and from 3.5 s of play on the
+    // same noise burst on both every second: the bursts show how the channels line up.
+    constexpr float kSystemAmplitude = 0.2f;
+    const auto withBursts = [](std::function<float(double)> tone) {
+        return [tone](double t) {
+            const double intoSecond = t - std::floor(t);
+            if (t < 3.0 || intoSecond < 0.5 || intoSecond >= 0.52) return tone(t);
+            // The same pseudo-random burst in every second and on both sources.
+            auto state = static_cast<std::uint32_t>((intoSecond - 0.5) * 48000.0 + 0.5) * 2654435761u + 12345u;
+            state ^= state >> 13;
+            state *= 0x5bd1e995u;
+            state ^= state >> 15;
+            return tone(t) + 0.3f * (static_cast<float>(state % 20001u) / 10000.0f - 1.0f);
+        };
+    };
+    const auto file = directory.path() / "separate.flac";
+    Player microphone(kMicrophoneIn, 1, 9.0, withBursts(sine(kMicrophoneToneHertz, kToneAmplitude)));
+    Player speakers(kSpeakers, 2, 9.0, withBursts(sine(kSystemToneHertz, kSystemAmplitude)));
+    std::this_thread::sleep_for(kPlayerLead);
+    RecordingConfiguration configuration(AudioFormat::flac, AudioSources::both(), std::nullopt,
+                                         BufferConfiguration::defaultConfiguration());
+    configuration.trackLayout = TrackLayout::separate;
+    auto recorder = UnifiedAudioRecorder::create(file, configuration, services);
+    EventLog events(recorder->events());
+    ASSERT_TRUE(events.waitFor(Kind::started));
+    std::this_thread::sleep_until(*events.arrivalOf(Kind::started) + 6s);
+    recorder->stop();
+    ASSERT_TRUE(events.waitForEnd());
+    EXPECT_EQ(events.error(), nullptr);
+
+    // Progress carries each source's own level beside the recording's.
+    int progressWithBoth = 0;
+    for (const auto& entry : events.entries()) {
+        const auto& event = entry.event;
+        if (event.kind == Kind::progress && event.microphoneLevels && event.systemLevels &&
+            event.microphoneLevels->peak > -10.0f && event.systemLevels->peak > -20.0f) {
+            ++progressWithBoth;
+        }
+    }
+    EXPECT_GT(progressWithBoth, 10);
+
+    const auto recorded = readRecording(file);
+    ASSERT_TRUE(recorded.opened);
+    ASSERT_EQ(recorded.channels, 2);
+    std::vector<float> microphoneChannel, systemChannel;
+    for (std::size_t i = 0; i + 1 < recorded.samples.size(); i += 2) {
+        microphoneChannel.push_back(recorded.samples[i]);
+        systemChannel.push_back(recorded.samples[i + 1]);
+    }
+    ASSERT_GT(microphoneChannel.size(), 5u * 16000u);
+    // Before the bursts (file 1-2.5 s): each channel its own tone at its own, unscaled level.
+    const std::size_t begin = 16000, end = 40000;
+    const auto decibels = [](double amplitude) { return 20.0 * std::log10(std::max(amplitude, 1e-12)); };
+    const double microphoneOwn = toneAmplitude(microphoneChannel, begin, end, kMicrophoneToneHertz);
+    const double microphoneOther = toneAmplitude(microphoneChannel, begin, end, kSystemToneHertz);
+    const double systemOwn = toneAmplitude(systemChannel, begin, end, kSystemToneHertz);
+    const double systemOther = toneAmplitude(systemChannel, begin, end, kMicrophoneToneHertz);
+    std::printf("[ measure  ] separate: microphone channel %.4f (other %.1f dB), system channel %.4f (other %.1f dB)\n",
+                microphoneOwn, decibels(microphoneOther), systemOwn, decibels(systemOther));
+    EXPECT_NEAR(microphoneOwn, kToneAmplitude, 0.05);
+    EXPECT_NEAR(systemOwn, kSystemAmplitude, 0.03);
+    EXPECT_LT(decibels(microphoneOther), -80.0);
+    EXPECT_LT(decibels(systemOther), -80.0);
+
+    // Every burst lands on both channels with the same offset as the first one.
+    std::vector<double> lags;
+    for (std::size_t i = 40000; i + 1000 < microphoneChannel.size(); ++i) {
+        if (std::fabs(microphoneChannel[i]) > kToneAmplitude + 0.15f) {
+            std::printf("[ measure  ] separate: burst at %.3f s of the file\n", static_cast<double>(i) / 16000.0);
+            lags.push_back(lagAround(microphoneChannel, systemChannel, i + 160, 160, 64));
+            i += 8000;
+        }
+    }
+    ASSERT_GE(lags.size(), 2u);
+    for (double lag : lags) {
+        std::printf("[ measure  ] separate: burst lag between channels %.3f samples\n", lag);
+        EXPECT_NEAR(lag, lags.front(), 1.0);
+    }
+    EXPECT_TRUE(microphone.played());
+    EXPECT_TRUE(speakers.played());
+}
+
 }  // namespace
 }  // namespace velto

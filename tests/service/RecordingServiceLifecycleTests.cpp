@@ -81,6 +81,16 @@ TEST_F(RecordingServiceTest, restartWithoutAStartAndASecondStartAreRefused) {
     EXPECT_EQ(harness.recorderCount(), 1u);
 }
 
+TEST_F(RecordingServiceTest, separateTracksOfOneSourceAreRefusedAndTheServiceStaysIdle) {
+    for (const auto& sources : {AudioSources::microphoneOnly(), AudioSources::systemAudioOnly()}) {
+        auto configuration = makeConfiguration(sources);
+        configuration.trackLayout = TrackLayout::separate;
+        EXPECT_EQ(thrownCode([&] { service().startRecording(configuration); }), Code::separateTracksNeedBothSources);
+        EXPECT_EQ(service().recordingState(), RecordingState::idle);
+    }
+    EXPECT_EQ(harness.recorderCount(), 0u);
+}
+
 TEST_F(RecordingServiceTest, missingMicrophonePermissionLeavesTheServiceStartingUntilCancelled) {
     harness.microphoneStatus = platform::AuthorizationStatus::denied;
     EXPECT_EQ(thrownCode([&] { service().startRecording(makeConfiguration(AudioSources::both())); }),
