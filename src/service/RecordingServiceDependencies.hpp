@@ -13,7 +13,7 @@
 #include "platform/SystemAudioPermissionManager.hpp"
 #include "platform/TCCPermissionProviderProtocol.hpp"
 #include "service/AudioRecorderProtocol.hpp"
-#include "service/AudioSessionManagerProtocol.hpp"
+#include "platform/AudioSessionManagerProtocol.hpp"
 #include "veltoaudio/MicrophonePreferencesStorage.hpp"
 #include "veltoaudio/RecordingConfiguration.hpp"
 

@@ -14,7 +14,7 @@
 
 #include "platform/TCCPermissionProviderProtocol.hpp"
 #include "service/AudioRecorderProtocol.hpp"
-#include "service/AudioSessionManagerProtocol.hpp"
+#include "platform/AudioSessionManagerProtocol.hpp"
 #include "veltoaudio/MicrophonePreferencesStorage.hpp"
 
 namespace velto::testing {
