@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "platform/TCCPermissionProviderProtocol.hpp"
-#include "service/AudioRecorderProtocol.hpp"
+#include "model/AudioRecorderProtocol.hpp"
 #include "platform/AudioSessionManagerProtocol.hpp"
 #include "veltoaudio/MicrophonePreferencesStorage.hpp"
 
