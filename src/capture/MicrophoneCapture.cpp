@@ -3,7 +3,7 @@
 #include "logging/LogThinning.hpp"
 #include "logging/LoggerCompat.hpp"
 #include "logging/NumberFormat.hpp"
-#include "microphone_recorder/AudioEngineRecorderError.hpp"
+#include "model/AudioEngineRecorderError.hpp"
 #include "platform/InputDeviceSelection.hpp"
 
 #include <array>

@@ -6,7 +6,7 @@
 
 #include "logging/LoggerCompat.hpp"
 #include "logging/NumberFormat.hpp"
-#include "microphone_recorder/AudioEngineRecorderError.hpp"
+#include "model/AudioEngineRecorderError.hpp"
 #include "microphone_recorder/PrivateRecordingFile.hpp"
 #include "microphone_recorder/TapInlet.hpp"
 #include "platform/InputDeviceSelection.hpp"

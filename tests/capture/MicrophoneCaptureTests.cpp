@@ -1,7 +1,7 @@
 #include "capture/MicrophoneCapture.hpp"
 
 #include "logging/LogThinning.hpp"
-#include "microphone_recorder/AudioEngineRecorderError.hpp"
+#include "model/AudioEngineRecorderError.hpp"
 #include "platform/fake/FakePlatformServices.hpp"
 #include "capture/RingReadBack.hpp"
 #include "support/CapturedLogs.hpp"
