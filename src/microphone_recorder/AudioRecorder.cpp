@@ -7,7 +7,7 @@
 #include "logging/LoggerCompat.hpp"
 #include "logging/NumberFormat.hpp"
 #include "model/AudioEngineRecorderError.hpp"
-#include "microphone_recorder/PrivateRecordingFile.hpp"
+#include "signal/PrivateRecordingFile.hpp"
 #include "microphone_recorder/TapInlet.hpp"
 #include "platform/InputDeviceSelection.hpp"
 #include "signal/AudioConverter.hpp"
