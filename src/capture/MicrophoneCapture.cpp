@@ -3,7 +3,7 @@
 #include "logging/LogThinning.hpp"
 #include "logging/LoggerCompat.hpp"
 #include "logging/NumberFormat.hpp"
-#include "microphone_recorder/AudioEngineRecorderError.hpp"
+#include "model/AudioEngineRecorderError.hpp"
 #include "platform/InputDeviceSelection.hpp"
 
 #include <array>
@@ -141,17 +141,22 @@ void MicrophoneCapture::handleTapBuffer(const PcmBuffer& buffer) {
         sources[c] = c < inputChannels ? channelData[c] : channelData[inputChannels - 1];
     }
     if (oneIn(2000)) {
-        logger().debug("Channel mapping: input " + std::to_string(inputChannels) + " channels, ring buffer expects " +
-                       std::to_string(ringChannels) + " channels, created " + std::to_string(ringChannels) +
-                       " source pointers");
+        logger().debug([&] {
+            return "Channel mapping: input " + std::to_string(inputChannels) + " channels, ring buffer expects " +
+                   std::to_string(ringChannels) + " channels, created " + std::to_string(ringChannels) +
+                   " source pointers";
+        });
     }
     const std::int64_t written = ringBuffer_->write(std::span<const float* const>(sources.data(), ringChannels), frames);
-    if (written < static_cast<std::int64_t>(frames)) {
-        const auto snapshot = ringBuffer_->snapshot();
-        logger().error("Ring buffer overrun: wrote " + std::to_string(written) + "/" + std::to_string(frames) +
-                       " frames, buffer channels: " + std::to_string(snapshot.channels) +
-                       ", src pointers: " + std::to_string(ringChannels) + ", available space: " +
-                       std::to_string(snapshot.framesAvailable) + "/" + std::to_string(ringBuffer_->capacityFrames()));
+    // A full ring means the mixer has stalled; every block would overrun from then on, so
+    // the line is sampled like the other callback lines rather than written per block.
+    if (written < static_cast<std::int64_t>(frames) && oneIn(100)) {
+        logger().error([&] {
+            return "Ring buffer overrun: wrote " + std::to_string(written) + "/" + std::to_string(frames) +
+                   " frames, buffer channels: " + std::to_string(ringChannels) + ", available space: " +
+                   std::to_string(ringBuffer_->availableFrames()) + "/" +
+                   std::to_string(ringBuffer_->capacityFrames());
+        });
     }
 }
 

@@ -36,6 +36,15 @@ std::string describe(const AudioStreamBasicDescription& asbd) {
            ", Format: " + hex(asbd.mFormatID) + ", Flags: " + hex(asbd.mFormatFlags);
 }
 
+// A sampled line from the IO block: built only when debug lines are kept.
+void logWrite(const char* layout, std::int64_t written, std::uint32_t frames, const FloatRingBuffer& ring) {
+    logger().debug([&] {
+        return std::string("SystemAudioTap (") + layout + ") wrote " + std::to_string(written) + "/" +
+               std::to_string(frames) + " frames to ring buffer (available: " + std::to_string(ring.availableFrames()) +
+               "/" + std::to_string(ring.capacityFrames()) + ")";
+    });
+}
+
 // Logs the failed call and chooses the error from the operation's name.
 RecordingError statusError(const std::string& operation, OSStatus status) {
     logger().critical(operation + " failed: " + std::to_string(status));
@@ -260,8 +269,10 @@ void SystemAudioTap::handleInput(const AudioBufferList& bufferList) {
         interleaved ? first.mDataByteSize / (channels * static_cast<std::uint32_t>(sizeof(float)))
                     : first.mDataByteSize / static_cast<std::uint32_t>(sizeof(float));
     if (oneIn(2000)) {
-        logger().debug("SystemAudioTap buffer: " + std::to_string(frames) + " frames, " + std::to_string(channels) +
-                       " channels, " + std::to_string(bufferCount) + " buffers");
+        logger().debug([&] {
+            return "SystemAudioTap buffer: " + std::to_string(frames) + " frames, " + std::to_string(channels) +
+                   " channels, " + std::to_string(bufferCount) + " buffers";
+        });
     }
     const auto ringChannels = static_cast<std::uint32_t>(ringBuffer_->channels());
     std::array<const float*, kMaximumSourceChannels> sources{};
@@ -277,13 +288,7 @@ void SystemAudioTap::handleInput(const AudioBufferList& bufferList) {
             sources[c] = destination;
         }
         const std::int64_t written = ringBuffer_->write(std::span<const float* const>(sources.data(), use), frames);
-        if (oneIn(2000)) {
-            const auto snapshot = ringBuffer_->snapshot();
-            logger().debug("SystemAudioTap (interleaved) wrote " + std::to_string(written) + "/" +
-                           std::to_string(frames) + " frames to ring buffer (available: " +
-                           std::to_string(snapshot.framesAvailable) + "/" +
-                           std::to_string(ringBuffer_->capacityFrames()) + ")");
-        }
+        if (oneIn(2000)) logWrite("interleaved", written, frames, *ringBuffer_);
         return;
     }
 
@@ -294,13 +299,7 @@ void SystemAudioTap::handleInput(const AudioBufferList& bufferList) {
         sources[c] = static_cast<const float*>(bufferList.mBuffers[c].mData);
     }
     const std::int64_t written = ringBuffer_->write(std::span<const float* const>(sources.data(), use), frames);
-    if (oneIn(2000)) {
-        const auto snapshot = ringBuffer_->snapshot();
-        logger().debug("SystemAudioTap (non-interleaved) wrote " + std::to_string(written) + "/" +
-                       std::to_string(frames) + " frames to ring buffer (available: " +
-                       std::to_string(snapshot.framesAvailable) + "/" + std::to_string(ringBuffer_->capacityFrames()) +
-                       ")");
-    }
+    if (oneIn(2000)) logWrite("non-interleaved", written, frames, *ringBuffer_);
 }
 
 }  // namespace velto

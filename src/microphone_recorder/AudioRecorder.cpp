@@ -6,8 +6,8 @@
 
 #include "logging/LoggerCompat.hpp"
 #include "logging/NumberFormat.hpp"
-#include "microphone_recorder/AudioEngineRecorderError.hpp"
-#include "microphone_recorder/PrivateRecordingFile.hpp"
+#include "model/AudioEngineRecorderError.hpp"
+#include "signal/PrivateRecordingFile.hpp"
 #include "microphone_recorder/TapInlet.hpp"
 #include "platform/InputDeviceSelection.hpp"
 #include "signal/AudioConverter.hpp"
@@ -275,8 +275,10 @@ void AudioRecorder::processAudioBuffer(const std::shared_ptr<PcmBuffer>& buffer)
             logger().critical("Failed to write audio buffer: " + describeError(std::current_exception()));
             return;
         }
-        logger().debug("Converted audio: " + std::to_string(buffer->frameLength()) + " -> " +
-                       std::to_string(output->frameLength()) + " frames");
+        logger().debug([&] {
+            return "Converted audio: " + std::to_string(buffer->frameLength()) + " -> " +
+                   std::to_string(output->frameLength()) + " frames";
+        });
     }
 
     try {

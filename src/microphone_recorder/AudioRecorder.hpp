@@ -20,7 +20,7 @@
 #include "dispatch/RepeatingTimer.hpp"
 #include "dispatch/SerialQueue.hpp"
 #include "platform/PlatformServices.hpp"
-#include "service/AudioRecorderProtocol.hpp"
+#include "model/AudioRecorderProtocol.hpp"
 #include "veltoaudio/AudioFormat.hpp"
 #include "veltoaudio/AudioLevels.hpp"
 #include "veltoaudio/MicrophoneDevice.hpp"

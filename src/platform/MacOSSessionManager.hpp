@@ -6,7 +6,7 @@
 // Threads: no lock; the recording service calls it from its own serialised context.
 
 #include "platform/CaptureDeviceDiscovery.hpp"
-#include "service/AudioSessionManagerProtocol.hpp"
+#include "platform/AudioSessionManagerProtocol.hpp"
 
 #include <memory>
 #include <optional>

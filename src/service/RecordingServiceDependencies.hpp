@@ -12,8 +12,8 @@
 #include "platform/OperatingSystemVersion.hpp"
 #include "platform/SystemAudioPermissionManager.hpp"
 #include "platform/TCCPermissionProviderProtocol.hpp"
-#include "service/AudioRecorderProtocol.hpp"
-#include "service/AudioSessionManagerProtocol.hpp"
+#include "model/AudioRecorderProtocol.hpp"
+#include "platform/AudioSessionManagerProtocol.hpp"
 #include "veltoaudio/MicrophonePreferencesStorage.hpp"
 #include "veltoaudio/RecordingConfiguration.hpp"
 

@@ -23,7 +23,7 @@ std::shared_ptr<FloatRingBuffer> FloatRingBuffer::create(int64_t channels, int64
 }
 
 FloatRingBuffer::FloatRingBuffer(int64_t channels, int64_t capacityFrames)
-    : channels_(channels), capacityFrames_(capacityFrames) {
+    : channels_(channels), capacityFrames_(capacityFrames), positions_(capacityFrames) {
     if (channels < 1 || capacityFrames < 1) {
         throw std::invalid_argument("FloatRingBuffer needs at least 1 channel and 1 frame");
     }
@@ -51,37 +51,20 @@ int64_t FloatRingBuffer::write(std::span<const float* const> sources, int64_t fr
         return 0;
     }
 
-    int64_t framesToWrite = 0;
-    int64_t startIndex = 0;
-    {
-        std::lock_guard guard(lock_);
-        const int64_t freeFrames = capacityFrames_ - framesAvailable_;
-        if (freeFrames < 1) {
-            return 0;
-        }
-        framesToWrite = std::min(freeFrames, frameCount);
-        // Only this thread moves writeIndex_, so reading it here is the same
-        // as reading it under a second hold.
-        startIndex = writeIndex_;
+    const SpscFifo::Spans free = positions_.prepareToWrite(frameCount);
+    if (free.totalFrames() < 1) {
+        return 0;
     }
-
-    const int64_t firstRun = std::min(capacityFrames_ - startIndex, framesToWrite);
-    const int64_t secondRun = framesToWrite - firstRun;
     for (int64_t channel = 0; channel < channels_; ++channel) {
         float* storage = buffers_[static_cast<size_t>(channel)].get();
         const float* source = sources[static_cast<size_t>(channel)];
-        std::memmove(storage + startIndex, source, static_cast<size_t>(firstRun) * sizeof(float));
-        if (secondRun > 0) {
-            std::memmove(storage, source + firstRun, static_cast<size_t>(secondRun) * sizeof(float));
+        std::memcpy(storage + free.firstStart, source, static_cast<size_t>(free.firstFrames) * sizeof(float));
+        if (free.secondFrames > 0) {
+            std::memcpy(storage, source + free.firstFrames, static_cast<size_t>(free.secondFrames) * sizeof(float));
         }
     }
-
-    {
-        std::lock_guard guard(lock_);
-        writeIndex_ = (writeIndex_ + framesToWrite) % capacityFrames_;
-        framesAvailable_ += framesToWrite;
-    }
-    return framesToWrite;
+    positions_.finishedWrite(free.totalFrames());
+    return free.totalFrames();
 }
 
 void FloatRingBuffer::read(std::span<float* const> destinations, int64_t frameCount) {
@@ -94,57 +77,28 @@ void FloatRingBuffer::read(std::span<float* const> destinations, int64_t frameCo
         return;
     }
 
-    int64_t startIndex = 0;
-    int64_t storedFrames = 0;
-    {
-        std::lock_guard guard(lock_);
-        startIndex = readIndex_;
-        storedFrames = framesAvailable_;
-    }
-    const int64_t framesToRead = std::min(storedFrames, frameCount);
-    const int64_t firstRun = std::min(capacityFrames_ - startIndex, framesToRead);
-    const int64_t secondRun = framesToRead - firstRun;
-    const int64_t silentFrames = frameCount - framesToRead;
-
+    const SpscFifo::Spans stored = positions_.prepareToRead(frameCount);
+    const int64_t framesToRead = stored.totalFrames();
     for (int64_t channel = 0; channel < channels_; ++channel) {
         const float* storage = buffers_[static_cast<size_t>(channel)].get();
         float* destination = destinations[static_cast<size_t>(channel)];
-        if (firstRun > 0) {
-            std::memmove(destination, storage + startIndex, static_cast<size_t>(firstRun) * sizeof(float));
+        if (stored.firstFrames > 0) {
+            std::memcpy(destination, storage + stored.firstStart, static_cast<size_t>(stored.firstFrames) * sizeof(float));
         }
-        if (secondRun > 0) {
-            std::memmove(destination + firstRun, storage, static_cast<size_t>(secondRun) * sizeof(float));
+        if (stored.secondFrames > 0) {
+            std::memcpy(destination + stored.firstFrames, storage, static_cast<size_t>(stored.secondFrames) * sizeof(float));
         }
-        if (silentFrames > 0) {
-            std::fill_n(destination + framesToRead, silentFrames, 0.0f);
-        }
+        std::fill_n(destination + framesToRead, frameCount - framesToRead, 0.0f);
     }
-
-    if (storedFrames < 1) {
-        return;
-    }
-    std::lock_guard guard(lock_);
-    readIndex_ = (readIndex_ + framesToRead) % capacityFrames_;
-    framesAvailable_ -= framesToRead;
+    positions_.finishedRead(framesToRead);
 }
 
-int64_t FloatRingBuffer::availableFrames() const {
-    std::lock_guard guard(lock_);
-    return framesAvailable_;
-}
+int64_t FloatRingBuffer::availableFrames() const { return positions_.readyFrames(); }
 
-FloatRingBuffer::Snapshot FloatRingBuffer::snapshot() const {
-    std::lock_guard guard(lock_);
-    return Snapshot{channels_, framesAvailable_};
-}
+FloatRingBuffer::Snapshot FloatRingBuffer::snapshot() const { return Snapshot{channels_, positions_.readyFrames()}; }
 
 void FloatRingBuffer::reset() {
-    {
-        std::lock_guard guard(lock_);
-        writeIndex_ = 0;
-        readIndex_ = 0;
-        framesAvailable_ = 0;
-    }
+    positions_.reset();
     for (auto& storage : buffers_) {
         std::fill_n(storage.get(), capacityFrames_, 0.0f);
     }

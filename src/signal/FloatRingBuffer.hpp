@@ -2,9 +2,10 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <span>
 #include <vector>
+
+#include "realtime/SpscFifo.hpp"
 
 namespace velto {
 
@@ -16,15 +17,14 @@ namespace velto {
 // capacityFrames() may be called from any thread. reset() may only be called
 // once the producer has stopped and while the consumer is not reading.
 //
-// The ring never grows, never blocks and never overwrites unread frames: a
-// write that does not fit is cut short (its oldest frames are kept), a read
-// that asks for more than is stored gets the stored frames followed by zeros.
-// The mutex guards only the positions and the count; samples are copied
-// outside it, which is safe because the producer only touches free space and
-// the consumer only the stored span, both measured under the mutex.
+// The ring never grows, never blocks, never locks and never overwrites unread
+// frames: a write that does not fit is cut short (its oldest frames are kept),
+// a read that asks for more than is stored gets the stored frames followed by
+// zeros. The positions live in a lock-free SpscFifo; the producer only touches
+// the free space and the consumer only the stored span it reports.
 class FloatRingBuffer {
 public:
-    // channels and framesAvailable read under one hold of the lock.
+    // The channel count with the fill level at one moment.
     struct Snapshot {
         int64_t channels;
         int64_t framesAvailable;
@@ -62,10 +62,7 @@ private:
     const int64_t capacityFrames_;
     std::vector<std::unique_ptr<float[]>> buffers_;  // one array per channel, allocated once
 
-    mutable std::mutex lock_;
-    int64_t writeIndex_ = 0;       // guarded by lock_; moved by the producer only
-    int64_t readIndex_ = 0;        // guarded by lock_; moved by the consumer only
-    int64_t framesAvailable_ = 0;  // guarded by lock_
+    SpscFifo positions_;
 };
 
 }  // namespace velto

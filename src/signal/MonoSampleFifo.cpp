@@ -5,35 +5,32 @@
 namespace velto {
 
 MonoSampleFifo::MonoSampleFifo(int64_t capacityFrames)
-    : capacityFrames_(std::max<int64_t>(capacityFrames, 0)),
-      samples_(std::make_unique<float[]>(static_cast<size_t>(std::max<int64_t>(capacityFrames_, 1)))) {}
+    : positions_(capacityFrames),
+      samples_(std::make_unique<float[]>(static_cast<size_t>(std::max<int64_t>(positions_.capacityFrames(), 1)))) {}
 
 int64_t MonoSampleFifo::push(const float* samples, int64_t count) {
-    const int64_t accepted = std::clamp<int64_t>(count, 0, capacityFrames_ - availableFrames_);
-    int64_t writeIndex = (readIndex_ + availableFrames_) % std::max<int64_t>(capacityFrames_, 1);
-    for (int64_t done = 0; done < accepted;) {
-        const int64_t run = std::min(accepted - done, capacityFrames_ - writeIndex);
-        if (samples) std::copy_n(samples + done, run, samples_.get() + writeIndex);
-        else std::fill_n(samples_.get() + writeIndex, run, 0.0f);
-        done += run;
-        writeIndex = (writeIndex + run) % capacityFrames_;
+    const SpscFifo::Spans free = positions_.prepareToWrite(count);
+    float* storage = samples_.get();
+    if (samples) {
+        std::copy_n(samples, free.firstFrames, storage + free.firstStart);
+        std::copy_n(samples + free.firstFrames, free.secondFrames, storage);
+    } else {
+        std::fill_n(storage + free.firstStart, free.firstFrames, 0.0f);
+        std::fill_n(storage, free.secondFrames, 0.0f);
     }
-    availableFrames_ += accepted;
-    return accepted;
+    positions_.finishedWrite(free.totalFrames());
+    return free.totalFrames();
 }
 
 int64_t MonoSampleFifo::pushSilence(int64_t count) { return push(nullptr, count); }
 
 int64_t MonoSampleFifo::pop(float* destination, int64_t count) {
-    const int64_t taken = std::clamp<int64_t>(count, 0, availableFrames_);
-    for (int64_t done = 0; done < taken;) {
-        const int64_t run = std::min(taken - done, capacityFrames_ - readIndex_);
-        std::copy_n(samples_.get() + readIndex_, run, destination + done);
-        done += run;
-        readIndex_ = (readIndex_ + run) % capacityFrames_;
-    }
-    availableFrames_ -= taken;
-    return taken;
+    const SpscFifo::Spans stored = positions_.prepareToRead(count);
+    const float* storage = samples_.get();
+    std::copy_n(storage + stored.firstStart, stored.firstFrames, destination);
+    std::copy_n(storage, stored.secondFrames, destination + stored.firstFrames);
+    positions_.finishedRead(stored.totalFrames());
+    return stored.totalFrames();
 }
 
 }  // namespace velto

@@ -4,7 +4,7 @@
 #include "capture/SystemAudioTap.hpp"
 #include "logging/LoggerCompat.hpp"
 #include "logging/NumberFormat.hpp"
-#include "microphone_recorder/PrivateRecordingFile.hpp"
+#include "signal/PrivateRecordingFile.hpp"
 #include "signal/AudioFile.hpp"
 #include "unified_recorder/CarriedOverAudio.hpp"
 #include "unified_recorder/UnifiedAudioRecorderError.hpp"

@@ -27,7 +27,7 @@
 #include "dispatch/RepeatingTimer.hpp"
 #include "dispatch/SerialQueue.hpp"
 #include "platform/PlatformServices.hpp"
-#include "service/AudioRecorderProtocol.hpp"
+#include "model/AudioRecorderProtocol.hpp"
 #include "signal/AudioMixer.hpp"
 #include "veltoaudio/AudioLevels.hpp"
 #include "veltoaudio/Error.hpp"

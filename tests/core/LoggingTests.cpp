@@ -37,7 +37,14 @@ TEST(LoggerCompat, MinimumLevelDropsLowerMessagesAndManyThreadsMayLog) {
             }
         });
     for (auto& t : threads) t.join();
-    EXPECT_EQ(logs.count("FloatRingBuffer", "kept"), 400);
+    bool built = false;  // a dropped level never builds its line
+    logger.debug([&] {
+        built = true;
+        return std::string("built");
+    });
+    logger.error([] { return std::string("kept"); });
+    EXPECT_FALSE(built);
+    EXPECT_EQ(logs.count("FloatRingBuffer", "kept"), 401);
     EXPECT_EQ(logs.count("FloatRingBuffer", "dropped"), 0);
 }
 

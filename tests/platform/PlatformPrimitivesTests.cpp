@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <set>
-#include <thread>
 
 namespace velto {
 namespace {
@@ -95,30 +94,6 @@ TEST(InterleavedSampleRingTest, WrapsAroundRefusesWhatDoesNotFitAndTakesTheOldes
     EXPECT_EQ(ring.write(first, 2), 2u);
     EXPECT_EQ(ring.discard(9), 2u);
     EXPECT_EQ(ring.availableFrames(), 0u);
-}
-
-TEST(InterleavedSampleRingTest, CounterCrossesThreadsWithoutLossOrDuplication) {
-    InterleavedSampleRing ring(1, 1000);
-    constexpr std::uint32_t kTotal = 200000;
-    std::thread producer([&] {
-        std::vector<float> block(97);
-        std::uint32_t next = 0;
-        while (next < kTotal) {
-            const std::uint32_t count = std::min<std::uint32_t>(97, kTotal - next);
-            for (std::uint32_t i = 0; i < count; ++i) block[i] = static_cast<float>(next + i);
-            next += ring.write(block.data(), count);  // a short write is retried from where it stopped
-        }
-    });
-    std::vector<float> block(64);
-    std::uint32_t expected = 0;
-    while (expected + 64 <= kTotal) {
-        if (!ring.read(block.data(), 64)) {
-            std::this_thread::yield();
-            continue;
-        }
-        for (float value : block) ASSERT_EQ(value, static_cast<float>(expected++));
-    }
-    producer.join();
 }
 
 TEST(PulseObjectIDsTest, KindsHaveSeparateRangesAndIndexZeroIsAnObject) {

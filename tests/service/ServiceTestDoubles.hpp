@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "platform/TCCPermissionProviderProtocol.hpp"
-#include "service/AudioRecorderProtocol.hpp"
-#include "service/AudioSessionManagerProtocol.hpp"
+#include "model/AudioRecorderProtocol.hpp"
+#include "platform/AudioSessionManagerProtocol.hpp"
 #include "veltoaudio/MicrophonePreferencesStorage.hpp"
 
 namespace velto::testing {

@@ -7,59 +7,52 @@ namespace velto::pulse {
 
 InterleavedSampleRing::InterleavedSampleRing(std::uint32_t channels, std::uint32_t capacityFrames)
     : channels_(channels),
-      capacityFrames_(capacityFrames),
+      positions_(capacityFrames),
       samples_(std::make_unique<float[]>(static_cast<std::size_t>(channels) * capacityFrames)) {}
 
+void InterleavedSampleRing::copyIn(const SpscFifo::Spans& spans, const float* interleaved) {
+    std::memcpy(samples_.get() + static_cast<std::size_t>(spans.firstStart) * channels_, interleaved,
+                bytes(spans.firstFrames));
+    std::memcpy(samples_.get(), interleaved + static_cast<std::size_t>(spans.firstFrames) * channels_,
+                bytes(spans.secondFrames));
+}
+
+void InterleavedSampleRing::copyOut(const SpscFifo::Spans& spans, float* interleaved) const {
+    std::memcpy(interleaved, samples_.get() + static_cast<std::size_t>(spans.firstStart) * channels_,
+                bytes(spans.firstFrames));
+    std::memcpy(interleaved + static_cast<std::size_t>(spans.firstFrames) * channels_, samples_.get(),
+                bytes(spans.secondFrames));
+}
+
 std::uint32_t InterleavedSampleRing::write(const float* interleaved, std::uint32_t frames) {
-    const std::uint64_t written = writtenFrames_.load(std::memory_order_relaxed);
-    const std::uint64_t read = readFrames_.load(std::memory_order_acquire);
-    const auto freeFrames = static_cast<std::uint32_t>(capacityFrames_ - (written - read));
-    const std::uint32_t count = std::min(frames, freeFrames);
-    const auto start = static_cast<std::uint32_t>(written % capacityFrames_);
-    const std::uint32_t firstRun = std::min(count, capacityFrames_ - start);
-    std::memcpy(samples_.get() + static_cast<std::size_t>(start) * channels_, interleaved,
-                static_cast<std::size_t>(firstRun) * channels_ * sizeof(float));
-    if (count > firstRun) {
-        std::memcpy(samples_.get(), interleaved + static_cast<std::size_t>(firstRun) * channels_,
-                    static_cast<std::size_t>(count - firstRun) * channels_ * sizeof(float));
-    }
-    writtenFrames_.store(written + count, std::memory_order_release);
-    return count;
+    const SpscFifo::Spans free = positions_.prepareToWrite(frames);
+    if (free.totalFrames() == 0) return 0;
+    copyIn(free, interleaved);
+    positions_.finishedWrite(free.totalFrames());
+    return static_cast<std::uint32_t>(free.totalFrames());
 }
 
 bool InterleavedSampleRing::read(float* interleaved, std::uint32_t frames) {
-    const std::uint64_t read = readFrames_.load(std::memory_order_relaxed);
-    const std::uint64_t written = writtenFrames_.load(std::memory_order_acquire);
-    if (written - read < frames) return false;
-    const auto start = static_cast<std::uint32_t>(read % capacityFrames_);
-    const std::uint32_t firstRun = std::min(frames, capacityFrames_ - start);
-    std::memcpy(interleaved, samples_.get() + static_cast<std::size_t>(start) * channels_,
-                static_cast<std::size_t>(firstRun) * channels_ * sizeof(float));
-    if (frames > firstRun) {
-        std::memcpy(interleaved + static_cast<std::size_t>(firstRun) * channels_, samples_.get(),
-                    static_cast<std::size_t>(frames - firstRun) * channels_ * sizeof(float));
-    }
-    readFrames_.store(read + frames, std::memory_order_release);
+    const SpscFifo::Spans stored = positions_.prepareToRead(frames);
+    if (stored.totalFrames() < frames) return false;
+    if (frames == 0) return true;
+    copyOut(stored, interleaved);
+    positions_.finishedRead(stored.totalFrames());
     return true;
 }
 
 std::uint32_t InterleavedSampleRing::readAvailable(float* interleaved, std::uint32_t maximumFrames) {
-    const std::uint32_t frames = std::min(availableFrames(), maximumFrames);
-    return frames > 0 && read(interleaved, frames) ? frames : 0;
+    const SpscFifo::Spans stored = positions_.prepareToRead(maximumFrames);
+    if (stored.totalFrames() == 0) return 0;
+    copyOut(stored, interleaved);
+    positions_.finishedRead(stored.totalFrames());
+    return static_cast<std::uint32_t>(stored.totalFrames());
 }
 
 std::uint32_t InterleavedSampleRing::discard(std::uint32_t frames) {
-    const std::uint64_t read = readFrames_.load(std::memory_order_relaxed);
-    const std::uint64_t written = writtenFrames_.load(std::memory_order_acquire);
-    const auto count = static_cast<std::uint32_t>(std::min<std::uint64_t>(frames, written - read));
-    readFrames_.store(read + count, std::memory_order_release);
-    return count;
-}
-
-std::uint32_t InterleavedSampleRing::availableFrames() const {
-    const std::uint64_t read = readFrames_.load(std::memory_order_acquire);
-    const std::uint64_t written = writtenFrames_.load(std::memory_order_acquire);
-    return static_cast<std::uint32_t>(written - read);
+    const std::int64_t count = positions_.prepareToRead(frames).totalFrames();
+    positions_.finishedRead(count);
+    return static_cast<std::uint32_t>(count);
 }
 
 }  // namespace velto::pulse

@@ -3,12 +3,14 @@
 // capture stream gathers the server's fragments until they make whole blocks. Storage
 // is allocated once; neither side allocates, blocks or locks.
 //
-// Threads: write() from one producer thread, read() from one consumer thread;
-// availableFrames() from either.
+// Threads: write() from one producer thread; read(), readAvailable() and discard() from
+// one consumer thread; availableFrames() from either. The positions are a SpscFifo.
 
-#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
+
+#include "realtime/SpscFifo.hpp"
 
 namespace velto::pulse {
 
@@ -24,18 +26,19 @@ public:
     std::uint32_t readAvailable(float* interleaved, std::uint32_t maximumFrames);
     // Consumer only: throws away up to `frames` of the oldest frames; answers how many.
     std::uint32_t discard(std::uint32_t frames);
-    std::uint32_t availableFrames() const;
+    std::uint32_t availableFrames() const { return static_cast<std::uint32_t>(positions_.readyFrames()); }
 
     std::uint32_t channels() const { return channels_; }
-    std::uint32_t capacityFrames() const { return capacityFrames_; }
+    std::uint32_t capacityFrames() const { return static_cast<std::uint32_t>(positions_.capacityFrames()); }
 
 private:
+    std::size_t bytes(std::int64_t frames) const { return static_cast<std::size_t>(frames) * channels_ * sizeof(float); }
+    void copyIn(const SpscFifo::Spans& spans, const float* interleaved);
+    void copyOut(const SpscFifo::Spans& spans, float* interleaved) const;
+
     const std::uint32_t channels_;
-    const std::uint32_t capacityFrames_;
+    SpscFifo positions_;
     std::unique_ptr<float[]> samples_;
-    // Frame counters that only grow; their difference is the fill level.
-    std::atomic<std::uint64_t> writtenFrames_{0};  // moved by the producer only
-    std::atomic<std::uint64_t> readFrames_{0};     // moved by the consumer only
 };
 
 }  // namespace velto::pulse

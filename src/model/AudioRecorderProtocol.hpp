@@ -6,7 +6,8 @@
 
 namespace velto {
 
-// The recorder contract the recording service is written against.
+// The recorder contract the recording service is written against. It lives below both
+// recorders and the service, so that neither recorder includes anything of the service.
 //
 // Threads: the service calls events() once from its forwarding task and the control
 // operations from whichever caller thread drives the service; a recorder serialises its
