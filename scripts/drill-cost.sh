@@ -6,6 +6,11 @@
 # are shared, and CPU times come in 10 ms steps.
 # Target: velto at most half of ffmpeg.
 #   scripts/drill-cost.sh [SECONDS] [ROUNDS]     (default 30 s, 3 rounds)
+#
+# VELTO_COST_VARIANTS measures velto with other options beside the plain recording, in the
+# same rounds, e.g.  VELTO_COST_VARIANTS='separate=--tracks separate;echo-off=--echo-cancellation off'
+# Each variant's median CPU ms per recorded second is printed beside the plain one's, with
+# its difference: what an option costs, measured against the same machine's load.
 source "$(dirname "$0")/drill-common.sh"
 seconds=${1:-30}
 rounds=${2:-3}
@@ -23,8 +28,35 @@ play_into velto_speakers $((rounds * (2 * seconds + 10) + 20)) 440
 play_into velto_mic_in $((rounds * (2 * seconds + 10) + 20)) 660
 sleep 1
 
+# name=arguments pairs; "plain" is the recording as the target measures it.
+variant_names=()
+variant_args=()
+IFS=';' read -r -a variant_specs <<< "${VELTO_COST_VARIANTS:-}"
+for spec in "${variant_specs[@]}"; do
+    [[ -n $spec ]] || continue
+    variant_names+=("${spec%%=*}")
+    variant_args+=("${spec#*=}")
+done
+declare -A variant_costs=()
+
+# velto_cost_per_second NAME ARGS...: one velto recording; prints CPU ms per recorded second.
+velto_cost_per_second() {
+    local name=$1; shift
+    rm -f "$work/variant.flac"
+    note "round $round of $rounds: velto ($name), $seconds s of both sources"
+    local cpu wall
+    read -r cpu wall < <(cpu_of "$velto" record --sources both --format flac --duration "$seconds" \
+        --output "$work/variant.flac" "$@")
+    awk -v c="$cpu" -v l="$(soxi -D "$work/variant.flac")" 'BEGIN { printf "%.3f", 1000 * c / l }'
+}
+
 ratios=()
+plain_costs=()
 for ((round = 1; round <= rounds; round++)); do
+    for i in "${!variant_names[@]}"; do
+        # shellcheck disable=SC2086  # the arguments are words on purpose
+        variant_costs[${variant_names[$i]}]+="$(velto_cost_per_second "${variant_names[$i]}" ${variant_args[$i]}) "
+    done
     rm -f "$work/velto.flac"
     note "round $round of $rounds: velto, $seconds s of both sources"
     read -r velto_cpu velto_wall < <(cpu_of "$velto" record --sources both --format flac --duration "$seconds" \
@@ -46,7 +78,18 @@ for ((round = 1; round <= rounds; round++)); do
         printf "%.3f", v / f
     }')")
     echo "round $round ratio velto/ffmpeg: ${ratios[-1]}"
+    plain_costs+=("$(awk -v c="$velto_cpu" -v l="$velto_len" 'BEGIN { printf "%.3f", 1000 * c / l }')")
 done
+median() { printf '%s\n' "$@" | sort -n | awk '{ r[NR] = $1 } END { print r[int((NR + 1) / 2)] }'; }
+if ((${#variant_names[@]})); then
+    plain=$(median "${plain_costs[@]}")
+    printf 'median velto CPU per recorded second: plain %.2f ms\n' "$plain"
+    for name in "${variant_names[@]}"; do
+        # shellcheck disable=SC2086
+        cost=$(median ${variant_costs[$name]})
+        awk -v n="$name" -v c="$cost" -v p="$plain" 'BEGIN { printf "  %-12s %.2f ms (%+.2f ms against plain)\n", n, c, c - p }'
+    done
+fi
 printf '%s\n' "${ratios[@]}" | sort -n | awk '{ r[NR] = $1 } END {
     m = r[int((NR + 1) / 2)]
     printf "median ratio velto/ffmpeg over %d rounds: %.3f (target <= 0.5): %s\n", NR, m, (m <= 0.5 ? "met" : "NOT met")
