@@ -600,6 +600,7 @@ void AudioMixer::writeOutput(int64_t frames) {
 }
 
 void AudioMixer::deliverOutput(std::shared_ptr<PcmBuffer> block) {
+    if (outputPaused_.load()) return;
     try {
         outputFile_->write(*block);
     } catch (...) {

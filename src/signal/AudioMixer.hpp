@@ -88,6 +88,12 @@ public:
     int64_t underrunCount() const;
     int64_t overflowCount() const;
 
+    // While paused, ticks go on reading the sources (so that a resume starts from live
+    // audio, not from what piled up in the rings) but nothing reaches the file or the
+    // audio stream. Any thread.
+    void setOutputPaused(bool paused) { outputPaused_.store(paused); }
+    bool isOutputPaused() const { return outputPaused_.load(); }
+
     // Called once, on the mixing queue, with the error of the first failed write.
     void setWriteFailureHandler(std::function<void(ErrorPtr)> handler);
 
@@ -169,6 +175,7 @@ private:
     std::atomic<float> systemGain_{0.7f};
     std::atomic<float> microphoneGain_{1.0f};
     std::atomic<bool> isMixing_{false};
+    std::atomic<bool> outputPaused_{false};
 
     // Owner's queue (start/stop) and ticks; never at the same time.
     std::shared_ptr<RepeatingTimer> mixingTimer_;
