@@ -1,5 +1,8 @@
 #include "unified_recorder/UnifiedAudioRecorder.hpp"
 
+#include <cmath>
+#include <utility>
+
 #include "capture/MicrophoneCapture.hpp"
 #include "capture/SystemAudioTap.hpp"
 #include "logging/LoggerCompat.hpp"
@@ -44,6 +47,12 @@ AudioLevels UnifiedAudioRecorder::LiveOutput::levels() const {
 void UnifiedAudioRecorder::LiveOutput::setLevels(AudioLevels levels) {
     std::lock_guard lock(levelsLock);
     currentLevels = levels;
+    if (!loudestPeakDecibels || levels.peak > *loudestPeakDecibels) loudestPeakDecibels = levels.peak;
+}
+
+std::optional<float> UnifiedAudioRecorder::LiveOutput::takeLoudestPeak() {
+    std::lock_guard lock(levelsLock);
+    return std::exchange(loudestPeakDecibels, std::nullopt);
 }
 
 const std::shared_ptr<SerialQueue>& UnifiedAudioRecorder::sharedWorkQueue() {
@@ -153,14 +162,13 @@ std::shared_ptr<AudioMixer> UnifiedAudioRecorder::mixer() const {
     return current;
 }
 
-double UnifiedAudioRecorder::secondsSinceStart() const {
-    const double now = clock_->nowSeconds();
-    return now - recordingStartSeconds_.value_or(now);
+double UnifiedAudioRecorder::recordedSeconds() const {
+    if (!audioFile_) return 0.0;
+    return static_cast<double>(audioFile_->framesWritten()) / audioFile_->fileFormat().sampleRate;
 }
 
 void UnifiedAudioRecorder::startRecording() {
     if (recorderState_ != RecorderState::idle) return;
-    recordingStartSeconds_ = clock_->nowSeconds();
     recordingEventStreamContinuation_.yield(RecordingEvent::starting());
     logger().debug("Starting modern ring-buffer-based recording");
     try {
@@ -176,6 +184,18 @@ void UnifiedAudioRecorder::startRecording() {
         return;
     }
     recorderState_ = RecorderState::recording;
+    // With one source the mix's peak is that source's; with both, the mix cannot say which
+    // source fell silent, so nothing is watched until the mixer meters each source.
+    switch (configuration_.sources.kind()) {
+        case AudioSources::Kind::microphoneOnly:
+            silenceWatches_.emplace_back(RecordingEvent::Source::microphone);
+            break;
+        case AudioSources::Kind::systemAudioOnly:
+            silenceWatches_.emplace_back(RecordingEvent::Source::systemAudio);
+            break;
+        case AudioSources::Kind::both:
+            break;
+    }
     recordingEventStreamContinuation_.yield(RecordingEvent::started());
     startProgressTimer();
     logger().debug("Modern ring-buffer recording started successfully");
@@ -195,6 +215,8 @@ void UnifiedAudioRecorder::setupAudioComponents() {
     const auto& buffers = configuration_.bufferConfiguration;
     audioMixer_ = AudioMixer::create(buffers.mixingBufferCapacity(), buffers.jitterBufferFrames(), clock_,
                                      mixingTicks_);
+    // A mixer rebuilt while paused starts paused: nothing reaches the file before the resume.
+    audioMixer_->setOutputPaused(recorderState_ == RecorderState::paused);
     const int64_t ringCapacityFrames = buffers.ringBufferCapacity();
 
     switch (configuration_.sources.kind()) {
@@ -326,19 +348,48 @@ void UnifiedAudioRecorder::startProgressTimer() {
 
 void UnifiedAudioRecorder::progressTick() {
     if (recorderState_ != RecorderState::recording) return;
-    recordingEventStreamContinuation_.yield(RecordingEvent::progress(secondsSinceStart(), liveOutput_->levels()));
+    recordingEventStreamContinuation_.yield(RecordingEvent::progress(recordedSeconds(), liveOutput_->levels()));
+    watchForSilence();
+}
+
+void UnifiedAudioRecorder::watchForSilence() {
+    // No block written since the last look: no new span to judge.
+    const auto mixPeakDecibels = liveOutput_->takeLoudestPeak();
+    if (!mixPeakDecibels || !audioMixer_) return;
+    const double recorded = recordedSeconds();
+    for (auto& watch : silenceWatches_) {
+        // The mix holds the one source times its gain; undo the gain to judge the source.
+        const float gain = watch.source() == RecordingEvent::Source::microphone ? audioMixer_->microphoneGain()
+                                                                                 : audioMixer_->systemGain();
+        if (gain <= 0.0f) continue;
+        const float sourcePeakDecibels = *mixPeakDecibels - 20.0f * std::log10(gain);
+        if (auto event = watch.observe(sourcePeakDecibels, recorded)) {
+            logger().info(std::string(event->kind == RecordingEvent::Kind::silence ? "Only digital silence from the "
+                                                                                    : "Signal again from the ") +
+                          caseName(watch.source()) + " since " + formatDouble(event->elapsedSeconds) + "s");
+            recordingEventStreamContinuation_.yield(std::move(*event));
+        }
+    }
 }
 
 void UnifiedAudioRecorder::pauseRecording() {
     if (recorderState_ != RecorderState::recording) return;
     recorderState_ = RecorderState::paused;
-    logger().debug("Recording paused");
+    if (audioMixer_) audioMixer_->setOutputPaused(true);
+    const double recorded = recordedSeconds();
+    logger().debug("Recording paused at " + formatDouble(recorded) + "s");
+    recordingEventStreamContinuation_.yield(RecordingEvent::paused(recorded));
 }
 
 void UnifiedAudioRecorder::resumeRecording() {
     if (recorderState_ != RecorderState::paused) return;
     recorderState_ = RecorderState::recording;
-    logger().debug("Recording resumed");
+    // Blocks mixed while paused were not written; their peaks must not count either.
+    liveOutput_->takeLoudestPeak();
+    if (audioMixer_) audioMixer_->setOutputPaused(false);
+    const double recorded = recordedSeconds();
+    logger().debug("Recording resumed at " + formatDouble(recorded) + "s");
+    recordingEventStreamContinuation_.yield(RecordingEvent::resumed(recorded));
 }
 
 void UnifiedAudioRecorder::finishRecording(RecorderState transitional, RecorderState final) {
@@ -363,12 +414,12 @@ void UnifiedAudioRecorder::stopComponents() {
 }
 
 void UnifiedAudioRecorder::handleConfigurationChange() {
-    if (recorderState_ != RecorderState::recording) {
+    // Paused too: the resume must record from the devices in use then.
+    if (recorderState_ != RecorderState::recording && recorderState_ != RecorderState::paused) {
         logger().debug("Audio configuration changed but not currently recording, ignoring");
         return;
     }
     logger().debug("Audio configuration changed, restarting recording seamlessly");
-    const double elapsed = secondsSinceStart();
 
     // The sources hand over what they still hold, then the old mixer stops; what it left
     // unread in the rings goes to the new ones. Each ring is emptied right as its source
@@ -419,7 +470,9 @@ void UnifiedAudioRecorder::handleConfigurationChange() {
         return;
     }
     logger().debug("Successfully restarted recording after configuration change");
-    recordingEventStreamContinuation_.yield(RecordingEvent::progress(elapsed, liveOutput_->levels()));
+    if (recorderState_ == RecorderState::recording) {
+        recordingEventStreamContinuation_.yield(RecordingEvent::progress(recordedSeconds(), liveOutput_->levels()));
+    }
 }
 
 void UnifiedAudioRecorder::discardCarriedIfRateChanged(int64_t prefilledFrames,
