@@ -38,7 +38,7 @@ std::string describe(const AudioStreamBasicDescription& asbd) {
 
 // Logs the failed call and chooses the error from the operation's name.
 RecordingError statusError(const std::string& operation, OSStatus status) {
-    logger().critical(operation + " failed: " + std::to_string(status));
+    logger().critical(operation + " failed: " + describeStatusCode(status));
     if (operation.find("CreateProcessTap") != std::string::npos) return RecordingError::systemAudioTapCreationFailed(status);
     if (operation.find("CreateAggregateDevice") != std::string::npos) {
         return RecordingError::systemAudioDeviceCreationFailed(status);
@@ -76,7 +76,7 @@ void SystemAudioTap::start() {
         logger().error("System audio tap already active");
         return;
     }
-    logger().info("Starting real Core Audio process tap");
+    logger().info("Starting real PulseAudio system audio tap");
     try {
         createProcessTap();
         readTapFormat();
@@ -96,7 +96,7 @@ void SystemAudioTap::start() {
 void SystemAudioTap::flushCapturedAudio() {
     if (!isCapturing_ || !procID_) return;
     if (const OSStatus status = hardware_->deviceFlushCapturedInput(aggregateID_, *procID_); status != noErr) {
-        logger().error("Could not fetch the system audio the device still held: status " + std::to_string(status));
+        logger().error("Could not fetch the system audio the device still held: status " + describeStatusCode(status));
     }
 }
 

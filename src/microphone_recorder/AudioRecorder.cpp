@@ -163,7 +163,7 @@ void AudioRecorder::startEngineRecording() {
         continuation_.finish(std::make_exception_ptr(AudioEngineRecorderError::alreadyInProgress()));
         return;
     }
-    logger().info("Starting AVAudioEngine recording to: " + fileURL_.string());
+    logger().info("Starting PulseAudio input engine recording to: " + fileURL_.string());
     continuation_.yield(RecordingEvent::starting());
     try {
         setupRecording();

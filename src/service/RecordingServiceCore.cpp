@@ -138,6 +138,8 @@ EventStream<RecordingEvent> RecordingServiceCore::startRecordingLocked(
 EventStream<RecordingEvent> RecordingServiceCore::prepareRecording(
     const RecordingConfiguration& configuration, const std::optional<std::filesystem::path>& outputFile, Turn& turn) {
     const auto& sources = configuration.sources;
+    // Without a server every later check would answer wrongly (no permission, no tap).
+    throwIfNoSoundServer();
     if (sources.includeMicrophone() &&
         dependencies_.microphoneAuthorizationStatus() != platform::AuthorizationStatus::authorized) {
         logger().critical("Recording start failed - microphone permission denied");
@@ -448,7 +450,17 @@ bool RecordingServiceCore::requestSystemAudioPermission() {
     return dependencies_.systemAudioPermissionManager->requestPermission();
 }
 
+void RecordingServiceCore::throwIfNoSoundServer() {
+    if (!dependencies_.unreachableSoundServer) return;
+    if (auto address = dependencies_.unreachableSoundServer()) {
+        logger().critical("No sound server reachable at " + *address);
+        throw RecordingError::soundServerUnreachable(*address);
+    }
+}
+
 PermissionStatus RecordingServiceCore::getPermissionStatus(const RecordingConfiguration& configuration) {
+    // No server, no answer: "not determined" would send the user after permissions.
+    throwIfNoSoundServer();
     auto systemAudioState = [this] {
         if (!supportsSystemAudio(dependencies_.operatingSystemVersion())) return PermissionState::denied;
         return dependencies_.tccPermissionProvider->checkPermissionStatus();

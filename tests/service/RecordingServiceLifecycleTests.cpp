@@ -117,6 +117,30 @@ TEST_F(RecordingServiceTest, aRefusedStartLeavesTheServiceIdleAndTheNextStartRec
     EXPECT_TRUE(becomesIdle());
 }
 
+// With no server, every later check would answer wrongly (permission missing, tap
+// failing): the start and the permission query say what is wrong instead.
+TEST_F(RecordingServiceTest, noSoundServerIsItsOwnErrorAtStartAndForThePermissionQuery) {
+    harness.setUnreachableServer("unix:/run/user/1000/pulse/native");
+    for (auto sources : {AudioSources::microphoneOnly(), AudioSources::systemAudioOnly(), AudioSources::both()}) {
+        try {
+            service().startRecording(makeConfiguration(sources));
+            ADD_FAILURE() << "start succeeded";
+        } catch (const RecordingError& error) {
+            EXPECT_EQ(error, RecordingError::soundServerUnreachable("unix:/run/user/1000/pulse/native"));
+        }
+        EXPECT_EQ(thrownCode([&] { service().getPermissionStatus(makeConfiguration(sources)); }),
+                  Code::soundServerUnreachable);
+    }
+    EXPECT_EQ(service().recordingState(), RecordingState::idle);
+    EXPECT_EQ(harness.recorderCount(), 0u);
+
+    harness.setUnreachableServer(std::nullopt);
+    EXPECT_EQ(service().getPermissionStatus(makeConfiguration(AudioSources::microphoneOnly())).microphone,
+              PermissionState::granted);
+    auto session = start();
+    EXPECT_TRUE(service().isRecording());
+}
+
 TEST_F(RecordingServiceTest, systemAudioNeedsTheNewerSystemButNoPermissionCheckAtStart) {
     harness.setVersion(14, 3);
     EXPECT_EQ(thrownCode([&] { service().startRecording(makeConfiguration(AudioSources::systemAudioOnly())); }),
@@ -228,8 +252,7 @@ TEST_F(RecordingServiceTest, recorderFailureEndsTheStreamWithTheRecordersOwnErro
     const auto error = drain(stream).error;
     ASSERT_NE(error, nullptr);
     EXPECT_THROW(std::rethrow_exception(error), RecordingError);
-    EXPECT_EQ(describeError(error), "Failed to start system audio device (error: -50).");
-    EXPECT_TRUE(logged(LogLevel::critical, "Recording stream failed: Failed to start system audio device (error: -50)."));
+    EXPECT_EQ(describeError(error), "Failed to start system audio device (error: -50, invalid parameter).");
     EXPECT_TRUE(logged(LogLevel::debug, "State transition: recording -> error"));
     ASSERT_TRUE(becomesIdle());
 }
