@@ -15,6 +15,9 @@ inline constexpr double kMeterFloorDecibels = -60.0;
 inline constexpr double kClipDecibels = -0.1;
 
 std::string renderMeterLine(double elapsedSeconds, AudioLevels levels, std::size_t barWidthCharacters = 30);
+// The line while paused, e.g. "PAUSED 00:01:05.3  (space or Enter resumes)": the time
+// recorded so far, which does not move until the resume.
+std::string renderPausedLine(double elapsedSeconds, bool keysResume);
 // "HH:MM:SS.t", tenths truncated so the display never runs ahead of the recording.
 std::string formatElapsed(double elapsedSeconds);
 // How many of `barWidthCharacters` a level fills (0 at or below the floor).
