@@ -338,7 +338,8 @@ TEST_F(RecordingSandboxTest, PausingTheMultiSourceRecorderLeavesThePauseOutOfThe
     }
     EXPECT_EQ(progressWhilePaused, 0);
     EXPECT_NEAR(pausedElapsed, 1.5, 0.15);
-    EXPECT_NEAR(resumedElapsed, pausedElapsed, 0.02);
+    // A block the mixer was writing as the pause came may still land: at most one tick.
+    EXPECT_NEAR(resumedElapsed, pausedElapsed, 0.03);
 
     const auto recorded = readRecording(file);
     const double fileSeconds = static_cast<double>(recorded.samples.size()) / 16000.0;
