@@ -184,8 +184,9 @@ void UnifiedAudioRecorder::startRecording() {
         return;
     }
     recorderState_ = RecorderState::recording;
-    // With one source the mix's peak is that source's; with both, the mix cannot say which
-    // source fell silent, so nothing is watched until the mixer meters each source.
+    // With one source the mix's peak is that source's. With both, the mix cannot say which
+    // source fell silent: once the mixer meters each source, each gets its watch here and
+    // watchForSilence() feeds it that source's peak instead of the mix's.
     switch (configuration_.sources.kind()) {
         case AudioSources::Kind::microphoneOnly:
             silenceWatches_.emplace_back(RecordingEvent::Source::microphone);
@@ -384,8 +385,6 @@ void UnifiedAudioRecorder::pauseRecording() {
 void UnifiedAudioRecorder::resumeRecording() {
     if (recorderState_ != RecorderState::paused) return;
     recorderState_ = RecorderState::recording;
-    // Blocks mixed while paused were not written; their peaks must not count either.
-    liveOutput_->takeLoudestPeak();
     if (audioMixer_) audioMixer_->setOutputPaused(false);
     const double recorded = recordedSeconds();
     logger().debug("Recording resumed at " + formatDouble(recorded) + "s");
