@@ -70,6 +70,7 @@ struct CommandLineApp {
         // -v may stand anywhere, also after the command's own options.
         app.fallthrough();
         app.add_flag("-v,--verbose", raw.verbosity, "Show the library's log (-v: info, -vv: debug)");
+        app.set_version_flag("--version", std::string("velto ") + VELTO_VERSION, "Show the version and exit");
 
         record = app.add_subcommand("record", "Record to a file until Ctrl-C or --duration");
         record->add_option("--sources", raw.recordSources, "What to record (default: microphone)")

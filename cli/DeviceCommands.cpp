@@ -1,10 +1,12 @@
 #include "DeviceCommands.hpp"
 
 #include <algorithm>
+#include <optional>
 
 #include "ErrorMessages.hpp"
 #include "EventJson.hpp"
 #include "veltoaudio/BufferConfiguration.hpp"
+#include "veltoaudio/Error.hpp"
 
 namespace velto::cli {
 
@@ -44,7 +46,17 @@ int runPermissions(const PermissionsOptions& options, RecordingBackend& backend,
     // Only the sources matter to the answer; the rest is the library's plain default.
     RecordingConfiguration configuration(AudioFormat::flac, toAudioSources(options.sources), std::nullopt,
                                          BufferConfiguration::defaultConfiguration());
-    auto status = backend.permissionStatus(configuration);
+    std::optional<PermissionStatus> answer;
+    try {
+        answer = backend.permissionStatus(configuration);
+    } catch (...) {
+        // No sound server: there is no answer, only what to do about it.
+        const auto error = std::current_exception();
+        if (options.json) console.printResult(jsonLine(errorJson(describeError(error), std::nullopt)));
+        console.printMessage(failureLine(error));
+        return 1;
+    }
+    const PermissionStatus& status = *answer;
     if (options.json) {
         console.printResult(jsonLine(permissionJson(status)));
         return 0;

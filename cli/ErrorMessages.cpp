@@ -56,6 +56,8 @@ std::string adviceForRecordingError(const RecordingError& error) {
         case Code::invalidSystemAudioConfiguration:
         case Code::systemAudioFormatNotSupported:
             return "Check that the sound server has a default output device, or record with --sources microphone.";
+        case Code::soundServerUnreachable:
+            return "";  // the description already says which server and what to do
         case Code::recordingFailed:
         case Code::recorderInitializationFailed:
         case Code::notRecording:

@@ -21,6 +21,11 @@ double roundedDecibels(float decibels) {
     return std::round(static_cast<double>(decibels) * 10.0) / 10.0;
 }
 
+const char* sourceName(RecordingEvent::Source source) {
+    // The words of --sources.
+    return source == RecordingEvent::Source::systemAudio ? "system" : "microphone";
+}
+
 nlohmann::ordered_json eventJson(const RecordingEvent& event) {
     nlohmann::ordered_json json;
     json["event"] = caseName(event.kind);
@@ -43,6 +48,14 @@ nlohmann::ordered_json eventJson(const RecordingEvent& event) {
         case RecordingEvent::Kind::finished:
         case RecordingEvent::Kind::cancelled:
             json["file"] = event.fileURL.string();
+            break;
+        case RecordingEvent::Kind::silence:
+            json["source"] = sourceName(event.source);
+            json["since"] = roundedSeconds(event.elapsedSeconds);
+            break;
+        case RecordingEvent::Kind::signal:
+            json["source"] = sourceName(event.source);
+            json["elapsed"] = roundedSeconds(event.elapsedSeconds);
             break;
         case RecordingEvent::Kind::starting:
         case RecordingEvent::Kind::started:

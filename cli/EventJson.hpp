@@ -18,6 +18,8 @@ namespace velto::cli {
 // of a decibel: finer digits are noise to a reader and to a script alike.
 
 nlohmann::ordered_json eventJson(const RecordingEvent& event);
+// "microphone" or "system", as --sources names them.
+const char* sourceName(RecordingEvent::Source source);
 nlohmann::ordered_json errorJson(const std::string& message, const std::optional<std::filesystem::path>& file);
 nlohmann::ordered_json deviceJson(const MicrophoneDevice& device);
 nlohmann::ordered_json devicesJson(const std::vector<MicrophoneDevice>& devices);

@@ -71,4 +71,10 @@ std::string renderMeterLine(double elapsedSeconds, AudioLevels levels, std::size
     return line;
 }
 
+std::string renderPausedLine(double elapsedSeconds, bool keysResume) {
+    std::string line = "PAUSED " + formatElapsed(elapsedSeconds);
+    if (keysResume) line += "  (space or Enter resumes)";
+    return line;
+}
+
 }  // namespace velto::cli

@@ -20,6 +20,9 @@ std::string renderMeterLine(double elapsedSeconds, AudioLevels levels, std::size
 //   "REC 00:01:05.3 mic [#####----|--] -23.1/-6.0 dB  sys [###------|--] -30.2/-12.0 dB";
 // otherwise the recording's single meter.
 std::string renderMeterLine(const RecordingEvent& progress);
+// The line while paused, e.g. "PAUSED 00:01:05.3  (space or Enter resumes)": the time
+// recorded so far, which does not move until the resume.
+std::string renderPausedLine(double elapsedSeconds, bool keysResume);
 // "HH:MM:SS.t", tenths truncated so the display never runs ahead of the recording.
 std::string formatElapsed(double elapsedSeconds);
 // How many of `barWidthCharacters` a level fills (0 at or below the floor).

@@ -64,6 +64,17 @@ RecordCommand::RecordCommand(RecordOptions options, RecordingBackend& backend, C
     if (!environment_.abandon) environment_.abandon = [] { ::_exit(kCancelledExitStatus); };
 }
 
+void RecordCommand::togglePause() {
+    if (!acceptsPause_.load() || control_.stopRequested() || control_.cancelRequested()) return;
+    std::lock_guard lock(pauseMutex_);
+    pauseWanted_ = !pauseWanted_;
+    if (pauseWanted_) {
+        backend_.pauseRecording();
+    } else {
+        backend_.resumeRecording();
+    }
+}
+
 void RecordCommand::interrupt() {
     if (control_.interruptions() == 0 && console_.meterEnabled()) {
         console_.printMessage("velto: stopping; press Ctrl-C again to cancel");
@@ -86,7 +97,23 @@ std::string RecordCommand::announcement(const std::optional<fs::path>& outputFil
         std::snprintf(seconds, sizeof seconds, "%g", *options_.durationSeconds);
         until = std::string("for ") + seconds + " s; Ctrl-C stops earlier";
     }
-    return std::string("velto: recording ") + sourcesPhrase(options_.sources) + " to " + where + " " + until;
+    std::string line = std::string("velto: recording ") + sourcesPhrase(options_.sources) + " to " + where + " " + until;
+    if (environment_.keysTogglePause) line += "; space or Enter pauses";
+    return line;
+}
+
+void RecordCommand::showMeter(double elapsedSeconds) {
+    if (paused_) {
+        console_.showMeter(renderPausedLine(elapsedSeconds, environment_.keysTogglePause));
+        return;
+    }
+    RecordingEvent progress = lastProgress_;
+    progress.elapsedSeconds = elapsedSeconds;
+    std::string line = renderMeterLine(progress);
+    for (const auto& [source, since] : silentSince_) {
+        line += std::string("  no signal from the ") + sourceName(source) + " since " + formatElapsed(since);
+    }
+    console_.showMeter(line);
 }
 
 int RecordCommand::run() {
@@ -169,10 +196,38 @@ void RecordCommand::handle(const RecordingEvent& event, Outcome& outcome) {
             if (!sawProgress_) {
                 sawProgress_ = true;
                 control_.markRecording();
+                acceptsPause_ = true;
             }
             recordedSeconds_ = event.elapsedSeconds;
-            console_.showMeter(renderMeterLine(event));
+            lastProgress_ = event;
+            showMeter(event.elapsedSeconds);
             stopWhenDurationReached();
+            break;
+        case RecordingEvent::Kind::paused:
+            paused_ = true;
+            pausedAtSeconds_ = environment_.monotonicSeconds();
+            recordedSeconds_ = event.elapsedSeconds;
+            showMeter(event.elapsedSeconds);
+            break;
+        case RecordingEvent::Kind::resumed:
+            if (paused_) {
+                // The wall-clock limit of --duration waits for recorded time, which a pause holds.
+                startedAtSeconds_ += environment_.monotonicSeconds() - pausedAtSeconds_;
+            }
+            paused_ = false;
+            showMeter(event.elapsedSeconds);
+            break;
+        case RecordingEvent::Kind::silence:
+            silentSince_[event.source] = event.elapsedSeconds;
+            if (!options_.json && !console_.meterEnabled()) {
+                console_.printMessage(std::string("velto: no signal from the ") + sourceName(event.source) + " since " +
+                                      formatElapsed(event.elapsedSeconds) + "; the recording goes on");
+            }
+            if (sawProgress_) showMeter(recordedSeconds_);
+            break;
+        case RecordingEvent::Kind::signal:
+            silentSince_.erase(event.source);
+            if (sawProgress_) showMeter(recordedSeconds_);
             break;
         case RecordingEvent::Kind::finished:
             outcome.finishedFile = event.fileURL;
@@ -180,8 +235,6 @@ void RecordCommand::handle(const RecordingEvent& event, Outcome& outcome) {
         case RecordingEvent::Kind::cancelled:
             outcome.cancelledFile = event.fileURL;
             break;
-        case RecordingEvent::Kind::paused:
-        case RecordingEvent::Kind::resumed:
         case RecordingEvent::Kind::starting:
         case RecordingEvent::Kind::started:
             break;
@@ -189,7 +242,7 @@ void RecordCommand::handle(const RecordingEvent& event, Outcome& outcome) {
 }
 
 void RecordCommand::stopWhenDurationReached() {
-    if (!options_.durationSeconds || control_.stopRequested() || stalled_) return;
+    if (!options_.durationSeconds || control_.stopRequested() || stalled_ || paused_) return;
     double duration = *options_.durationSeconds;
     bool recordedEnough = sawProgress_ && recordedSeconds_ >= duration;
     bool clockRanOut = environment_.monotonicSeconds() - startedAtSeconds_ >= duration + environment_.durationGraceSeconds;

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <map>
+#include <mutex>
 #include <optional>
 
 #include "CommandLineOptions.hpp"
@@ -27,14 +30,18 @@ struct RecordEnvironment {
     double durationGraceSeconds = 2.0;
     // Ends the process at once (the third Ctrl-C). Default: _exit(kCancelledExitStatus).
     std::function<void()> abandon;
+    // Space or Enter on the terminal toggle the pause (said on the paused line).
+    bool keysTogglePause = false;
 };
 
 // `velto record`: checks what the user typed, starts the recording, prints its events
 // (JSON lines, or the live meter on a terminal), stops it on Ctrl-C or at the end of
 // --duration, and reports success only once `finished` arrived and the event stream ended.
+// togglePause() pauses a running recording or resumes a paused one; --duration counts
+// recorded time, so a pause lengthens the run.
 //
-// Threads: run() on the main thread, once; interrupt() from any thread (the signal
-// watcher), before, during or after run().
+// Threads: run() on the main thread, once; interrupt() and togglePause() from any thread
+// (the signal watcher, the terminal's key reader), before, during or after run().
 class RecordCommand {
 public:
     RecordCommand(RecordOptions options, RecordingBackend& backend, Console& console, RecordEnvironment environment = {});
@@ -42,6 +49,9 @@ public:
     // The process's exit status: 0 finished, 1 failed, kCancelledExitStatus cancelled.
     int run();
     void interrupt();
+    // Ignored before the recording runs and once it is being stopped; blocks while the
+    // library pauses or resumes.
+    void togglePause();
 
 private:
     struct Outcome {
@@ -57,6 +67,7 @@ private:
     void stopWhenDurationReached();
     int report(const Outcome& outcome);
     std::string announcement(const std::optional<std::filesystem::path>& outputFile) const;
+    void showMeter(double elapsedSeconds);
 
     const RecordOptions options_;
     RecordingBackend& backend_;
@@ -68,6 +79,15 @@ private:
     bool sawProgress_ = false;
     bool stalled_ = false;  // cancelled because no progress event ever arrived
     double recordedSeconds_ = 0;
+    // The last progress event: its levels stay on the meter line until the next one.
+    RecordingEvent lastProgress_ = RecordingEvent::progress(0, AudioLevels::silence());
+    bool paused_ = false;  // between the paused and resumed events
+    double pausedAtSeconds_ = 0;
+    std::map<RecordingEvent::Source, double> silentSince_;
+    // Any thread.
+    std::atomic<bool> acceptsPause_{false};  // the service is recording: it accepts a pause
+    std::mutex pauseMutex_;                  // one toggle at a time
+    bool pauseWanted_ = false;               // guarded by pauseMutex_
     RecordingControl control_;  // last: its thread calls into the members above
 };
 

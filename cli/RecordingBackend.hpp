@@ -32,6 +32,9 @@ public:
     // Block until the recorder has acted; never throw.
     virtual void stopRecording() = 0;
     virtual void cancelRecording() = 0;
+    // Block until the recorder has acted; never throw (a refused call is ignored).
+    virtual void pauseRecording() = 0;
+    virtual void resumeRecording() = 0;
 
     virtual std::vector<MicrophoneDevice> availableMicrophones() = 0;
     virtual std::optional<MicrophoneDevice> currentMicrophone() = 0;

@@ -16,6 +16,8 @@ void ServiceBackend::discardAudioBuffers() {
 
 void ServiceBackend::stopRecording() { service_->stopRecording(); }
 void ServiceBackend::cancelRecording() { service_->cancelRecording(); }
+void ServiceBackend::pauseRecording() { service_->pauseRecording(); }
+void ServiceBackend::resumeRecording() { service_->resumeRecording(); }
 std::vector<MicrophoneDevice> ServiceBackend::availableMicrophones() { return service_->getAvailableMicrophones(); }
 std::optional<MicrophoneDevice> ServiceBackend::currentMicrophone() { return service_->getCurrentMicrophone(); }
 bool ServiceBackend::hasStoredMicrophonePreference() { return service_->hasStoredMicrophonePreference(); }

@@ -18,6 +18,8 @@ public:
     void discardAudioBuffers() override;
     void stopRecording() override;
     void cancelRecording() override;
+    void pauseRecording() override;
+    void resumeRecording() override;
     std::vector<MicrophoneDevice> availableMicrophones() override;
     std::optional<MicrophoneDevice> currentMicrophone() override;
     bool hasStoredMicrophonePreference() override;

@@ -15,6 +15,7 @@
 #include "RecordCommand.hpp"
 #include "ServiceBackend.hpp"
 #include "SignalWatcher.hpp"
+#include "TerminalKeys.hpp"
 #include "veltoaudio/Logging.hpp"
 
 namespace {
@@ -30,12 +31,41 @@ template <class... Handlers>
 Overloaded(Handlers...) -> Overloaded<Handlers...>;
 
 int record(const RecordOptions& options, RecordingBackend& backend, Console& console) {
-    RecordCommand command(options, backend, console);
+    std::unique_ptr<TerminalKeys> keys;
+    RecordEnvironment environment;
+    environment.keysTogglePause = TerminalKeys::usable(STDIN_FILENO);
+    // The third Ctrl-C ends the process at once: the terminal gets its modes back first.
+    environment.abandon = [&keys] {
+        if (keys) keys->restore();
+        ::_exit(kCancelledExitStatus);
+    };
+    RecordCommand command(options, backend, console, environment);
     // Ctrl-C and SIGTERM reach the command on the watcher's thread; the main thread
     // keeps reading events so the file's completion is seen before the program exits.
     // A closed terminal (SIGHUP) also stops cleanly rather than leaving the file unfinished.
-    SignalWatcher watcher([&command](int) { command.interrupt(); }, {SIGINT, SIGTERM, SIGHUP});
-    return command.run();
+    // SIGUSR1 pauses and resumes, for scripts.
+    SignalWatcher watcher(
+        [&command](int signalNumber) {
+            if (signalNumber == SIGUSR1) {
+                command.togglePause();
+            } else {
+                command.interrupt();
+            }
+        },
+        {SIGINT, SIGTERM, SIGHUP, SIGUSR1});
+    // Space or Enter pause and resume, as arecord -i does.
+    if (environment.keysTogglePause) {
+        keys = std::make_unique<TerminalKeys>(STDIN_FILENO, [&command] { command.togglePause(); });
+    }
+    int status = 1;
+    try {
+        status = command.run();
+    } catch (...) {
+        keys.reset();  // its thread calls into the command, which goes first
+        throw;
+    }
+    keys.reset();
+    return status;
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "veltoaudio/Error.hpp"
 
@@ -28,6 +29,7 @@ public:
         invalidSystemAudioConfiguration,
         systemAudioFormatNotSupported,
         separateTracksNeedBothSources,
+        soundServerUnreachable,
     };
 
     static RecordingError sessionConfigurationFailed(ErrorPtr error);
@@ -47,12 +49,17 @@ public:
     static RecordingError invalidSystemAudioConfiguration();
     static RecordingError systemAudioFormatNotSupported();
     static RecordingError separateTracksNeedBothSources();
+    // No sound server answered at `serverAddress` (what was tried, e.g.
+    // "unix:/run/user/1000/pulse/native"): nothing can be recorded or asked until one runs.
+    static RecordingError soundServerUnreachable(std::string serverAddress);
 
     Code code() const noexcept { return code_; }
     // The platform status of the three system-audio failures; 0 for the others.
     int32_t status() const noexcept { return status_; }
     // The wrapped error of the four wrapping cases; null for the others.
     const ErrorPtr& underlyingError() const noexcept { return underlying_; }
+    // The address tried, for soundServerUnreachable; empty for the others.
+    const std::string& serverAddress() const noexcept { return serverAddress_; }
 
     // Same case and same payload; wrapped errors compare by their descriptions.
     friend bool operator==(const RecordingError& lhs, const RecordingError& rhs);
@@ -63,7 +70,12 @@ private:
     Code code_;
     int32_t status_;
     ErrorPtr underlying_;
+    std::string serverAddress_;
 };
+
+// A platform status code as the descriptions show it: the decimal number, followed by
+// what it means where that is known ("1937010544 'stop', sound server not running").
+std::string describeStatusCode(int32_t status);
 
 const char* caseName(RecordingError::Code code);
 

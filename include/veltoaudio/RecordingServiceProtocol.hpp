@@ -41,6 +41,7 @@ public:
     virtual bool hasPermission() = 0;
     virtual bool requestSystemAudioPermission() = 0;
     virtual bool requestMicrophonePermission() = 0;
+    // Throws RecordingError (soundServerUnreachable): with no sound server there is no answer.
     virtual PermissionStatus getPermissionStatus(const RecordingConfiguration& configuration) = 0;
     virtual std::vector<MicrophoneDevice> getAvailableMicrophones() = 0;
     virtual std::optional<MicrophoneDevice> getCurrentMicrophone() = 0;

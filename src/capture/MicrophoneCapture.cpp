@@ -88,7 +88,7 @@ void MicrophoneCapture::stop() {
 }
 
 void MicrophoneCapture::setupEngine(std::uint32_t bufferSizeFrames) {
-    logger().info("Creating fresh AVAudioEngine for isolated microphone capture");
+    logger().info("Creating fresh PulseAudio input engine for isolated microphone capture");
     if (audioEngine_->isRunning()) audioEngine_->stop();
     audioEngine_->reset();
     // The reset engine has forgotten its device: select the remembered one again.

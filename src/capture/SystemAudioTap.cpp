@@ -47,7 +47,7 @@ void logWrite(const char* layout, std::int64_t written, std::uint32_t frames, co
 
 // Logs the failed call and chooses the error from the operation's name.
 RecordingError statusError(const std::string& operation, OSStatus status) {
-    logger().critical(operation + " failed: " + std::to_string(status));
+    logger().critical(operation + " failed: " + describeStatusCode(status));
     if (operation.find("CreateProcessTap") != std::string::npos) return RecordingError::systemAudioTapCreationFailed(status);
     if (operation.find("CreateAggregateDevice") != std::string::npos) {
         return RecordingError::systemAudioDeviceCreationFailed(status);
@@ -85,7 +85,7 @@ void SystemAudioTap::start() {
         logger().error("System audio tap already active");
         return;
     }
-    logger().info("Starting real Core Audio process tap");
+    logger().info("Starting real PulseAudio system audio tap");
     try {
         createProcessTap();
         readTapFormat();
@@ -105,7 +105,7 @@ void SystemAudioTap::start() {
 void SystemAudioTap::flushCapturedAudio() {
     if (!isCapturing_ || !procID_) return;
     if (const OSStatus status = hardware_->deviceFlushCapturedInput(aggregateID_, *procID_); status != noErr) {
-        logger().error("Could not fetch the system audio the device still held: status " + std::to_string(status));
+        logger().error("Could not fetch the system audio the device still held: status " + describeStatusCode(status));
     }
 }
 

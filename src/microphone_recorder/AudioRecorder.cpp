@@ -153,8 +153,9 @@ std::filesystem::path AudioRecorder::fileURL() const {
 }
 
 double AudioRecorder::elapsedSeconds() const {
-    // Paused time is deliberately included: elapsed time is wall time since the start.
-    return recordingStartSeconds_ ? clock_->nowSeconds() - *recordingStartSeconds_ : 0.0;
+    // Recorded time, what a recording app's timer shows: paused spans are not in the file.
+    if (!audioFile_) return 0.0;
+    return static_cast<double>(audioFile_->framesWritten()) / audioFile_->fileFormat().sampleRate;
 }
 
 void AudioRecorder::startEngineRecording() {
@@ -162,7 +163,7 @@ void AudioRecorder::startEngineRecording() {
         continuation_.finish(std::make_exception_ptr(AudioEngineRecorderError::alreadyInProgress()));
         return;
     }
-    logger().info("Starting AVAudioEngine recording to: " + fileURL_.string());
+    logger().info("Starting PulseAudio input engine recording to: " + fileURL_.string());
     continuation_.yield(RecordingEvent::starting());
     try {
         setupRecording();
@@ -175,7 +176,6 @@ void AudioRecorder::startEngineRecording() {
         return;
     }
     recorderState_ = RecorderState::recording;
-    recordingStartSeconds_ = clock_->nowSeconds();
     continuation_.yield(RecordingEvent::started());
     startDrainTimer();
 }
@@ -294,7 +294,9 @@ void AudioRecorder::processAudioBuffer(const std::shared_ptr<PcmBuffer>& buffer)
 
     if (streamContinuation_) streamContinuation_.yield(output);
     const AudioLevels levels = calculateLevels(*output);
-    continuation_.yield(RecordingEvent::progress(elapsedSeconds(), levels));
+    const double elapsed = elapsedSeconds();
+    continuation_.yield(RecordingEvent::progress(elapsed, levels));
+    if (auto silence = silenceWatch_.observe(levels.peak, elapsed)) continuation_.yield(std::move(*silence));
 }
 
 void AudioRecorder::endAfterWriteFailure(std::exception_ptr writeError) {
@@ -435,7 +437,6 @@ void AudioRecorder::cleanup() {
     if (audioFile_) audioFile_->close();
     audioFile_.reset();
     audioConverter_.reset();
-    recordingStartSeconds_.reset();
     if (streamContinuation_) streamContinuation_.finish();
     streamContinuation_ = {};
 }

@@ -10,6 +10,9 @@
 // cancel() return once their work has run. The engine's tap thread only copies samples
 // into a TapInlet allocated at set-up; the queue collects them every 10 ms (and before
 // every state change, so that a block is handled in the state it arrived in).
+//
+// Elapsed time in its events is recorded time, the length of audio in the file: blocks
+// that arrive while paused are dropped and do not count.
 
 #include <filesystem>
 #include <memory>
@@ -21,6 +24,7 @@
 #include "dispatch/SerialQueue.hpp"
 #include "platform/PlatformServices.hpp"
 #include "model/AudioRecorderProtocol.hpp"
+#include "signal/SilenceWatch.hpp"
 #include "veltoaudio/AudioFormat.hpp"
 #include "veltoaudio/AudioLevels.hpp"
 #include "veltoaudio/MicrophoneDevice.hpp"
@@ -94,7 +98,6 @@ private:
     // Recorder queue only.
     std::filesystem::path fileURL_;
     std::shared_ptr<AudioFile> audioFile_;
-    std::optional<double> recordingStartSeconds_;
     std::shared_ptr<AudioConverter> audioConverter_;
     EventStream<RecordingEvent>::Continuation continuation_;
     RecorderState recorderState_ = RecorderState::idle;
@@ -103,6 +106,7 @@ private:
     std::shared_ptr<TapInlet> tapInlet_;
     std::shared_ptr<RepeatingTimer> drainTimer_;
     int64_t reportedDroppedFrames_ = 0;
+    SilenceWatch silenceWatch_{RecordingEvent::Source::microphone};
 
     // Fixed at creation.
     EventStream<RecordingEvent> stream_;

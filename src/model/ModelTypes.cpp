@@ -59,8 +59,18 @@ const char* caseName(RecordingEvent::Kind kind) {
         case RecordingEvent::Kind::cancelled: return "cancelled";
         case RecordingEvent::Kind::starting: return "starting";
         case RecordingEvent::Kind::started: return "started";
+        case RecordingEvent::Kind::silence: return "silence";
+        case RecordingEvent::Kind::signal: return "signal";
     }
     return "starting";
+}
+
+const char* caseName(RecordingEvent::Source source) {
+    switch (source) {
+        case RecordingEvent::Source::microphone: return "microphone";
+        case RecordingEvent::Source::systemAudio: return "systemAudio";
+    }
+    return "microphone";
 }
 
 }  // namespace velto

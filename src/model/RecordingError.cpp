@@ -5,7 +5,48 @@ namespace velto {
 namespace {
 std::string underlyingText(const ErrorPtr& error) { return error ? error->errorDescription() : "Unknown error"; }
 std::string underlyingCase(const ErrorPtr& error) { return error ? error->caseDescription() : "unknown"; }
+
+constexpr int32_t fourCharCode(const char (&code)[5]) {
+    return static_cast<int32_t>((static_cast<uint32_t>(static_cast<unsigned char>(code[0])) << 24) |
+                                (static_cast<uint32_t>(static_cast<unsigned char>(code[1])) << 16) |
+                                (static_cast<uint32_t>(static_cast<unsigned char>(code[2])) << 8) |
+                                static_cast<uint32_t>(static_cast<unsigned char>(code[3])));
+}
+
+// The status codes the audio layer reports, in words.
+const char* statusMeaning(int32_t status) {
+    switch (status) {
+        case -50: return "invalid parameter";
+        case fourCharCode("stop"): return "sound server not running";
+        case fourCharCode("what"): return "unspecified error";
+        case fourCharCode("who?"): return "unknown property";
+        case fourCharCode("!obj"): return "no such object";
+        case fourCharCode("!dev"): return "no such device";
+        case fourCharCode("nope"): return "operation not allowed";
+        default: return nullptr;
+    }
+}
+
+// Four printable characters: the code was made from them, and they say more than digits.
+std::string fourCharacters(int32_t status) {
+    const auto bits = static_cast<uint32_t>(status);
+    std::string text;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        const char c = static_cast<char>((bits >> shift) & 0xFF);
+        if (c < 0x20 || c > 0x7E) return {};
+        text += c;
+    }
+    return "'" + text + "'";
+}
 }  // namespace
+
+std::string describeStatusCode(int32_t status) {
+    std::string text = std::to_string(status);
+    const std::string characters = fourCharacters(status);
+    if (!characters.empty()) text += " " + characters;
+    if (const char* meaning = statusMeaning(status)) text += std::string(", ") + meaning;
+    return text;
+}
 
 RecordingError::RecordingError(Code code, std::string description, std::string caseDescription, int32_t status,
                                ErrorPtr underlying)
@@ -22,7 +63,7 @@ RecordingError::RecordingError(Code code, std::string description, std::string c
     }
 #define VELTO_STATUS_CASE(name, prefix)                                                                      \
     RecordingError RecordingError::name(int32_t status) {                                                    \
-        return RecordingError(Code::name, std::string(prefix) + std::to_string(status) + ").",               \
+        return RecordingError(Code::name, std::string(prefix) + describeStatusCode(status) + ").",           \
                               std::string(#name "(") + std::to_string(status) + ")", status, nullptr);       \
     }
 #define VELTO_PLAIN_CASE(name, text) \
@@ -48,6 +89,15 @@ VELTO_PLAIN_CASE(systemAudioFormatNotSupported, "The system audio format is not 
 VELTO_PLAIN_CASE(separateTracksNeedBothSources,
                  "Separate tracks need both sources: record the microphone and the system audio, or mix one track.")
 
+RecordingError RecordingError::soundServerUnreachable(std::string serverAddress) {
+    RecordingError error(Code::soundServerUnreachable,
+                         "No sound server could be reached at " + serverAddress +
+                             ". Start PulseAudio or PipeWire, or set PULSE_SERVER to the address of a running server.",
+                         "soundServerUnreachable(" + serverAddress + ")", 0, nullptr);
+    error.serverAddress_ = std::move(serverAddress);
+    return error;
+}
+
 #undef VELTO_WRAPPING_CASE
 #undef VELTO_STATUS_CASE
 #undef VELTO_PLAIN_CASE
@@ -65,6 +115,8 @@ bool operator==(const RecordingError& lhs, const RecordingError& rhs) {
         case RecordingError::Code::unknown:
             // Wrapped errors are equal when they read the same; types and codes are not compared.
             return underlyingText(lhs.underlying_) == underlyingText(rhs.underlying_);
+        case RecordingError::Code::soundServerUnreachable:
+            return lhs.serverAddress_ == rhs.serverAddress_;
         default:
             return true;
     }
@@ -89,6 +141,7 @@ const char* caseName(RecordingError::Code code) {
         case RecordingError::Code::invalidSystemAudioConfiguration: return "invalidSystemAudioConfiguration";
         case RecordingError::Code::systemAudioFormatNotSupported: return "systemAudioFormatNotSupported";
         case RecordingError::Code::separateTracksNeedBothSources: return "separateTracksNeedBothSources";
+        case RecordingError::Code::soundServerUnreachable: return "soundServerUnreachable";
     }
     return "unknown";
 }

@@ -1,6 +1,7 @@
 #include "platform/InputDeviceSelection.hpp"
 
 #include "platform/OperatingSystemVersion.hpp"
+#include "veltoaudio/RecordingError.hpp"
 
 #include <string>
 
@@ -23,13 +24,13 @@ std::optional<AudioObjectID> audioDeviceID(AudioHardware& hardware, const std::s
     std::uint32_t dataSizeBytes = 0;
     OSStatus status = hardware.getPropertyDataSize(kAudioObjectSystemObject, devicesAddress, dataSizeBytes);
     if (status != noErr) {
-        logger.critical("Failed to get audio devices data size: OSStatus = " + std::to_string(status));
+        logger.critical("Failed to get audio devices data size: OSStatus = " + describeStatusCode(status));
         return std::nullopt;
     }
     std::vector<AudioObjectID> devices;
     status = hardware.getObjectListProperty(kAudioObjectSystemObject, devicesAddress, dataSizeBytes, devices);
     if (status != noErr) {
-        logger.critical("Failed to get audio devices: OSStatus = " + std::to_string(status));
+        logger.critical("Failed to get audio devices: OSStatus = " + describeStatusCode(status));
         return std::nullopt;
     }
     const AudioObjectPropertyAddress uidAddress{kAudioDevicePropertyDeviceUID};
@@ -47,7 +48,7 @@ std::optional<AudioObjectID> audioDeviceID(AudioHardware& hardware, const std::s
 std::optional<AudioObjectID> configureInputDevice(const MicrophoneDevice& device, CaptureDeviceDiscovery& discovery,
                                                   AudioHardware& hardware, AudioInputEngine& engine,
                                                   LoggerCompat& logger) {
-    logger.info("🎙️ Configuring macOS input device: '" + device.name + "' (ID: " + device.id + ")");
+    logger.info("🎙️ Configuring PulseAudio input device: '" + device.name + "' (ID: " + device.id + ")");
     const auto captureDevices = discoverAudioCaptureDevices(discovery);
     const CaptureDevice* match = nullptr;
     for (const auto& candidate : captureDevices) {
@@ -71,10 +72,10 @@ std::optional<AudioObjectID> configureInputDevice(const MicrophoneDevice& device
     }
     const OSStatus status = engine.setCurrentDevice(*deviceID);
     if (status != noErr) {
-        logger.critical("Failed to set input device on AudioUnit: OSStatus = " + std::to_string(status));
+        logger.critical("Failed to set input device on AudioUnit: OSStatus = " + describeStatusCode(status));
         return std::nullopt;
     }
-    logger.info("🎙️ Successfully configured macOS input device: '" + device.name + "'");
+    logger.info("🎙️ Successfully configured PulseAudio input device: '" + device.name + "'");
     return deviceID;
 }
 

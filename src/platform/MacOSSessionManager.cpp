@@ -63,15 +63,15 @@ std::vector<MicrophoneDevice> MacOSSessionManager::availableMicrophones() {
 void MacOSSessionManager::configureSession(std::optional<MicrophoneDevice> preferredMicrophone) {
     preferredMicrophone_ = std::move(preferredMicrophone);
     if (preferredMicrophone_) {
-        logger().info("🎙️ macOS: Configured to use device '" + preferredMicrophone_->name + "' (ID: " +
+        logger().info("🎙️ PulseAudio: Configured to use device '" + preferredMicrophone_->name + "' (ID: " +
                       preferredMicrophone_->id + ")");
     } else {
-        logger().info("🎙️ macOS: Configured to use system default device");
+        logger().info("🎙️ PulseAudio: Configured to use system default device");
     }
 }
 
 void MacOSSessionManager::logDeviceInformation() {
-    logger().info("🎙️ Microphone Device Information (macOS):");
+    logger().info("🎙️ Microphone Device Information (PulseAudio):");
     const auto devices = discoverAudioCaptureDevices(*discovery_);
     if (devices.empty()) {
         logger().error("No audio input devices found");

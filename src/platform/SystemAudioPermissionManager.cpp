@@ -23,14 +23,14 @@ SystemAudioPermissionManager::SystemAudioPermissionManager(
 
 bool SystemAudioPermissionManager::requestPermission() {
     if (!operatingSystemVersion_().isAtLeast(14, 4, 0)) {
-        logger().info("System audio recording not available on macOS versions below 14.4");
+        logger().info("System audio recording not available on this system");
         return false;
     }
     try {
         // A refusal by the user is an answer: no fallback then.
         return tccPermissionProvider_->requestAudioCapturePermission();
     } catch (...) {
-        logger().error("TCC permission request failed or unavailable (" + caseDescriptionOf(std::current_exception()) +
+        logger().error("System audio permission request failed or unavailable (" + caseDescriptionOf(std::current_exception()) +
                        " - falling back to tap creation method");
     }
     return triggerPermissionDialog();
@@ -54,10 +54,10 @@ bool SystemAudioPermissionManager::triggerPermissionDialog() {
             return true;
         }
         if (status == kAudioHardwareNotRunningError || status == kAudioHardwareBadObjectError) {
-            logger().critical("Permission dialog triggered but denied or system error: " + std::to_string(status));
+            logger().critical("Permission dialog triggered but denied or system error: " + describeStatusCode(status));
             throw RecordingError::systemAudioPermissionDenied();
         }
-        logger().critical("Failed to trigger permission dialog: " + std::to_string(status));
+        logger().critical("Failed to trigger permission dialog: " + describeStatusCode(status));
         throw RecordingError::systemAudioTapCreationFailed(status);
     } catch (...) {
         logger().critical("Permission request failed: " + caseDescriptionOf(std::current_exception()));

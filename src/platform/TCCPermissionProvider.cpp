@@ -28,7 +28,7 @@ void completeRequest(void* context, bool granted) {
     auto* owned = static_cast<std::shared_ptr<PendingRequest>*>(context);
     std::shared_ptr<PendingRequest> pending = std::move(*owned);
     delete owned;
-    logger().info(std::string("TCC permission request completed with result: ") + (granted ? "true" : "false"));
+    logger().info(std::string("System audio permission request completed with result: ") + (granted ? "true" : "false"));
     {
         std::lock_guard lock(pending->mutex);
         if (pending->done) return;  // resumes the caller once, whatever the library does
@@ -56,7 +56,7 @@ TCCPermissionProvider::TCCPermissionProvider(std::shared_ptr<TccLibrary> library
 PermissionState TCCPermissionProvider::checkPermissionStatus() {
     auto preflight = library_->preflightFunction();
     if (!preflight) {
-        logger().error("TCC preflight SPI not available - returning notDetermined");
+        logger().error("Permission preflight not available - returning notDetermined");
         return PermissionState::notDetermined;
     }
     int result = preflight(kTccServiceAudioCapture, nullptr);
@@ -76,7 +76,7 @@ PermissionState TCCPermissionProvider::checkPermissionStatus() {
 bool TCCPermissionProvider::requestAudioCapturePermission() {
     auto request = library_->requestFunction();
     if (!request) {
-        logger().error("TCC request SPI not available");
+        logger().error("Permission request not available");
         throw Error::cannotUseTCC();
     }
     auto pending = std::make_shared<PendingRequest>();

@@ -39,7 +39,7 @@ std::string TccLibrary::platformLibraryPath() {
 void* TccLibrary::handle() {
     std::call_once(handleOnce_, [this] {
         handle_ = loader_->open(libraryPath_, RTLD_NOW);
-        if (!handle_) logger().critical("Failed to dlopen TCC framework");
+        if (!handle_) logger().critical("Failed to dlopen the permission library");
     });
     return handle_;
 }

@@ -3,6 +3,7 @@
 #include "platform/PlatformServices.hpp"
 #include "platform/SystemAudioPermissionManager.hpp"
 #include "platform/TCCPermissionProvider.hpp"
+#include "platform/pulse/PulseConnection.hpp"
 #include "service/RecordingServiceDependencies.hpp"
 #include "unified_recorder/RecordingFileLocation.hpp"
 #include "unified_recorder/UnifiedAudioRecorder.hpp"
@@ -33,6 +34,10 @@ RecordingServiceDependencies defaultRecordingServiceDependencies(
     dependencies.microphoneAuthorizationStatus = [discovery] { return discovery->authorizationStatus(); };
     dependencies.requestMicrophoneAccess = [discovery] { return discovery->requestAccess(); };
     dependencies.operatingSystemVersion = currentOperatingSystemVersion;
+    dependencies.unreachableSoundServer = [connection = pulse::PulseConnection::shared()]() -> std::optional<std::string> {
+        if (!pulse::isServerUnreachable(connection->ensureConnected())) return std::nullopt;
+        return pulse::serverAddressTried();
+    };
 
     auto tccPermissionProvider = std::make_shared<platform::TCCPermissionProvider>();
     dependencies.tccPermissionProvider = tccPermissionProvider;

@@ -129,14 +129,21 @@ EventStream<RecordingEvent> RecordingServiceCore::startRecordingLocked(
     transition(RecordingState::starting, turn);
     configuration_ = configuration;
     ++sessionGeneration_;
-    // A failed preparation leaves the service in starting with the configuration kept:
-    // only cancel or restart leave it.
-    return prepareRecording(configuration, outputFile, turn);
+    try {
+        return prepareRecording(configuration, outputFile, turn);
+    } catch (...) {
+        // Nothing was made before the failure: back to idle, ready for the next start (the
+        // configuration stays for a restart).
+        transition(RecordingState::idle, turn);
+        throw;
+    }
 }
 
 EventStream<RecordingEvent> RecordingServiceCore::prepareRecording(
     const RecordingConfiguration& configuration, const std::optional<std::filesystem::path>& outputFile, Turn& turn) {
     const auto& sources = configuration.sources;
+    // Without a server every later check would answer wrongly (no permission, no tap).
+    throwIfNoSoundServer();
     if (sources.includeMicrophone() &&
         dependencies_.microphoneAuthorizationStatus() != platform::AuthorizationStatus::authorized) {
         logger().critical("Recording start failed - microphone permission denied");
@@ -144,7 +151,7 @@ EventStream<RecordingEvent> RecordingServiceCore::prepareRecording(
     }
     if (sources.includeSystemAudio()) {
         if (!supportsSystemAudio(dependencies_.operatingSystemVersion())) {
-            logger().critical("Recording start failed - system audio not available on macOS versions below 14.4");
+            logger().critical("Recording start failed - system audio capture is not available on this system");
             throw RecordingError::systemAudioFormatNotSupported();
         }
         // The tap's creation reports a refusal; asking here would prompt twice.
@@ -280,7 +287,9 @@ void RecordingServiceCore::relayEvent(ForwardingTask& task, RecordingEvent event
                                       const EventStream<RecordingEvent>::Continuation& continuation, Turn& turn) {
     // A task that was cleaned up while this event waited for the turn still hands it on
     // (it may be the `finished` a stopping caller waits for) but no longer moves the state.
-    if (event.kind == RecordingEvent::Kind::progress && recordingState_ != RecordingState::recording &&
+    // Only from starting: a progress report made just before a pause may arrive after it,
+    // and must not undo it.
+    if (event.kind == RecordingEvent::Kind::progress && recordingState_ == RecordingState::starting &&
         !task.isCancelled()) {
         transition(RecordingState::recording, turn);
     }
@@ -445,7 +454,17 @@ bool RecordingServiceCore::requestSystemAudioPermission() {
     return dependencies_.systemAudioPermissionManager->requestPermission();
 }
 
+void RecordingServiceCore::throwIfNoSoundServer() {
+    if (!dependencies_.unreachableSoundServer) return;
+    if (auto address = dependencies_.unreachableSoundServer()) {
+        logger().critical("No sound server reachable at " + *address);
+        throw RecordingError::soundServerUnreachable(*address);
+    }
+}
+
 PermissionStatus RecordingServiceCore::getPermissionStatus(const RecordingConfiguration& configuration) {
+    // No server, no answer: "not determined" would send the user after permissions.
+    throwIfNoSoundServer();
     auto systemAudioState = [this] {
         if (!supportsSystemAudio(dependencies_.operatingSystemVersion())) return PermissionState::denied;
         return dependencies_.tccPermissionProvider->checkPermissionStatus();

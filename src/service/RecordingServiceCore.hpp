@@ -64,6 +64,8 @@ private:
     EventStream<RecordingEvent> prepareRecording(const RecordingConfiguration& configuration,
                                                  const std::optional<std::filesystem::path>& outputFile, Turn&);
     std::optional<MicrophoneDevice> currentMicrophoneLocked(Turn&);
+    // Throws RecordingError::soundServerUnreachable when no sound server answers.
+    void throwIfNoSoundServer();
     void cleanup(Turn&);
     void joinEndedTasks(Turn&);
     bool isCurrentSession(std::uint64_t generation, Turn&) const;

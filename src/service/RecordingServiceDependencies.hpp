@@ -41,6 +41,10 @@ struct RecordingServiceDependencies {
 
     std::function<OperatingSystemVersion()> operatingSystemVersion;
 
+    // The server address that was tried when no sound server answers; nothing when one
+    // does (or when the seam is not set).
+    std::function<std::optional<std::string>()> unreachableSoundServer;
+
     // The status query is made on the provider directly; requests go through the manager.
     std::shared_ptr<platform::TCCPermissionProviderProtocol> tccPermissionProvider;
     std::shared_ptr<platform::SystemAudioPermissionManager> systemAudioPermissionManager;

@@ -1,5 +1,8 @@
 #include "unified_recorder/UnifiedAudioRecorder.hpp"
 
+#include <cmath>
+#include <utility>
+
 #include "capture/MicrophoneCapture.hpp"
 #include "capture/SystemAudioTap.hpp"
 #include "logging/LoggerCompat.hpp"
@@ -44,6 +47,16 @@ MixerLevels UnifiedAudioRecorder::LiveOutput::levels() const {
 void UnifiedAudioRecorder::LiveOutput::setLevels(MixerLevels levels) {
     std::lock_guard lock(levelsLock);
     currentLevels = levels;
+    const auto keepLouder = [](std::optional<float>& loudest, const std::optional<AudioLevels>& source) {
+        if (source && (!loudest || source->peak > *loudest)) loudest = source->peak;
+    };
+    keepLouder(loudestPeaks.microphone, levels.microphone);
+    keepLouder(loudestPeaks.systemAudio, levels.system);
+}
+
+UnifiedAudioRecorder::LiveOutput::LoudestPeaks UnifiedAudioRecorder::LiveOutput::takeLoudestPeaks() {
+    std::lock_guard lock(levelsLock);
+    return std::exchange(loudestPeaks, LoudestPeaks{});
 }
 
 const std::shared_ptr<SerialQueue>& UnifiedAudioRecorder::sharedWorkQueue() {
@@ -153,14 +166,13 @@ std::shared_ptr<AudioMixer> UnifiedAudioRecorder::mixer() const {
     return current;
 }
 
-double UnifiedAudioRecorder::secondsSinceStart() const {
-    const double now = clock_->nowSeconds();
-    return now - recordingStartSeconds_.value_or(now);
+double UnifiedAudioRecorder::recordedSeconds() const {
+    if (!audioFile_) return 0.0;
+    return static_cast<double>(audioFile_->framesWritten()) / audioFile_->fileFormat().sampleRate;
 }
 
 void UnifiedAudioRecorder::startRecording() {
     if (recorderState_ != RecorderState::idle) return;
-    recordingStartSeconds_ = clock_->nowSeconds();
     recordingEventStreamContinuation_.yield(RecordingEvent::starting());
     logger().debug("Starting modern ring-buffer-based recording");
     try {
@@ -176,6 +188,9 @@ void UnifiedAudioRecorder::startRecording() {
         return;
     }
     recorderState_ = RecorderState::recording;
+    // The mixer meters each source before its gain, so each source has a watch of its own.
+    if (configuration_.sources.includeMicrophone()) silenceWatches_.emplace_back(RecordingEvent::Source::microphone);
+    if (configuration_.sources.includeSystemAudio()) silenceWatches_.emplace_back(RecordingEvent::Source::systemAudio);
     recordingEventStreamContinuation_.yield(RecordingEvent::started());
     startProgressTimer();
     logger().debug("Modern ring-buffer recording started successfully");
@@ -199,6 +214,8 @@ void UnifiedAudioRecorder::setupAudioComponents() {
     const auto& buffers = configuration_.bufferConfiguration;
     audioMixer_ = AudioMixer::create(buffers.mixingBufferCapacity(), buffers.jitterBufferFrames(), clock_,
                                      mixingTicks_);
+    // A mixer rebuilt while paused starts paused: nothing reaches the file before the resume.
+    audioMixer_->setOutputPaused(recorderState_ == RecorderState::paused);
     const int64_t ringCapacityFrames = buffers.ringBufferCapacity();
 
     switch (configuration_.sources.kind()) {
@@ -341,19 +358,43 @@ RecordingEvent UnifiedAudioRecorder::progressEvent(double elapsedSeconds) const 
 
 void UnifiedAudioRecorder::progressTick() {
     if (recorderState_ != RecorderState::recording) return;
-    recordingEventStreamContinuation_.yield(progressEvent(secondsSinceStart()));
+    recordingEventStreamContinuation_.yield(progressEvent(recordedSeconds()));
+    watchForSilence();
+}
+
+void UnifiedAudioRecorder::watchForSilence() {
+    const auto peaks = liveOutput_->takeLoudestPeaks();
+    const double recorded = recordedSeconds();
+    for (auto& watch : silenceWatches_) {
+        // No block of this source written since the last look: no new span to judge.
+        const auto& peakDecibels =
+            watch.source() == RecordingEvent::Source::microphone ? peaks.microphone : peaks.systemAudio;
+        if (!peakDecibels) continue;
+        if (auto event = watch.observe(*peakDecibels, recorded)) {
+            logger().info(std::string(event->kind == RecordingEvent::Kind::silence ? "Only digital silence from the "
+                                                                                    : "Signal again from the ") +
+                          caseName(watch.source()) + " since " + formatDouble(event->elapsedSeconds) + "s");
+            recordingEventStreamContinuation_.yield(std::move(*event));
+        }
+    }
 }
 
 void UnifiedAudioRecorder::pauseRecording() {
     if (recorderState_ != RecorderState::recording) return;
     recorderState_ = RecorderState::paused;
-    logger().debug("Recording paused");
+    if (audioMixer_) audioMixer_->setOutputPaused(true);
+    const double recorded = recordedSeconds();
+    logger().debug("Recording paused at " + formatDouble(recorded) + "s");
+    recordingEventStreamContinuation_.yield(RecordingEvent::paused(recorded));
 }
 
 void UnifiedAudioRecorder::resumeRecording() {
     if (recorderState_ != RecorderState::paused) return;
     recorderState_ = RecorderState::recording;
-    logger().debug("Recording resumed");
+    if (audioMixer_) audioMixer_->setOutputPaused(false);
+    const double recorded = recordedSeconds();
+    logger().debug("Recording resumed at " + formatDouble(recorded) + "s");
+    recordingEventStreamContinuation_.yield(RecordingEvent::resumed(recorded));
 }
 
 void UnifiedAudioRecorder::finishRecording(RecorderState transitional, RecorderState final) {
@@ -378,12 +419,12 @@ void UnifiedAudioRecorder::stopComponents() {
 }
 
 void UnifiedAudioRecorder::handleConfigurationChange() {
-    if (recorderState_ != RecorderState::recording) {
+    // Paused too: the resume must record from the devices in use then.
+    if (recorderState_ != RecorderState::recording && recorderState_ != RecorderState::paused) {
         logger().debug("Audio configuration changed but not currently recording, ignoring");
         return;
     }
     logger().debug("Audio configuration changed, restarting recording seamlessly");
-    const double elapsed = secondsSinceStart();
 
     // The sources hand over what they still hold, then the old mixer stops; what it left
     // unread in the rings goes to the new ones. Each ring is emptied right as its source
@@ -434,7 +475,9 @@ void UnifiedAudioRecorder::handleConfigurationChange() {
         return;
     }
     logger().debug("Successfully restarted recording after configuration change");
-    recordingEventStreamContinuation_.yield(progressEvent(elapsed));
+    if (recorderState_ == RecorderState::recording) {
+        recordingEventStreamContinuation_.yield(progressEvent(recordedSeconds()));
+    }
 }
 
 void UnifiedAudioRecorder::discardCarriedIfRateChanged(int64_t prefilledFrames,

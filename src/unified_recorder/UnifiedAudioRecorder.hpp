@@ -5,6 +5,14 @@
 // audio configuration changes, capture and mixing are rebuilt in place and go on writing
 // into the same file.
 //
+// Elapsed time in every event is recorded time: the length of audio in the file, which is
+// what a recording app's timer shows. Pausing keeps the sources and the mixer running (so
+// that a resume is instant and starts from live audio) while the mixer writes nothing to
+// the file or the live stream; no progress is reported until the resume. A configuration
+// change while paused is applied all the same, so that the resume records from the right
+// devices. A source that delivers only digital silence for a while is reported once with
+// a `silence` event, and with `signal` when it comes back.
+//
 // Degradation policy: per-block problems stay inside the mixer (silence, a skipped
 // block). Only these end a recording from inside: a failed start (the stream ends with
 // the error), a failed restart after a configuration change, and an output file that can
@@ -22,6 +30,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <vector>
 
 #include "dispatch/Clock.hpp"
 #include "dispatch/RepeatingTimer.hpp"
@@ -29,6 +38,7 @@
 #include "platform/PlatformServices.hpp"
 #include "model/AudioRecorderProtocol.hpp"
 #include "signal/AudioMixer.hpp"
+#include "signal/SilenceWatch.hpp"
 #include "veltoaudio/AudioLevels.hpp"
 #include "veltoaudio/Error.hpp"
 #include "veltoaudio/RecordingConfiguration.hpp"
@@ -83,8 +93,16 @@ public:
         AudioBufferStream::Continuation audioStreamContinuation;
         mutable std::mutex levelsLock;
         MixerLevels currentLevels;  // guarded by levelsLock
+        // Each source's loudest block peak (dBFS, before its gain) written since the last
+        // takeLoudestPeaks(); none for a source with no block in between.
+        struct LoudestPeaks {
+            std::optional<float> microphone;
+            std::optional<float> systemAudio;
+        };
+        LoudestPeaks loudestPeaks;  // guarded by levelsLock
         MixerLevels levels() const;
         void setLevels(MixerLevels levels);
+        LoudestPeaks takeLoudestPeaks();
     };
 
     struct Private;
@@ -116,7 +134,9 @@ private:
     void flushSources();
     void stopComponents();
     void cleanup(std::exception_ptr endingError = nullptr);
-    double secondsSinceStart() const;
+    // The length of audio in the file so far.
+    double recordedSeconds() const;
+    void watchForSilence();
 
     const std::shared_ptr<SerialQueue> queue_;
     const std::shared_ptr<Clock> clock_;
@@ -137,7 +157,7 @@ private:
     std::shared_ptr<AudioMixer> audioMixer_;
     std::shared_ptr<AudioFile> audioFile_;
     std::shared_ptr<RepeatingTimer> progressTimer_;
-    std::optional<double> recordingStartSeconds_;
+    std::vector<SilenceWatch> silenceWatches_;
     RecorderState recorderState_ = RecorderState::idle;
     std::optional<platform::ConfigurationChangeObserverToken> configurationChangeObserver_;
     // The consumer end of the running mixer's stream, kept while its blocks are relayed.

@@ -77,7 +77,7 @@ TEST_F(MicrophoneCaptureTest, StartSetsUpAFreshEngineAndReportsTheFormatsAndAnyR
     EXPECT_THAT(logs.messages(kCategory),
                 ::testing::IsSupersetOf(std::vector<std::string>{
                     "Starting microphone capture with system default input device",
-                    "Creating fresh AVAudioEngine for isolated microphone capture", "Hardware input format: " + format,
+                    "Creating fresh PulseAudio input engine for isolated microphone capture", "Hardware input format: " + format,
                     "Installed audio tap with buffer size: 1024", "Hardware format: " + format, "Tap format: " + format,
                     "✅ Sample rates match: 48000.0Hz", "Microphone capture started with format: " + format}));
 
@@ -196,8 +196,8 @@ TEST_F(MicrophoneCaptureTest, AConfiguredDeviceIsSelectedNowAndAgainAfterEachSta
     EXPECT_EQ(capture->selectedMicrophoneID(), 42u);
     EXPECT_THAT(logs.messages(kCategory),
                 ::testing::IsSupersetOf(std::vector<std::string>{
-                    "🎙️ Configuring macOS input device: 'USB Microphone' (ID: USB-Mic-1)",
-                    "🎙️ Successfully configured macOS input device: 'USB Microphone'"}));
+                    "🎙️ Configuring PulseAudio input device: 'USB Microphone' (ID: USB-Mic-1)",
+                    "🎙️ Successfully configured PulseAudio input device: 'USB Microphone'"}));
     EXPECT_THAT(fakes.captureDeviceDiscovery->discoveries().front(),
                 ElementsAre(CaptureDeviceType::microphone, CaptureDeviceType::external));
 
@@ -245,7 +245,7 @@ INSTANTIATE_TEST_SUITE_P(
                              f.audioHardware->setStatus(FakeAudioHardware::sizeKey(kAudioHardwarePropertyDevices),
                                                         kAudioHardwareNotRunningError);
                          },
-                         {"Failed to get audio devices data size: OSStatus = 1937010544",
+                         {"Failed to get audio devices data size: OSStatus = 1937010544 'stop', sound server not running",
                           "Could not get AudioDeviceID for device: USB Microphone"}},
         SelectionFailure{
             "DeviceListData",

@@ -51,7 +51,7 @@ TEST_F(SystemAudioTapTest, StartCreatesAMixdownTapAnOutputClockedDeviceAndTheIOB
     EXPECT_EQ(fakes.audioHardware->ioQueue()->qualityOfService(), QualityOfService::userInteractive);
 
     for (const auto& [level, line] : std::vector<std::pair<LogLevel, std::string>>{
-             {LogLevel::info, "Starting real Core Audio process tap"},
+             {LogLevel::info, "Starting real PulseAudio system audio tap"},
              {LogLevel::debug, "Found 2 audio processes for tapping"},
              {LogLevel::info, "Created process tap with ID: 77"},
              {LogLevel::info, "Retrieved tap format: SR=48000.0, Channels=2, Format=0x6c70636d"},
@@ -186,7 +186,7 @@ INSTANTIATE_TEST_SUITE_P(
         StartFailure{"CreateIOProc", "createIOProcIDWithBlock", -9, RecordingError::systemAudioTapCreationFailed(-9),
                      "AudioDeviceCreateIOProcIDWithBlock failed: -9", 2},
         StartFailure{"DeviceStart", "deviceStart", -50, RecordingError::systemAudioDeviceStartFailed(-50),
-                     "AudioDeviceStart failed: -50", 4}),
+                     "AudioDeviceStart failed: -50, invalid parameter", 4}),
     [](const ::testing::TestParamInfo<StartFailure>& info) { return std::string(info.param.name); });
 
 TEST_F(SystemAudioTapTest, StopAndReleaseTearDownInReverseOrderAndStartAgainMakesANewTap) {

@@ -28,6 +28,10 @@ TEST(EventJson, EachEventIsOneCompactObject) {
               R"({"event":"finished","file":"/tmp/a \"b\".flac"})");
     EXPECT_EQ(jsonLine(eventJson(RecordingEvent::cancelled("/tmp/c.wav"))),
               R"({"event":"cancelled","file":"/tmp/c.wav"})");
+    EXPECT_EQ(jsonLine(eventJson(RecordingEvent::silence(RecordingEvent::Source::microphone, 12.5))),
+              R"({"event":"silence","source":"microphone","since":12.5})");
+    EXPECT_EQ(jsonLine(eventJson(RecordingEvent::signal(RecordingEvent::Source::systemAudio, 40.0))),
+              R"({"event":"signal","source":"system","elapsed":40.0})");
 }
 
 TEST(EventJson, NumbersStayValidJson) {

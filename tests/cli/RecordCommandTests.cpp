@@ -6,6 +6,7 @@
 #include <atomic>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "RecordCommand.hpp"
 #include "ScriptedBackend.hpp"
@@ -234,6 +235,50 @@ TEST_F(RecordCommandTest, MeterLineIsWipedBeforeTheResult) {
     EXPECT_THAT(err, HasSubstr("\r\033[KREC 00:00:00.3 ["));
     EXPECT_THAT(err, EndsWith("\r\033[K"));
     EXPECT_EQ(out_.str(), backend_.defaultFile.string() + "\n");
+}
+
+// Space, Enter or SIGUSR1 end up here: the first toggle once the recording runs pauses it,
+// the next resumes it; the events say so with the recorded time.
+TEST_F(RecordCommandTest, TogglingPausesAndResumesOnceTheRecordingRuns) {
+    backend_.progressEvents = 3;
+    RecordOptions options;
+    options.json = true;
+    Console console(out_, err_, false);
+    RecordCommand command(options, backend_, console);
+    command.togglePause();  // before the start: nothing to pause
+    std::thread presser([&] {
+        while (backend_.pauseCalls() == 0) {
+            command.togglePause();  // ignored until the first progress
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        command.togglePause();
+        command.interrupt();
+        command.togglePause();  // being stopped: not paused again
+    });
+    EXPECT_EQ(command.run(), 0);
+    presser.join();
+    EXPECT_EQ(backend_.pauseCalls(), 1);
+    EXPECT_EQ(backend_.resumeCalls(), 1);
+    const auto lines = linesOf(out_.str());
+    const auto paused = std::find(lines.begin(), lines.end(), R"({"event":"paused","elapsed":0.3})");
+    ASSERT_NE(paused, lines.end());
+    ASSERT_NE(std::next(paused), lines.end());
+    EXPECT_EQ(*std::next(paused), R"({"event":"resumed","elapsed":0.3})");
+}
+
+TEST_F(RecordCommandTest, MeterLineShowsThePauseAndASilentSource) {
+    backend_.progressEvents = 3;
+    backend_.laterEvents = {RecordingEvent::silence(RecordingEvent::Source::microphone, 0.1),
+                            RecordingEvent::paused(0.3)};
+    RecordOptions options;
+    options.durationSeconds = 0.3;
+    RecordEnvironment environment;
+    environment.keysTogglePause = true;
+    EXPECT_EQ(run(options, true, environment), 0);  // the duration stops it
+    const auto err = err_.str();
+    EXPECT_THAT(err, HasSubstr("; space or Enter pauses"));
+    EXPECT_THAT(err, HasSubstr("  no signal from the microphone since 00:00:00.1"));
+    EXPECT_THAT(err, HasSubstr("\r\033[KPAUSED 00:00:00.3  (space or Enter resumes)"));
 }
 
 }  // namespace

@@ -34,9 +34,12 @@ public:
     std::exception_ptr startError;
     std::exception_ptr errorAfterEnd;  // the stream ends with it after finished/cancelled
     std::exception_ptr setPreferredError;
+    std::exception_ptr permissionError;
     bool createsFileBeforeFailing = false;  // a failed start that has already opened the output
     bool endsWithoutFileEvent = false;      // the stream ends after stop without finished/cancelled
     int progressEvents = 3;
+    // Yielded after the progress events, before the recording waits for its stop.
+    std::vector<RecordingEvent> laterEvents;
     bool sendsStartEvents = true;
     std::filesystem::path defaultFile = "/recordings/Recording-2026-01-01-00-00-00.flac";
 
@@ -71,6 +74,9 @@ public:
     void discardAudioBuffers() override { ++discardCalls; }
     void stopRecording() override { request(&stopCalls_); }
     void cancelRecording() override { request(&cancelCalls_); }
+    // Answers like a recorder: paused/resumed at the recorded time, on the event stream.
+    void pauseRecording() override { pauseOrResume(true); }
+    void resumeRecording() override { pauseOrResume(false); }
 
     std::vector<MicrophoneDevice> availableMicrophones() override { return devices; }
     std::optional<MicrophoneDevice> currentMicrophone() override {
@@ -88,9 +94,32 @@ public:
         storedMicrophoneId = device.id;
     }
     void clearPreferredMicrophone() override { storedMicrophoneId.reset(); }
-    PermissionStatus permissionStatus(const RecordingConfiguration&) override { return permission; }
+    PermissionStatus permissionStatus(const RecordingConfiguration&) override {
+        if (permissionError) std::rethrow_exception(permissionError);
+        return permission;
+    }
+
+    int pauseCalls() const {
+        std::lock_guard lock(mutex_);
+        return pauseCalls_;
+    }
+    int resumeCalls() const {
+        std::lock_guard lock(mutex_);
+        return resumeCalls_;
+    }
 
 private:
+    void pauseOrResume(bool pause) {
+        std::lock_guard lock(mutex_);
+        if (pause) {
+            ++pauseCalls_;
+            if (events_) events_->yield(RecordingEvent::paused(0.1 * progressEvents));
+        } else {
+            ++resumeCalls_;
+            if (events_) events_->yield(RecordingEvent::resumed(0.1 * progressEvents));
+        }
+    }
+
     void request(int* counter) {
         {
             std::lock_guard lock(mutex_);
@@ -100,6 +129,10 @@ private:
     }
 
     void record(const EventStream<RecordingEvent>::Continuation& events, const std::filesystem::path& file) {
+        {
+            std::lock_guard lock(mutex_);
+            events_ = events;
+        }
         if (sendsStartEvents) {
             events.yield(RecordingEvent::starting());
             events.yield(RecordingEvent::started());
@@ -107,9 +140,11 @@ private:
         for (int i = 1; i <= progressEvents; ++i) {
             events.yield(RecordingEvent::progress(0.1 * i, AudioLevels{-20.0f, -6.0f}));
         }
+        for (const auto& event : laterEvents) events.yield(event);
         std::unique_lock lock(mutex_);
         changed_.wait(lock, [&] { return stopCalls_ > 0 || cancelCalls_ > 0 || shuttingDown_; });
         bool cancelled = cancelCalls_ > 0;
+        events_.reset();
         lock.unlock();
         if (!endsWithoutFileEvent) {
             events.yield(cancelled ? RecordingEvent::cancelled(file) : RecordingEvent::finished(file));
@@ -121,6 +156,9 @@ private:
     std::condition_variable changed_;
     int stopCalls_ = 0;
     int cancelCalls_ = 0;
+    int pauseCalls_ = 0;
+    int resumeCalls_ = 0;
+    std::optional<EventStream<RecordingEvent>::Continuation> events_;  // while waiting for the stop
     bool shuttingDown_ = false;
     std::thread recorder_;
 };

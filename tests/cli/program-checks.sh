@@ -36,6 +36,24 @@ case "$check" in
         run 0 record --help
         grep -q -- '--duration' "$work/out" || fail "record help does not show --duration"
         ;;
+    version)
+        run 0 --version
+        grep -Eq '^velto [0-9]+\.[0-9]+\.[0-9]+$' "$work/out" || fail "no version on standard output"
+        ;;
+    no-sound-server)
+        # A headless machine: nothing answers where the client looks. The user is told
+        # where that was and what to do, by record and by permissions alike.
+        export PULSE_SERVER="unix:$work/no-server-here"
+        for sources in microphone system; do
+            run 1 record --sources "$sources" --duration 1 --output "$work/take.flac"
+            one_error_line "unix:$work/no-server-here"
+            grep -q 'PULSE_SERVER' "$work/err" || fail "no word of PULSE_SERVER"
+            grep -q -i 'permission' "$work/err" && fail "blames a permission"
+            [[ ! -e "$work/take.flac" ]] || fail "a file was created"
+        done
+        run 1 permissions --sources both
+        one_error_line "unix:$work/no-server-here"
+        ;;
     bad-arguments)
         # Every kind of bad line takes the same way out; the parser's tests go through the kinds.
         run 2

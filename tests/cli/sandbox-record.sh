@@ -39,4 +39,26 @@ awk -v r="$rms" 'BEGIN { exit !(r > 0.01) }' || fail "the recording is silent (R
 # How long the file is silent before the tone: the capture's start-up latency.
 sox "$output" "$velto_sandbox_work/trimmed.wav" silence 1 0.01 1%
 lead_in=$(awk -v a="$seconds" -v b="$(soxi -D "$velto_sandbox_work/trimmed.wav")" 'BEGIN { printf "%.2f", a - b }')
-echo "ok: $progress progress events, $seconds s, RMS $rms, silent lead-in ${lead_in} s"
+
+# SIGUSR1 pauses and resumes: the events say so with the recorded time, which stands
+# still meanwhile, and --duration counts recorded time only.
+paused_output="$velto_sandbox_work/paused.flac"
+# Without timeout(1) in between: it would die of the SIGUSR1 meant for velto.
+"$velto" record --duration 2 --json --output "$paused_output" \
+    >"$velto_sandbox_work/events" 2>"$velto_sandbox_work/err" &
+recorder=$!
+for _ in $(seq 200); do grep -q '^{"event":"progress",' "$velto_sandbox_work/events" && break; sleep 0.05; done
+sleep 0.5
+kill -USR1 "$recorder"
+sleep 1.5
+kill -USR1 "$recorder"
+wait "$recorder" || fail "velto exited $? after a pause"
+paused=$(grep -o '^{"event":"paused","elapsed":[0-9.]*}$' "$velto_sandbox_work/events" | grep -o '[0-9.]*}$')
+resumed=$(grep -o '^{"event":"resumed","elapsed":[0-9.]*}$' "$velto_sandbox_work/events" | grep -o '[0-9.]*}$')
+[[ -n $paused && -n $resumed ]] || fail "no paused and resumed events"
+awk -v p="${paused%\}}" -v r="${resumed%\}}" 'BEGIN { exit !(r - p < 0.03 && p - r < 0.03) }' ||
+    fail "elapsed went on while paused ($paused, $resumed)"
+paused_seconds=$(soxi -D "$paused_output") || fail "sox cannot read the paused file"
+awk -v s="$paused_seconds" 'BEGIN { exit !(s >= 1.8 && s <= 2.6) }' || fail "paused file holds $paused_seconds s, expected about 2 s"
+
+echo "ok: $progress progress events, $seconds s, RMS $rms, silent lead-in ${lead_in} s; paused at $paused, file $paused_seconds s"

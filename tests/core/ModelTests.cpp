@@ -63,9 +63,16 @@ TEST(RecordingError, DescriptionsAreFixedTexts) {
     const std::pair<RecordingError, const char*> cases[] = {
         {RecordingError::recorderInitializationFailed(), "Failed to initialize audio recorder"},
         {RecordingError::permissionDenied(), "Microphone permission is required to record audio."},
-        {RecordingError::systemAudioDeviceStartFailed(-50), "Failed to start system audio device (error: -50)."},
-        // A four-character status is written in decimal, never as characters or hex.
-        {RecordingError::systemAudioTapCreationFailed(0x73746F70), "Failed to create system audio tap (error: 1937010544)."},
+        // Status codes: the decimal number, then in words what the code means where known.
+        {RecordingError::systemAudioDeviceStartFailed(-50),
+         "Failed to start system audio device (error: -50, invalid parameter)."},
+        {RecordingError::systemAudioTapCreationFailed(0x73746F70),
+         "Failed to create system audio tap (error: 1937010544 'stop', sound server not running)."},
+        {RecordingError::systemAudioDeviceCreationFailed(0x61626364), "Failed to create system audio device (error: 1633837924 'abcd')."},
+        {RecordingError::systemAudioDeviceCreationFailed(7), "Failed to create system audio device (error: 7)."},
+        {RecordingError::soundServerUnreachable("unix:/run/user/1000/pulse/native"),
+         "No sound server could be reached at unix:/run/user/1000/pulse/native. Start PulseAudio or PipeWire, or set "
+         "PULSE_SERVER to the address of a running server."},
         {RecordingError::sessionConfigurationFailed(underlying), "Failed to configure audio session: Connection refused"},
         {RecordingError::recordingFailed(nullptr), "Recording failed: Unknown error"},
     };
@@ -85,11 +92,13 @@ TEST(RecordingError, WrappedErrorsCompareByDescriptionAndStatusesByValue) {
     EXPECT_EQ(RecordingError::systemAudioDeviceStartFailed(-10), RecordingError::systemAudioDeviceStartFailed(-10));
     EXPECT_NE(RecordingError::systemAudioDeviceStartFailed(-10), RecordingError::systemAudioDeviceStartFailed(-11));
     EXPECT_EQ(RecordingError::invalidState(), RecordingError::invalidState());
+    EXPECT_EQ(RecordingError::soundServerUnreachable("tcp:a"), RecordingError::soundServerUnreachable("tcp:a"));
+    EXPECT_NE(RecordingError::soundServerUnreachable("tcp:a"), RecordingError::soundServerUnreachable("tcp:b"));
 }
 
 TEST(Errors, CapturedErrorsKeepTheOriginalsTextAndObject) {
     auto captured = captureError(std::make_exception_ptr(RecordingError::systemAudioDeviceStartFailed(-50)));
-    EXPECT_EQ(captured->errorDescription(), "Failed to start system audio device (error: -50).");
+    EXPECT_EQ(captured->errorDescription(), "Failed to start system audio device (error: -50, invalid parameter).");
     EXPECT_EQ(captured->caseDescription(), "systemAudioDeviceStartFailed(-50)");
     EXPECT_THROW(std::rethrow_exception(std::static_pointer_cast<const CapturedError>(captured)->original()),
                  RecordingError);

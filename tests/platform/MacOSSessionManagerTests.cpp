@@ -51,11 +51,11 @@ TEST_F(MacOSSessionManagerTest, ConfigureSessionRemembersOrClearsThePreference) 
     const MicrophoneDevice usb{"B", "USB", false};
     manager->configureSession(usb);
     EXPECT_EQ(manager->preferredMicrophone(), usb);
-    EXPECT_TRUE(logs.contains(LogLevel::info, kCategory, "🎙️ macOS: Configured to use device 'USB' (ID: B)"));
+    EXPECT_TRUE(logs.contains(LogLevel::info, kCategory, "🎙️ PulseAudio: Configured to use device 'USB' (ID: B)"));
 
     manager->configureSession(std::nullopt);
     EXPECT_FALSE(manager->preferredMicrophone().has_value());
-    EXPECT_TRUE(logs.contains(LogLevel::info, kCategory, "🎙️ macOS: Configured to use system default device"));
+    EXPECT_TRUE(logs.contains(LogLevel::info, kCategory, "🎙️ PulseAudio: Configured to use system default device"));
 }
 
 TEST_F(MacOSSessionManagerTest, DeviceReportListsDevicesWithTheirWholeHertzRates) {
@@ -66,7 +66,7 @@ TEST_F(MacOSSessionManagerTest, DeviceReportListsDevicesWithTheirWholeHertzRates
                                                std::numeric_limits<double>::infinity(), 1e300, -16000.5})});
     discovery->setDefaultDevice(device("B", "USB"));
     manager->logDeviceInformation();
-    EXPECT_THAT(logs.messages(kCategory), ElementsAre("🎙️ Microphone Device Information (macOS):",
+    EXPECT_THAT(logs.messages(kCategory), ElementsAre("🎙️ Microphone Device Information (PulseAudio):",
                                                       "Default Input Device: 'USB' (ID: B)",
                                                       "Available Input Devices (4 total):",
                                                       "  1. 'Built-in' (ID: A)",
@@ -81,14 +81,14 @@ TEST_F(MacOSSessionManagerTest, DeviceReportListsDevicesWithTheirWholeHertzRates
 TEST_F(MacOSSessionManagerTest, DeviceReportStopsWhenThereAreNoDevicesOrNoDefault) {
     manager->logDeviceInformation();
     EXPECT_THAT(logs.messages(kCategory),
-                ElementsAre("🎙️ Microphone Device Information (macOS):", "No audio input devices found"));
+                ElementsAre("🎙️ Microphone Device Information (PulseAudio):", "No audio input devices found"));
     EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "No audio input devices found"));
 
     logs.clear();
     discovery->setDevices({device("A", "Built-in")});
     manager->logDeviceInformation();
     EXPECT_THAT(logs.messages(kCategory),
-                ElementsAre("🎙️ Microphone Device Information (macOS):", "No default audio input device found"));
+                ElementsAre("🎙️ Microphone Device Information (PulseAudio):", "No default audio input device found"));
 }
 
 }  // namespace

@@ -71,6 +71,7 @@ RecordingServiceDependencies ServiceHarness::dependencies() {
     d.requestMicrophoneAccess = [] { return true; };
     auto version = [this] { return locked([&] { return version_; }); };
     d.operatingSystemVersion = version;
+    d.unreachableSoundServer = [this] { return locked([&] { return unreachableServer_; }); };
     d.tccPermissionProvider = tcc;
     d.systemAudioPermissionManager = std::make_shared<platform::SystemAudioPermissionManager>(tcc, hardware, version);
     d.clock = clock;

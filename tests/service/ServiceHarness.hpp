@@ -49,6 +49,10 @@ public:
     }
     std::vector<std::filesystem::path> generatedFiles() { return locked([&] { return generatedFiles_; }); }
     void setVersion(int major, int minor) { locked([&] { version_ = OperatingSystemVersion{major, minor, 0}; }); }
+    // The address no server answers at; nothing: a server runs.
+    void setUnreachableServer(std::optional<std::string> address) {
+        locked([&] { unreachableServer_ = std::move(address); });
+    }
 
     const std::shared_ptr<FakeSessionManager> sessionManager = std::make_shared<FakeSessionManager>();
     const std::shared_ptr<InMemoryMicrophoneStorage> storage = std::make_shared<InMemoryMicrophoneStorage>();
@@ -66,6 +70,7 @@ private:
 
     std::mutex mutex_;
     OperatingSystemVersion version_{14, 4, 0};
+    std::optional<std::string> unreachableServer_;
     std::vector<std::shared_ptr<ScriptedRecorder>> recorders_;
     std::vector<std::string> recorderKinds_;
     std::vector<std::optional<MicrophoneDevice>> microphoneRecorderDevices_;

@@ -187,57 +187,99 @@ TEST_F(UnifiedAudioRecorderTest, TheStopFetchesWhatTheSourcesStillHoldBeforeTheL
     EXPECT_NEAR(recorded.samples[recorded.samples.size() - 100], 0.5f * 0.3f + 0.3f * 0.3f, 0.01f);
 }
 
-TEST_F(UnifiedAudioRecorderTest, ProgressIsDrivenByTheClockAndPauseSilencesItAndIgnoresConfigurationChanges) {
+// A pause keeps what is said during it out of the file and the live stream, even across
+// a device change while paused; elapsed time is the file's length throughout.
+TEST_F(UnifiedAudioRecorderTest, APauseKeepsItsAudioOutOfTheFileAndItsTimeOutOfElapsed) {
     auto recorder = start(AudioSources::microphoneOnly());
-    int step = 0;
-    const auto nextEvent = [&] {
-        ++step;
-        EXPECT_TRUE(events.waitFor(std::chrono::seconds(5))) << "event " << step;
-        return events.next();
-    };
-    EXPECT_EQ(nextEvent()->kind, Kind::starting);
-    EXPECT_EQ(nextEvent()->kind, Kind::started);
-    auto first = nextEvent();  // the timer's first deadline is the start itself
-    ASSERT_EQ(first->kind, Kind::progress);
-    EXPECT_DOUBLE_EQ(first->elapsedSeconds, 0.0);
-    EXPECT_EQ(first->audioLevels, AudioLevels::silence());
-
-    recorder->state();  // the tick that yielded it has re-armed the timer
-    clock->advance(0.1);
-    auto second = nextEvent();
-    ASSERT_EQ(second->kind, Kind::progress);
-    EXPECT_NEAR(second->elapsedSeconds, 0.1, 1e-9);
-
+    auto audio = recorder->audioStream();
+    // Each stretch has its own level (halved by the microphone's gain): before, during, after.
+    feedMicrophone(0.6f, 24000 + kJitterFrames);
+    mixFor(*recorder, 0.5);
     recorder->pause();
-    recorder->pause();
-    auto mixer = recorder->mixer();
+    recorder->pause();  // already paused: nothing
+    feedMicrophone(-0.4f, 24000);
+    mixFor(*recorder, 0.5);
+
+    const auto mixerBeforeChange = recorder->mixer();
     fakes.configurationChangeCenter->post();
     recorder->state();
-    EXPECT_EQ(recorder->mixer(), mixer);
-    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
-                              "Audio configuration changed but not currently recording, ignoring"));
-    const int64_t framesBeforePause = mixer->totalFramesProcessed();
-    feedMicrophone(0.1f, 4800 + kJitterFrames);
-    mixFor(*recorder, 0.1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));  // give a stray tick the chance to show
-    recorder->state();
-    EXPECT_TRUE(takeAvailable(events).empty());
-    // Audio keeps flowing into the file while paused.
-    EXPECT_GT(recorder->mixer()->totalFramesProcessed(), framesBeforePause);
+    EXPECT_NE(recorder->mixer(), mixerBeforeChange);  // applied while paused
+    EXPECT_TRUE(microphoneEngine()->isRunning());
+    feedMicrophone(-0.4f, 24000 + kJitterFrames);
+    mixFor(*recorder, 0.5);
+    recorder->state();  // every progress tick of the pause has run
 
     recorder->resume();
-    recorder->state();
-    clock->advance(0.1);
-    auto resumed = nextEvent();
-    ASSERT_EQ(resumed->kind, Kind::progress);
-    EXPECT_GT(resumed->elapsedSeconds, 0.25);
-    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", "Recording paused"));
-    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", "Recording resumed"));
-
+    feedMicrophone(0.2f, 24000);
+    mixFor(*recorder, 0.5);
     recorder->stop();
-    auto rest = drainUntilEnd(events);
-    EXPECT_EQ(rest.count(Kind::paused) + rest.count(Kind::resumed), 0);
-    EXPECT_EQ(rest.events.back().kind, Kind::finished);
+    const auto streamedFrames = velto::testing::framesUntilEnd(audio);
+
+    auto drained = drainUntilEnd(events);
+    ASSERT_TRUE(drained.ended);
+    EXPECT_EQ(drained.error, nullptr);
+    ASSERT_EQ(drained.count(Kind::paused), 1);
+    ASSERT_EQ(drained.count(Kind::resumed), 1);
+    const auto& all = drained.events;
+    const auto pausedAt = std::find_if(all.begin(), all.end(), [](const auto& e) { return e.kind == Kind::paused; });
+    ASSERT_EQ(std::next(pausedAt)->kind, Kind::resumed);  // no progress while paused
+    EXPECT_DOUBLE_EQ(std::next(pausedAt)->elapsedSeconds, pausedAt->elapsedSeconds);
+    EXPECT_GT(pausedAt->elapsedSeconds, 0.45);
+    EXPECT_LE(pausedAt->elapsedSeconds, 0.5);
+    double lastProgress = 0;
+    for (const auto& event : all) {
+        if (event.kind == Kind::progress) {
+            EXPECT_GE(event.elapsedSeconds, lastProgress);
+            lastProgress = event.elapsedSeconds;
+        }
+    }
+    EXPECT_GT(lastProgress, pausedAt->elapsedSeconds + 0.4);
+
+    const auto recorded = readRecording(file());
+    EXPECT_EQ(static_cast<size_t>(streamedFrames), recorded.samples.size());
+    size_t before = 0, during = 0, after = 0;
+    for (float sample : recorded.samples) {
+        if (std::fabs(sample - 0.3f) < 0.01f) ++before;
+        if (std::fabs(sample + 0.2f) < 0.01f) ++during;
+        if (std::fabs(sample - 0.1f) < 0.01f) ++after;
+    }
+    EXPECT_NEAR(static_cast<double>(before), pausedAt->elapsedSeconds * 16000.0, 40.0);
+    EXPECT_NEAR(static_cast<double>(after), 8000.0, 60.0);
+    // A second was spoken while paused. What reaches the file of it is only what the
+    // mixer still held at the resume: its jitter reserve and its output resampler's delay.
+    EXPECT_LE(during, static_cast<size_t>(kJitterFrames / 3 + 320));
+    EXPECT_LT(recorded.samples.size(), 16000u + kJitterFrames / 3 + 400u);
+}
+
+// The system audio's monitor of an output nothing plays on: warned about after ten
+// seconds of recording, and the recording goes on.
+TEST_F(UnifiedAudioRecorderTest, ASourceSilentForTenSecondsIsReportedAndTheRecordingGoesOn) {
+    auto recorder = start(AudioSources::systemAudioOnly());
+    feedSystem(0.5f, 0.5f, 24000 + kJitterFrames);
+    mixFor(*recorder, 0.5);
+    for (int second = 0; second < 11; ++second) {
+        feedSystem(0.0f, 0.0f, 48000);
+        mixFor(*recorder, 1.0);
+    }
+    feedSystem(0.5f, 0.5f, 24000);
+    mixFor(*recorder, 0.5);
+    recorder->stop();
+
+    auto drained = drainUntilEnd(events);
+    ASSERT_EQ(drained.count(Kind::silence), 1);
+    ASSERT_EQ(drained.count(Kind::signal), 1);
+    for (const auto& event : drained.events) {
+        if (event.kind == Kind::silence || event.kind == Kind::signal) {
+            EXPECT_EQ(event.source, RecordingEvent::Source::systemAudio);
+        }
+        // Within one progress interval of where the zeros reached the file.
+        if (event.kind == Kind::silence) {
+            EXPECT_NEAR(event.elapsedSeconds, 0.5, 0.15);
+        } else if (event.kind == Kind::signal) {
+            EXPECT_NEAR(event.elapsedSeconds, 11.5, 0.15);
+        }
+    }
+    EXPECT_EQ(drained.events.back().kind, Kind::finished);
 }
 
 TEST_F(UnifiedAudioRecorderTest, CancelKeepsTheFileAndEndsWithCancelled) {
@@ -306,7 +348,8 @@ TEST_F(UnifiedAudioRecorderTest, AConfigurationChangeRebuildsCaptureIntoTheSameF
     auto afterRestart = takeAvailable(events);
     ASSERT_FALSE(afterRestart.empty());
     EXPECT_EQ(afterRestart.back().kind, Kind::progress);
-    EXPECT_NEAR(afterRestart.back().elapsedSeconds, 0.75, 0.05);
+    // The file's length: the first mixer wrote out all it had when it stopped.
+    EXPECT_NEAR(afterRestart.back().elapsedSeconds, (24000 + kJitterFrames) / 3.0 / 16000.0, 1e-3);
     EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
                               "Audio configuration changed, restarting recording seamlessly"));
     EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", "Stopped audio components for restart"));

@@ -3,6 +3,7 @@
 #include "logging/LoggerCompat.hpp"
 
 #include <chrono>
+#include <cstdlib>
 
 namespace velto::pulse {
 namespace {
@@ -40,6 +41,30 @@ void PulseConnection::Completion::signal() {
     std::lock_guard lock(mutex);
     done = true;
     condition.notify_all();
+}
+
+bool isServerUnreachable(int error) {
+    switch (error) {
+        case PA_ERR_CONNECTIONREFUSED:
+        case PA_ERR_CONNECTIONTERMINATED:
+        case PA_ERR_TIMEOUT:
+        case PA_ERR_INVALIDSERVER:
+        case PA_ERR_NOENTITY:
+            return true;
+        default:
+            return false;
+    }
+}
+
+std::string serverAddressTried() {
+    const auto variable = [](const char* name) -> std::string {
+        const char* value = std::getenv(name);
+        return value != nullptr ? value : "";
+    };
+    if (auto server = variable("PULSE_SERVER"); !server.empty()) return server;
+    if (auto runtime = variable("PULSE_RUNTIME_PATH"); !runtime.empty()) return "unix:" + runtime + "/native";
+    if (auto runtime = variable("XDG_RUNTIME_DIR"); !runtime.empty()) return "unix:" + runtime + "/pulse/native";
+    return "the default local socket";
 }
 
 std::shared_ptr<PulseConnection> PulseConnection::shared() {

@@ -141,4 +141,12 @@ private:
 // The PulseAudio text of an error code.
 std::string pulseErrorText(int error);
 
+// Whether an ensureConnected() answer means that no server answered at all (none runs, or
+// the socket is not there), as opposed to a server that refuses this client.
+bool isServerUnreachable(int error);
+
+// The server address a connection tries, for telling the user: PULSE_SERVER when set,
+// else the user's local socket (which is where libpulse looks first).
+std::string serverAddressTried();
+
 }  // namespace velto::pulse
