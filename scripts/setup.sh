@@ -12,6 +12,8 @@ packages=(
 )
 # Reference tool for the cost comparison drill only.
 if [[ "${VELTO_WITH_DRILL_TOOLS:-0}" == 1 ]]; then packages+=(ffmpeg); fi
+# The Clang build (thread-safety analysis, clang-tidy) only: scripts/clang-checks.sh.
+if [[ "${VELTO_WITH_CLANG:-0}" == 1 ]]; then packages+=(clang-14 clang-tidy-14 clang-format-14); fi
 
 missing=()
 for p in "${packages[@]}"; do

@@ -32,10 +32,6 @@ std::shared_ptr<MicrophoneCapture> MicrophoneCapture::create(std::int64_t channe
     return std::make_shared<MicrophoneCapture>(channels, capacityFrames, services);
 }
 
-std::shared_ptr<MicrophoneCapture> MicrophoneCapture::create(std::int64_t channels, std::int64_t capacityFrames) {
-    return create(channels, capacityFrames, PlatformServices::pulse());
-}
-
 MicrophoneCapture::MicrophoneCapture(std::int64_t channels, std::int64_t capacityFrames,
                                      const PlatformServices& services)
     : audioEngine_(services.audioEngineFactory->makeEngine()),

@@ -22,7 +22,6 @@ class MicrophoneCapture : public std::enable_shared_from_this<MicrophoneCapture>
 public:
     static std::shared_ptr<MicrophoneCapture> create(std::int64_t channels, std::int64_t capacityFrames,
                                                      const platform::PlatformServices& services);
-    static std::shared_ptr<MicrophoneCapture> create(std::int64_t channels, std::int64_t capacityFrames);
 
     MicrophoneCapture(std::int64_t channels, std::int64_t capacityFrames, const platform::PlatformServices& services);
     ~MicrophoneCapture();

@@ -1,6 +1,5 @@
 #include "capture/SystemAudioTap.hpp"
 
-#include "dispatch/SerialQueue.hpp"
 #include "logging/LogThinning.hpp"
 #include "logging/LoggerCompat.hpp"
 #include "logging/NumberFormat.hpp"
@@ -61,10 +60,6 @@ RecordingError statusError(const std::string& operation, OSStatus status) {
 std::shared_ptr<SystemAudioTap> SystemAudioTap::create(std::int64_t channels, std::int64_t capacityFrames,
                                                        const PlatformServices& services) {
     return std::make_shared<SystemAudioTap>(channels, capacityFrames, services.audioHardware);
-}
-
-std::shared_ptr<SystemAudioTap> SystemAudioTap::create(std::int64_t channels, std::int64_t capacityFrames) {
-    return create(channels, capacityFrames, PlatformServices::pulse());
 }
 
 SystemAudioTap::SystemAudioTap(std::int64_t channels, std::int64_t capacityFrames, std::shared_ptr<AudioHardware> hardware)
@@ -212,12 +207,11 @@ void SystemAudioTap::createAggregateDevice() {
 }
 
 void SystemAudioTap::createIOBlock() {
-    auto queue = SerialQueue::create("SystemAudioTap.IOProc", QualityOfService::userInteractive);
     logger().debug("Creating IOProc for aggregate device ID: " + std::to_string(aggregateID_));
     std::weak_ptr<SystemAudioTap> weakSelf = weak_from_this();
     AudioDeviceIOProcID procID = 0;
     const OSStatus status = hardware_->createIOProcIDWithBlock(
-        procID, aggregateID_, std::move(queue), [weakSelf](const AudioBufferList& inputData) {
+        procID, aggregateID_, [weakSelf](const AudioBufferList& inputData) {
             if (auto self = weakSelf.lock()) self->handleInput(inputData);
         });
     if (status != noErr) throw statusError("AudioDeviceCreateIOProcIDWithBlock", status);

@@ -4,8 +4,8 @@
 // with an IO block that writes each cycle's input into this object's ring buffer.
 //
 // Threads: create(), start(), stop() and destruction are called by the owner, one at a
-// time; the object has no lock of its own. The IO block runs on the "SystemAudioTap.IOProc"
-// queue and touches only the ring buffer (and scratch storage that only it uses). The
+// time; the object has no lock of its own. The IO block runs on the sound server's delivery
+// thread (see AudioHardware) and touches only the ring buffer (and scratch storage that only it uses). The
 // ring buffer is read by the mixer on its own queue.
 
 #include "platform/PlatformServices.hpp"
@@ -26,7 +26,6 @@ public:
 
     static std::shared_ptr<SystemAudioTap> create(std::int64_t channels, std::int64_t capacityFrames,
                                                   const platform::PlatformServices& services);
-    static std::shared_ptr<SystemAudioTap> create(std::int64_t channels, std::int64_t capacityFrames);
 
     SystemAudioTap(std::int64_t channels, std::int64_t capacityFrames, std::shared_ptr<platform::AudioHardware> hardware);
     ~SystemAudioTap();

@@ -105,7 +105,7 @@ AudioBufferStream AudioRecorder::audioStream() {
         auto [stream, continuation] = AudioBufferStream::make();
         audioStream_ = stream;
         std::weak_ptr<AudioRecorder> weak = weak_from_this();
-        queue_->async([weak, continuation] {
+        queue_->async([weak, continuation = continuation] {  // a named copy: Clang 14 cannot capture a structured binding
             if (auto self = weak.lock()) self->streamContinuation_ = continuation;
         });
     }

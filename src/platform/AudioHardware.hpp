@@ -3,9 +3,11 @@
 // objects, process taps, aggregate devices and IO blocks. Every call answers with an
 // OSStatus (noErr on success) and never throws.
 //
-// Threads: every method may be called from any thread. IO blocks run on the serial
-// queue given at installation, one call at a time; after destroyIOProcID() returns,
-// the block is not started again.
+// Threads: every method may be called from any thread. An IO block runs on a thread of
+// the implementation's choosing (PulseAudio: its main-loop thread, where the stream
+// delivers), one call at a time and in order; after deviceStop() or destroyIOProcID()
+// returns, the block is not started again. A block must therefore be quick, must not
+// block, and must not call back into this interface.
 
 #include "platform/CoreAudioTypes.hpp"
 #include "platform/PropertyDictionary.hpp"
@@ -16,10 +18,6 @@
 #include <optional>
 #include <string>
 #include <vector>
-
-namespace velto {
-class SerialQueue;
-}
 
 namespace velto::platform {
 
@@ -52,7 +50,7 @@ public:
     virtual OSStatus destroyAggregateDevice(AudioObjectID deviceID) = 0;
 
     virtual OSStatus createIOProcIDWithBlock(AudioDeviceIOProcID& outProcID, AudioObjectID deviceID,
-                                             std::shared_ptr<SerialQueue> queue, AudioDeviceIOBlock block) = 0;
+                                             AudioDeviceIOBlock block) = 0;
     virtual OSStatus deviceStart(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
     virtual OSStatus deviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
     // Returns once the IOProc has been handed everything the device had captured when this

@@ -2,7 +2,6 @@
 
 #include "logging/LoggerCompat.hpp"
 #include "platform/InputDeviceSelection.hpp"
-#include "platform/PlatformServices.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -39,10 +38,6 @@ std::vector<std::int64_t> supportedSampleRates(const CaptureDevice& device) {
 
 std::shared_ptr<MacOSSessionManager> MacOSSessionManager::create(std::shared_ptr<CaptureDeviceDiscovery> discovery) {
     return std::make_shared<MacOSSessionManager>(std::move(discovery));
-}
-
-std::shared_ptr<MacOSSessionManager> MacOSSessionManager::create() {
-    return create(PlatformServices::pulse().captureDeviceDiscovery);
 }
 
 MacOSSessionManager::MacOSSessionManager(std::shared_ptr<CaptureDeviceDiscovery> discovery)

@@ -17,7 +17,6 @@ namespace velto {
 class MacOSSessionManager final : public AudioSessionManagerProtocol {
 public:
     static std::shared_ptr<MacOSSessionManager> create(std::shared_ptr<platform::CaptureDeviceDiscovery> discovery);
-    static std::shared_ptr<MacOSSessionManager> create();
 
     explicit MacOSSessionManager(std::shared_ptr<platform::CaptureDeviceDiscovery> discovery);
 

@@ -265,6 +265,10 @@ std::optional<EventStream<RecordingEvent>> RecordingServiceCore::makeRecorderAnd
     // Cleaned up before the task had its first turn: there is no recording to make.
     if (task.isCancelled()) return std::nullopt;
 
+    // The one place the recorder is chosen. On Linux the reported feature level is fixed
+    // (currentOperatingSystemVersion() answers 14.4), so a real process always takes the
+    // unified recorder, microphone-only recordings included; the microphone-only recorder
+    // runs only where a lower level is injected, as in the service tests.
     std::shared_ptr<AudioRecorderProtocol> recorder;
     if (supportsSystemAudio(dependencies_.operatingSystemVersion())) {
         logger().info("Using UnifiedAudioRecorder for multi-source recording");

@@ -165,12 +165,12 @@ AudioFile::AudioFile(const Private&, std::filesystem::path path, sf_private_tag*
       lastSyncSeconds_(clock_->nowSeconds()) {}
 
 AudioFile::~AudioFile() {
-    std::lock_guard guard(lock_);
+    MutexLock guard(lock_);
     closeLocked();
 }
 
 void AudioFile::write(const PcmBuffer& buffer) {
-    std::lock_guard guard(lock_);
+    MutexLock guard(lock_);
     if (!file_) {
         throw PlatformError(kAudioFileDomain, 1, "The audio file " + path_.filename().string() + " is already closed.");
     }
@@ -219,7 +219,7 @@ void AudioFile::renewReserveIfDue() {
 }
 
 void AudioFile::close() {
-    std::lock_guard guard(lock_);
+    MutexLock guard(lock_);
     closeLocked();
 }
 
@@ -239,7 +239,7 @@ void AudioFile::closeLocked() {
 }
 
 int64_t AudioFile::framesWritten() const {
-    std::lock_guard guard(lock_);
+    MutexLock guard(lock_);
     return framesWritten_;
 }
 

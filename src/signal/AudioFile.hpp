@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "dispatch/Clock.hpp"
+#include "dispatch/ThreadAnnotations.hpp"
 #include "signal/DiskSpaceReserve.hpp"
 #include "veltoaudio/AudioFormat.hpp"
 #include "veltoaudio/Error.hpp"
@@ -75,8 +76,8 @@ public:
               std::shared_ptr<Clock> clock);
 
 private:
-    void closeLocked();
-    void renewReserveIfDue();
+    void closeLocked() VELTO_REQUIRES(lock_);
+    void renewReserveIfDue() VELTO_REQUIRES(lock_);
 
     const std::filesystem::path path_;
     const PcmFormat fileFormat_;
@@ -84,15 +85,15 @@ private:
     const std::shared_ptr<Clock> clock_;
     const int64_t reserveCheckFrames_;
 
-    mutable std::mutex lock_;
-    sf_private_tag* file_;                 // guarded by lock_; null once closed
-    const int fileDescriptor_;             // the file's; closed with it
-    DiskSpaceReserve reserve_;             // guarded by lock_
-    int64_t framesAtLastReserveCheck_ = 0; // guarded by lock_
-    bool diskFullReported_ = false;        // guarded by lock_
-    int64_t framesWritten_ = 0;            // guarded by lock_
-    double lastSyncSeconds_;               // guarded by lock_
-    std::vector<float> interleavedFrames_;  // guarded by lock_; grows to the largest block once
+    mutable Mutex lock_;
+    sf_private_tag* file_ VELTO_GUARDED_BY(lock_);  // null once closed
+    const int fileDescriptor_;                      // the file's; closed with it
+    DiskSpaceReserve reserve_ VELTO_GUARDED_BY(lock_);
+    int64_t framesAtLastReserveCheck_ VELTO_GUARDED_BY(lock_) = 0;
+    bool diskFullReported_ VELTO_GUARDED_BY(lock_) = false;
+    int64_t framesWritten_ VELTO_GUARDED_BY(lock_) = 0;
+    double lastSyncSeconds_ VELTO_GUARDED_BY(lock_);
+    std::vector<float> interleavedFrames_ VELTO_GUARDED_BY(lock_);  // grows to the largest block once
 };
 
 }  // namespace velto

@@ -1,6 +1,5 @@
 #include "capture/SystemAudioTap.hpp"
 
-#include "dispatch/SerialQueue.hpp"
 #include "logging/LogThinning.hpp"
 #include "platform/fake/FakePlatformServices.hpp"
 #include "capture/RingReadBack.hpp"
@@ -47,8 +46,6 @@ TEST_F(SystemAudioTapTest, StartCreatesAMixdownTapAnOutputClockedDeviceAndTheIOB
     }
     EXPECT_THAT(creations, ElementsAre("createProcessTap", "createAggregateDevice", "createIOProcIDWithBlock(88)",
                                        "deviceStart(88)"));
-    EXPECT_EQ(fakes.audioHardware->ioQueue()->label(), "SystemAudioTap.IOProc");
-    EXPECT_EQ(fakes.audioHardware->ioQueue()->qualityOfService(), QualityOfService::userInteractive);
 
     for (const auto& [level, line] : std::vector<std::pair<LogLevel, std::string>>{
              {LogLevel::info, "Starting real PulseAudio system audio tap"},

@@ -30,8 +30,8 @@ TEST(CaptureCpuSoak, DISABLED_CapturesBothSourcesForTheRequestedDuration) {
     const double seconds = requested != nullptr ? std::atof(requested) : 60.0;
     ASSERT_GT(seconds, 0.0);
 
-    auto microphone = MicrophoneCapture::create(1, 96000);
-    auto system = SystemAudioTap::create(2, 96000);
+    auto microphone = MicrophoneCapture::create(1, 96000, platform::PlatformServices::pulse());
+    auto system = SystemAudioTap::create(2, 96000, platform::PlatformServices::pulse());
     microphone->start(1024);
     system->start();
 

@@ -63,7 +63,7 @@ std::vector<std::vector<float>> captureWhilePlaying(FloatRingBuffer& ring, const
 }
 
 TEST(SystemAudioTapSandboxTest, ToneOnTheSpeakersArrivesInTheRingBuffer) {
-    auto tap = SystemAudioTap::create(2, 96000);
+    auto tap = SystemAudioTap::create(2, 96000, platform::PlatformServices::pulse());
     tap->start();
     ASSERT_TRUE(tap->isCapturing());
     EXPECT_EQ(tap->asbd().mSampleRate, 48000.0);
@@ -89,7 +89,7 @@ TEST(SystemAudioTapSandboxTest, ToneOnTheSpeakersArrivesInTheRingBuffer) {
 // before it counts as idle. What the server sent meanwhile is read once the loop runs
 // again, and it is audio, not a gap filled with silence and then dropped as backlog.
 TEST(SystemAudioTapSandboxTest, AHeldUpMainLoopLosesNoAudio) {
-    auto tap = SystemAudioTap::create(2, 96000);
+    auto tap = SystemAudioTap::create(2, 96000, platform::PlatformServices::pulse());
     tap->start();
     std::atomic<bool> heard{false};
     std::thread staller([&heard] {
@@ -110,7 +110,7 @@ TEST(SystemAudioTapSandboxTest, AHeldUpMainLoopLosesNoAudio) {
 }
 
 TEST(SystemAudioTapSandboxTest, StartsAgainAfterStopAndReadsNothingWhileSilent) {
-    auto tap = SystemAudioTap::create(2, 96000);
+    auto tap = SystemAudioTap::create(2, 96000, platform::PlatformServices::pulse());
     tap->start();
     tap->stop();
     tap->start();
@@ -130,7 +130,7 @@ TEST(SystemAudioTapSandboxTest, StartsAgainAfterStopAndReadsNothingWhileSilent) 
 }
 
 TEST(MicrophoneCaptureSandboxTest, ToneIntoTheVirtualMicrophoneArrivesInTheRingBuffer) {
-    auto capture = MicrophoneCapture::create(1, 96000);
+    auto capture = MicrophoneCapture::create(1, 96000, platform::PlatformServices::pulse());
     capture->start(1024);
     ASSERT_TRUE(capture->isCapturing());
     ASSERT_TRUE(capture->inputFormat().has_value());
@@ -150,7 +150,7 @@ TEST(MicrophoneCaptureSandboxTest, ToneIntoTheVirtualMicrophoneArrivesInTheRingB
 }
 
 TEST(MicrophoneCaptureSandboxTest, ChosenMicrophoneIsSelectedByItsSourceName) {
-    auto capture = MicrophoneCapture::create(2, 96000);
+    auto capture = MicrophoneCapture::create(2, 96000, platform::PlatformServices::pulse());
     capture->configureInputDevice(MicrophoneDevice{"velto_mic", "Velto-Microphone", true});
     ASSERT_TRUE(capture->selectedMicrophoneID().has_value());
     capture->start(1024);
@@ -168,7 +168,7 @@ TEST(MicrophoneCaptureSandboxTest, ChosenMicrophoneIsSelectedByItsSourceName) {
 }
 
 TEST(MicrophoneCaptureSandboxTest, MonitorOfTheSpeakersIsNotAMicrophone) {
-    auto capture = MicrophoneCapture::create(1, 96000);
+    auto capture = MicrophoneCapture::create(1, 96000, platform::PlatformServices::pulse());
     EXPECT_ANY_THROW(capture->configureInputDevice(MicrophoneDevice{"velto_speakers.monitor", "Monitor", false}));
     EXPECT_FALSE(capture->selectedMicrophone().has_value());
 }

@@ -43,7 +43,7 @@ bool waitUntil(Predicate predicate, std::chrono::milliseconds limit) {
 }
 
 TEST(PlatformSandboxTest, VirtualMicrophoneIsListedAsTheDefaultAndMonitorsAreNot) {
-    auto manager = MacOSSessionManager::create();
+    auto manager = MacOSSessionManager::create(PlatformServices::pulse().captureDeviceDiscovery);
     const auto microphones = manager->availableMicrophones();
     EXPECT_THAT(microphones, ::testing::Contains(MicrophoneDevice{"velto_mic", "Velto-Microphone", true}));
     for (const auto& microphone : microphones) {

@@ -1,7 +1,6 @@
 // The PulseAudio hardware layer without a server: descriptions are validated before the
 // server is asked, and an unreachable server answers promptly with "not running".
 
-#include "dispatch/SerialQueue.hpp"
 #include "platform/pulse/PulseAudioHardware.hpp"
 #include "platform/pulse/PulseAudioInputEngine.hpp"
 #include "platform/pulse/PulseObjectIDs.hpp"
@@ -63,14 +62,12 @@ TEST_F(PulseAudioHardwareOfflineTest, AggregateDescriptionMustNameAKnownTap) {
     EXPECT_EQ(device, 0u);
 }
 
-TEST_F(PulseAudioHardwareOfflineTest, IOBlockNeedsAnAggregateDeviceAQueueAndABlock) {
+TEST_F(PulseAudioHardwareOfflineTest, IOBlockNeedsAnAggregateDeviceAndABlock) {
     AudioDeviceIOProcID procID = 0;
-    auto queue = SerialQueue::create("SystemAudioTap.IOProc", QualityOfService::userInteractive);
-    EXPECT_EQ(hardware->createIOProcIDWithBlock(procID, makeObjectID(PulseObjectKind::aggregateDevice, 1), queue,
+    EXPECT_EQ(hardware->createIOProcIDWithBlock(procID, makeObjectID(PulseObjectKind::aggregateDevice, 1),
                                                 [](const AudioBufferList&) {}),
               kAudioHardwareBadObjectError);
-    EXPECT_EQ(hardware->createIOProcIDWithBlock(procID, makeObjectID(PulseObjectKind::aggregateDevice, 1), nullptr,
-                                                [](const AudioBufferList&) {}),
+    EXPECT_EQ(hardware->createIOProcIDWithBlock(procID, makeObjectID(PulseObjectKind::aggregateDevice, 1), nullptr),
               kAudio_ParamError);
     EXPECT_EQ(hardware->deviceStart(makeObjectID(PulseObjectKind::aggregateDevice, 1), 1), kAudioHardwareBadObjectError);
     EXPECT_EQ(hardware->destroyIOProcID(makeObjectID(PulseObjectKind::aggregateDevice, 1), 1),

@@ -1,6 +1,5 @@
 #include "platform/fake/FakeAudioHardware.hpp"
 
-#include "dispatch/SerialQueue.hpp"
 
 namespace velto::platform {
 namespace {
@@ -41,10 +40,6 @@ std::optional<PropertyDictionary> FakeAudioHardware::lastAggregateDescription() 
     return lastAggregate_;
 }
 
-std::shared_ptr<SerialQueue> FakeAudioHardware::ioQueue() const {
-    std::lock_guard lock(mutex_);
-    return ioQueue_;
-}
 
 bool FakeAudioHardware::hasIOBlock() const {
     std::lock_guard lock(mutex_);
@@ -54,18 +49,12 @@ bool FakeAudioHardware::hasIOBlock() const {
 bool FakeAudioHardware::deliverInput(const AudioBufferList& input) {
     std::lock_guard delivering(deliveryMutex_);
     std::shared_ptr<AudioDeviceIOBlock> block;
-    std::shared_ptr<SerialQueue> queue;
     {
         std::lock_guard lock(mutex_);
         block = ioBlock_;
-        queue = ioQueue_;
     }
     if (!block) return false;
-    if (queue) {
-        queue->sync([&] { (*block)(input); });
-    } else {
-        (*block)(input);
-    }
+    (*block)(input);
     return true;
 }
 
@@ -223,12 +212,11 @@ OSStatus FakeAudioHardware::destroyAggregateDevice(AudioObjectID deviceID) {
 }
 
 OSStatus FakeAudioHardware::createIOProcIDWithBlock(AudioDeviceIOProcID& outProcID, AudioObjectID deviceID,
-                                                    std::shared_ptr<SerialQueue> queue, AudioDeviceIOBlock block) {
+                                                    AudioDeviceIOBlock block) {
     std::lock_guard lock(mutex_);
     record("createIOProcIDWithBlock(" + std::to_string(deviceID) + ")");
     if (const OSStatus status = statusFor("createIOProcIDWithBlock"); status != noErr) return status;
     outProcID = nextProcID_++;
-    ioQueue_ = std::move(queue);
     ioBlock_ = std::make_shared<AudioDeviceIOBlock>(std::move(block));
     return noErr;
 }
@@ -250,7 +238,6 @@ OSStatus FakeAudioHardware::destroyIOProcID(AudioObjectID deviceID, AudioDeviceI
     std::lock_guard lock(mutex_);
     record("destroyIOProcID(" + std::to_string(deviceID) + ")");
     ioBlock_.reset();
-    ioQueue_.reset();
     return statusFor("destroyIOProcID");
 }
 

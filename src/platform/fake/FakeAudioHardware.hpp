@@ -3,8 +3,9 @@
 // beforehand, every call is recorded in order (so tests can check teardown order), and
 // the installed IO block is driven from the test with deliverInput().
 //
-// Threads: all methods are thread-safe. deliverInput() runs the IO block on the queue it
-// was installed with and returns after it ran.
+// Threads: all methods are thread-safe. deliverInput() runs the IO block on the calling
+// thread, which plays the sound server's delivery thread (as PulseAudio runs it on its
+// main-loop thread), one call at a time, and returns after it ran.
 
 #include "platform/AudioHardware.hpp"
 
@@ -47,7 +48,6 @@ public:
     void clearCalls();
     std::optional<TapDescription> lastTapDescription() const;
     std::optional<PropertyDictionary> lastAggregateDescription() const;
-    std::shared_ptr<SerialQueue> ioQueue() const;
     bool hasIOBlock() const;
 
     // Runs the installed IO block on its queue with `input`; false when no block is installed.
@@ -72,7 +72,7 @@ public:
     OSStatus createAggregateDevice(const PropertyDictionary& description, AudioObjectID& outDeviceID) override;
     OSStatus destroyAggregateDevice(AudioObjectID deviceID) override;
     OSStatus createIOProcIDWithBlock(AudioDeviceIOProcID& outProcID, AudioObjectID deviceID,
-                                     std::shared_ptr<SerialQueue> queue, AudioDeviceIOBlock block) override;
+                                     AudioDeviceIOBlock block) override;
     OSStatus deviceStart(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
     OSStatus deviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
     OSStatus deviceFlushCapturedInput(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
@@ -89,7 +89,6 @@ private:
     std::optional<TapDescription> lastTap_;
     std::optional<PropertyDictionary> lastAggregate_;
     AudioDeviceIOProcID nextProcID_ = 0x5000;
-    std::shared_ptr<SerialQueue> ioQueue_;
     std::shared_ptr<AudioDeviceIOBlock> ioBlock_;
     std::vector<float> heldBackInput_;
     std::uint32_t heldBackChannels_ = 0;

@@ -258,13 +258,12 @@ OSStatus PulseAudioHardware::destroyAggregateDevice(AudioObjectID deviceID) {
 }
 
 OSStatus PulseAudioHardware::createIOProcIDWithBlock(AudioDeviceIOProcID& outProcID, AudioObjectID deviceID,
-                                                     std::shared_ptr<SerialQueue> queue, AudioDeviceIOBlock block) {
-    if (!queue || !block) return kAudio_ParamError;
+                                                     AudioDeviceIOBlock block) {
+    if (!block) return kAudio_ParamError;
     std::lock_guard lock(mutex_);
     if (!aggregates_.contains(deviceID)) return kAudioHardwareBadObjectError;
     auto proc = std::make_shared<IOProc>();
     proc->deviceID = deviceID;
-    proc->queue = std::move(queue);
     proc->block = std::make_shared<AudioDeviceIOBlock>(std::move(block));
     outProcID = nextProcID_++;
     procs_.emplace(outProcID, std::move(proc));
@@ -290,10 +289,9 @@ OSStatus PulseAudioHardware::deviceStart(AudioObjectID deviceID, AudioDeviceIOPr
         options.blockFrames = kIOBlockFrames;
         options.streamName = "VeltoAudio system audio";
     }
-    // The block runs where the stream delivers, on the main-loop thread, rather than
-    // hopping onto the proc's queue: that thread already gives what the queue promises
-    // (one block at a time, in order, none after deviceStop returns), and a hop would
-    // cost two context switches per block.
+    // The block runs where the stream delivers, on the main-loop thread: that thread gives
+    // what the interface promises (one block at a time, in order, none after deviceStop
+    // returns), and a hop onto another thread would cost two context switches per block.
     auto block = proc->block;
     const std::uint32_t channels = options.channels;
     const PulseCaptureStream::Delivery delivery = [block, channels](const float* interleaved, std::uint32_t frames) {

@@ -10,7 +10,7 @@
 //   aggregate device a validated description naming a tap; recording from it records
 //                    the tap's monitor
 //   IO block         a record stream on that monitor; its blocks run one at a time on the
-//                    main-loop thread (serial, like the queue given)
+//                    main-loop thread
 //
 // Failures map onto Core Audio statuses: an unreachable server is
 // kAudioHardwareNotRunningError, an unknown object kAudioHardwareBadObjectError, an
@@ -65,7 +65,7 @@ public:
                                              platform::AudioObjectID& outDeviceID) override;
     platform::OSStatus destroyAggregateDevice(platform::AudioObjectID deviceID) override;
     platform::OSStatus createIOProcIDWithBlock(platform::AudioDeviceIOProcID& outProcID,
-                                               platform::AudioObjectID deviceID, std::shared_ptr<SerialQueue> queue,
+                                               platform::AudioObjectID deviceID,
                                                platform::AudioDeviceIOBlock block) override;
     platform::OSStatus deviceStart(platform::AudioObjectID deviceID, platform::AudioDeviceIOProcID procID) override;
     platform::OSStatus deviceStop(platform::AudioObjectID deviceID, platform::AudioDeviceIOProcID procID) override;
@@ -85,7 +85,6 @@ private:
     };
     struct IOProc {
         platform::AudioObjectID deviceID = 0;
-        std::shared_ptr<SerialQueue> queue;
         std::shared_ptr<platform::AudioDeviceIOBlock> block;
         std::unique_ptr<PulseCaptureStream> stream;  // present while started
     };

@@ -21,12 +21,12 @@ PulseAudioInputEngine::PulseAudioInputEngine(std::shared_ptr<PulseConnection> co
 PulseAudioInputEngine::~PulseAudioInputEngine() { stop(); }
 
 std::string PulseAudioInputEngine::currentSourceName() const {
-    std::lock_guard lock(controlMutex_);
+    MutexLock lock(controlMutex_);
     return sourceName_;
 }
 
 std::uint64_t PulseAudioInputEngine::droppedFrames() const {
-    std::lock_guard lock(controlMutex_);
+    MutexLock lock(controlMutex_);
     return stream_ ? stream_->droppedFrames() : 0;
 }
 
@@ -60,7 +60,7 @@ OSStatus PulseAudioInputEngine::setCurrentDevice(AudioObjectID deviceID) {
     if (!sources) return sources.error == PA_ERR_NOENTITY ? kAudioHardwareBadDeviceError : kAudioHardwareNotRunningError;
     for (const auto& source : *sources.value) {
         if (source.index == *index) {
-            std::lock_guard lock(controlMutex_);
+            MutexLock lock(controlMutex_);
             sourceName_ = source.name;
             return noErr;
         }
@@ -102,7 +102,7 @@ void PulseAudioInputEngine::start() {
     auto buffer = PcmBuffer::make(PcmFormat{format.sampleRate, format.channelCount, false}, blockFrames);
     if (!buffer) throw PlatformError("PulseAudio", PA_ERR_INVALID, "Cannot allocate the input buffer");
 
-    std::lock_guard control(controlMutex_);
+    MutexLock control(controlMutex_);
     if (running_) return;
     deliveryBuffer_ = buffer;
 
@@ -132,14 +132,14 @@ void PulseAudioInputEngine::start() {
 void PulseAudioInputEngine::flushCapturedInput() {
     // The control lock keeps the stream from closing meanwhile; the tap blocks that the
     // catch-up runs take only the tap lock.
-    std::lock_guard lock(controlMutex_);
+    MutexLock lock(controlMutex_);
     if (stream_) stream_->deliverCapturedSoFar();
 }
 
 void PulseAudioInputEngine::stop() {
     std::unique_ptr<PulseCaptureStream> stream;
     {
-        std::lock_guard lock(controlMutex_);
+        MutexLock lock(controlMutex_);
         stream = std::move(stream_);
         running_ = false;
     }

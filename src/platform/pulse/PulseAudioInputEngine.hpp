@@ -8,6 +8,7 @@
 // main-loop thread; removeTap() and stop() wait for a running block to return, so they
 // must not be called from inside the block.
 
+#include "dispatch/ThreadAnnotations.hpp"
 #include "platform/AudioInputEngine.hpp"
 #include "platform/pulse/PulseCaptureStream.hpp"
 #include "platform/pulse/PulseConnection.hpp"
@@ -52,8 +53,8 @@ public:
 private:
     std::shared_ptr<PulseConnection> connection_;
     std::shared_ptr<PulseStreamHandover> handover_;  // may be null
-    mutable std::mutex controlMutex_;
-    std::string sourceName_;  // guarded by controlMutex_
+    mutable Mutex controlMutex_;
+    std::string sourceName_ VELTO_GUARDED_BY(controlMutex_);
     std::unique_ptr<PulseCaptureStream> stream_;
     std::atomic<bool> running_{false};
 

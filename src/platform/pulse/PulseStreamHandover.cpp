@@ -34,14 +34,14 @@ PulseStreamHandover::PulseStreamHandover(std::shared_ptr<PulseConnection> connec
 PulseStreamHandover::~PulseStreamHandover() {
     std::vector<Parked> parked;
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         parked.swap(parked_);
     }
     for (auto& entry : parked) entry.stream->close();
 }
 
 void PulseStreamHandover::openWindow() {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     windowEndsSeconds_ = expiryQueue_->clock()->nowSeconds() + windowSeconds_;
 }
 
@@ -49,7 +49,7 @@ void PulseStreamHandover::release(std::unique_ptr<PulseCaptureStream> stream) {
     if (!stream) return;
     const double now = expiryQueue_->clock()->nowSeconds();
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         if (now < windowEndsSeconds_ && stream->isAlive()) {
             stream->park();
             parked_.push_back({std::move(stream), now});
@@ -68,7 +68,7 @@ std::unique_ptr<PulseCaptureStream> PulseStreamHandover::adopt(const PulseCaptur
     std::unique_ptr<PulseCaptureStream> candidate;
     double parkedSeconds = 0.0;
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         const auto found = std::find_if(parked_.begin(), parked_.end(), [&](const Parked& entry) {
             return recordsTheSame(entry.stream->options(), options);
         });
@@ -98,14 +98,14 @@ std::unique_ptr<PulseCaptureStream> PulseStreamHandover::adopt(const PulseCaptur
 }
 
 std::size_t PulseStreamHandover::parkedCount() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return parked_.size();
 }
 
 void PulseStreamHandover::closeExpired() {
     std::vector<Parked> expired;
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         const double now = expiryQueue_->clock()->nowSeconds();
         for (auto entry = parked_.begin(); entry != parked_.end();) {
             if (entry->parkedSeconds + kMaxParkedSeconds <= now) {

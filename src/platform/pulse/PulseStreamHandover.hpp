@@ -20,6 +20,7 @@
 // Threads: any thread but the main loop's.
 
 #include "dispatch/SerialQueue.hpp"
+#include "dispatch/ThreadAnnotations.hpp"
 #include "platform/pulse/PulseCaptureStream.hpp"
 
 #include <memory>
@@ -69,9 +70,9 @@ private:
     const double windowSeconds_;
     const std::shared_ptr<SerialQueue> expiryQueue_;  // closes the parked streams nobody took
 
-    mutable std::mutex mutex_;
-    double windowEndsSeconds_ = 0.0;  // guarded by mutex_
-    std::vector<Parked> parked_;      // guarded by mutex_
+    mutable Mutex mutex_;
+    double windowEndsSeconds_ VELTO_GUARDED_BY(mutex_) = 0.0;
+    std::vector<Parked> parked_ VELTO_GUARDED_BY(mutex_);
 };
 
 // Where a stream goes when its owner stops it: to `handover` when there is one, closed
