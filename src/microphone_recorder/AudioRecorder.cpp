@@ -83,7 +83,7 @@ AudioRecorder::AudioRecorder(const Private&, std::filesystem::path fileURL, Audi
       preferredMicrophone_(std::move(preferredMicrophone)),
       audioEngine_(services_.audioEngineFactory->makeEngine()),
       fileURL_(std::move(fileURL)) {
-    auto [stream, continuation] = EventStream<RecordingEvent>::make();
+    auto [stream, continuation] = EventSource<RecordingEvent>::make();
     stream_ = std::move(stream);
     continuation_ = std::move(continuation);
 }
@@ -102,7 +102,7 @@ EventStream<RecordingEvent> AudioRecorder::events() { return stream_; }
 AudioBufferStream AudioRecorder::audioStream() {
     std::lock_guard lock(audioStreamLock_);
     if (!audioStream_) {
-        auto [stream, continuation] = AudioBufferStream::make();
+        auto [stream, continuation] = AudioBufferSource::make();
         audioStream_ = stream;
         std::weak_ptr<AudioRecorder> weak = weak_from_this();
         queue_->async([weak, continuation] {

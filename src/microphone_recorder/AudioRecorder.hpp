@@ -19,6 +19,7 @@
 #include "dispatch/Clock.hpp"
 #include "dispatch/RepeatingTimer.hpp"
 #include "dispatch/SerialQueue.hpp"
+#include "model/EventSource.hpp"
 #include "platform/PlatformServices.hpp"
 #include "service/AudioRecorderProtocol.hpp"
 #include "veltoaudio/AudioFormat.hpp"
@@ -96,9 +97,9 @@ private:
     std::shared_ptr<AudioFile> audioFile_;
     std::optional<double> recordingStartSeconds_;
     std::shared_ptr<AudioConverter> audioConverter_;
-    EventStream<RecordingEvent>::Continuation continuation_;
+    EventSource<RecordingEvent>::Continuation continuation_;
     RecorderState recorderState_ = RecorderState::idle;
-    AudioBufferStream::Continuation streamContinuation_;
+    AudioBufferSource::Continuation streamContinuation_;
     bool tapInstalled_ = false;
     std::shared_ptr<TapInlet> tapInlet_;
     std::shared_ptr<RepeatingTimer> drainTimer_;

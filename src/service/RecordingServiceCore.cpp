@@ -165,9 +165,9 @@ EventStream<RecordingEvent> RecordingServiceCore::prepareRecording(
     std::filesystem::path fileURL =
         outputFile ? *outputFile : dependencies_.generateRecordingFileURL(configuration.audioFormat);
 
-    auto made = EventStream<RecordingEvent>::make();
+    auto made = EventSource<RecordingEvent>::make();
     EventStream<RecordingEvent> stream = made.first;
-    EventStream<RecordingEvent>::Continuation continuation = made.second;
+    EventSource<RecordingEvent>::Continuation continuation = made.second;
 
     joinEndedTasks(turn);
     auto task = std::make_shared<ForwardingTask>(sessionGeneration_);
@@ -209,7 +209,7 @@ void RecordingServiceCore::forwardEvents(std::weak_ptr<RecordingServiceCore> wea
                                          std::shared_ptr<ForwardingTask> task, std::filesystem::path fileURL,
                                          RecordingConfiguration configuration,
                                          std::optional<MicrophoneDevice> microphone,
-                                         EventStream<RecordingEvent>::Continuation continuation) {
+                                         EventSource<RecordingEvent>::Continuation continuation) {
     std::optional<EventStream<RecordingEvent>> events;
     std::exception_ptr failure;
     if (auto core = weakCore.lock()) {
@@ -273,7 +273,7 @@ std::optional<EventStream<RecordingEvent>> RecordingServiceCore::makeRecorderAnd
 }
 
 void RecordingServiceCore::relayEvent(ForwardingTask& task, RecordingEvent event,
-                                      const EventStream<RecordingEvent>::Continuation& continuation, Turn& turn) {
+                                      const EventSource<RecordingEvent>::Continuation& continuation, Turn& turn) {
     // A task that was cleaned up while this event waited for the turn still hands it on
     // (it may be the `finished` a stopping caller waits for) but no longer moves the state.
     if (event.kind == RecordingEvent::Kind::progress && recordingState_ != RecordingState::recording &&
@@ -284,7 +284,7 @@ void RecordingServiceCore::relayEvent(ForwardingTask& task, RecordingEvent event
 }
 
 void RecordingServiceCore::finishForwarding(ForwardingTask& task, std::exception_ptr failure,
-                                            const EventStream<RecordingEvent>::Continuation& continuation,
+                                            const EventSource<RecordingEvent>::Continuation& continuation,
                                             Turn& turn) {
     // A task of an earlier session (released by a restart) must not touch the new one.
     const bool ownSession = isCurrentSession(task.sessionGeneration(), turn);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "dispatch/SerialQueue.hpp"
+#include "model/EventSource.hpp"
 #include "service/ForwardingTask.hpp"
 #include "service/RecordingServiceDependencies.hpp"
 #include "veltoaudio/RecordingState.hpp"
@@ -72,14 +73,14 @@ private:
     static void forwardEvents(std::weak_ptr<RecordingServiceCore> weakCore, std::shared_ptr<ForwardingTask> task,
                               std::filesystem::path fileURL, RecordingConfiguration configuration,
                               std::optional<MicrophoneDevice> microphone,
-                              EventStream<RecordingEvent>::Continuation continuation);
+                              EventSource<RecordingEvent>::Continuation continuation);
     std::optional<EventStream<RecordingEvent>> makeRecorderAndTakeEvents(
         ForwardingTask& task, const std::filesystem::path& fileURL, const RecordingConfiguration& configuration,
         const std::optional<MicrophoneDevice>& microphone, Turn&);
     void relayEvent(ForwardingTask& task, RecordingEvent event,
-                    const EventStream<RecordingEvent>::Continuation& continuation, Turn&);
+                    const EventSource<RecordingEvent>::Continuation& continuation, Turn&);
     void finishForwarding(ForwardingTask& task, std::exception_ptr failure,
-                          const EventStream<RecordingEvent>::Continuation& continuation, Turn&);
+                          const EventSource<RecordingEvent>::Continuation& continuation, Turn&);
     void cleanupForTerminatedStream(std::uint64_t generation);
 
     // Waits, without the turn, for the recording's last events to be relayed after the

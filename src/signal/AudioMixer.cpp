@@ -254,7 +254,7 @@ void AudioMixer::stopMixing() {
 AudioBufferStream AudioMixer::audioStream() {
     std::lock_guard guard(streamLock_);
     if (!audioStream_) {
-        auto [stream, continuation] = AudioBufferStream::make();
+        auto [stream, continuation] = AudioBufferSource::make();
         audioStream_ = std::move(stream);
         audioStreamContinuation_ = std::move(continuation);
     }

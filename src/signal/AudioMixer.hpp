@@ -14,6 +14,7 @@
 #include "signal/AudioFile.hpp"
 #include "signal/AudioMixerError.hpp"
 #include "signal/FloatRingBuffer.hpp"
+#include "model/EventSource.hpp"
 #include "signal/MonoSampleFifo.hpp"
 #include "veltoaudio/AudioLevels.hpp"
 #include "veltoaudio/EventStream.hpp"
@@ -197,7 +198,7 @@ private:
 
     mutable std::mutex streamLock_;
     std::optional<AudioBufferStream> audioStream_;                        // guarded by streamLock_
-    std::optional<AudioBufferStream::Continuation> audioStreamContinuation_;  // guarded by streamLock_
+    std::optional<AudioBufferSource::Continuation> audioStreamContinuation_;  // guarded by streamLock_
     std::function<void(ErrorPtr)> writeFailureHandler_;                   // guarded by streamLock_
 };
 

@@ -87,10 +87,10 @@ UnifiedAudioRecorder::UnifiedAudioRecorder(const Private&, std::filesystem::path
       configuration_(std::move(configuration)),
       liveOutput_(std::make_shared<LiveOutput>()),
       mixingTicks_(mixingTicks) {
-    auto [audio, audioContinuation] = AudioBufferStream::make();
+    auto [audio, audioContinuation] = AudioBufferSource::make();
     audioStream_ = std::move(audio);
     liveOutput_->audioStreamContinuation = std::move(audioContinuation);
-    auto [events, eventsContinuation] = EventStream<RecordingEvent>::make();
+    auto [events, eventsContinuation] = EventSource<RecordingEvent>::make();
     stream_ = std::move(events);
     recordingEventStreamContinuation_ = std::move(eventsContinuation);
 }
@@ -302,7 +302,7 @@ void UnifiedAudioRecorder::startForwarding(const std::shared_ptr<AudioMixer>& mi
     // thread of ours woken for every block. The relay holds the shared live output and
     // only a weak reference to the mixer: whoever yields a block already holds the mixer.
     relayedMixerStream_ = mixer->audioStream();
-    relayedMixerStream_.relay([weakMixer, live = liveOutput_](std::shared_ptr<PcmBuffer> block) {
+    AudioBufferSource::relay(relayedMixerStream_, [weakMixer, live = liveOutput_](std::shared_ptr<PcmBuffer> block) {
         live->audioStreamContinuation.yield(std::move(block));
         if (auto yieldingMixer = weakMixer.lock()) live->setLevels(yieldingMixer->currentLevels());
     });

@@ -26,6 +26,7 @@
 #include "dispatch/Clock.hpp"
 #include "dispatch/RepeatingTimer.hpp"
 #include "dispatch/SerialQueue.hpp"
+#include "model/EventSource.hpp"
 #include "platform/PlatformServices.hpp"
 #include "service/AudioRecorderProtocol.hpp"
 #include "signal/AudioMixer.hpp"
@@ -80,7 +81,7 @@ public:
     // What the forwarding threads share with the recorder: the live audio stream's
     // producer end and the mixer's latest levels. Any thread.
     struct LiveOutput {
-        AudioBufferStream::Continuation audioStreamContinuation;
+        AudioBufferSource::Continuation audioStreamContinuation;
         mutable std::mutex levelsLock;
         AudioLevels currentLevels = AudioLevels::silence();  // guarded by levelsLock
         AudioLevels levels() const;
@@ -127,7 +128,7 @@ private:
     // Fixed at creation.
     AudioBufferStream audioStream_;
     EventStream<RecordingEvent> stream_;
-    EventStream<RecordingEvent>::Continuation recordingEventStreamContinuation_;
+    EventSource<RecordingEvent>::Continuation recordingEventStreamContinuation_;
 
     // Work queue only.
     std::shared_ptr<SystemAudioTap> systemAudioTap_;

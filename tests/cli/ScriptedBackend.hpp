@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "RecordingBackend.hpp"
+#include "model/EventSource.hpp"
 
 namespace velto::cli::testing {
 
@@ -62,7 +63,7 @@ public:
         }
         startedConfiguration = configuration;
         requestedOutput = outputFile;
-        auto [stream, continuation] = EventStream<RecordingEvent>::make();
+        auto [stream, continuation] = EventSource<RecordingEvent>::make();
         std::filesystem::path file = outputFile ? *outputFile : defaultFile;
         recorder_ = std::thread([this, continuation = continuation, file] { record(continuation, file); });
         return stream;
@@ -99,7 +100,7 @@ private:
         changed_.notify_all();
     }
 
-    void record(const EventStream<RecordingEvent>::Continuation& events, const std::filesystem::path& file) {
+    void record(const EventSource<RecordingEvent>::Continuation& events, const std::filesystem::path& file) {
         if (sendsStartEvents) {
             events.yield(RecordingEvent::starting());
             events.yield(RecordingEvent::started());
