@@ -99,18 +99,7 @@ AudioRecorder::~AudioRecorder() {
 
 EventStream<RecordingEvent> AudioRecorder::events() { return stream_; }
 
-AudioBufferStream AudioRecorder::audioStream() {
-    std::lock_guard lock(audioStreamLock_);
-    if (!audioStream_) {
-        auto [stream, continuation] = AudioBufferSource::make();
-        audioStream_ = stream;
-        std::weak_ptr<AudioRecorder> weak = weak_from_this();
-        queue_->async([weak, continuation] {
-            if (auto self = weak.lock()) self->streamContinuation_ = continuation;
-        });
-    }
-    return *audioStream_;
-}
+AudioBufferStream AudioRecorder::audioStream() { return liveAudio_.stream(); }
 
 void AudioRecorder::stop() {
     auto self = shared_from_this();
@@ -290,7 +279,7 @@ void AudioRecorder::processAudioBuffer(const std::shared_ptr<PcmBuffer>& buffer)
         return;
     }
 
-    if (streamContinuation_) streamContinuation_.yield(output);
+    liveAudio_.deliver(output);
     const AudioLevels levels = calculateLevels(*output);
     continuation_.yield(RecordingEvent::progress(elapsedSeconds(), levels));
 }
@@ -434,8 +423,7 @@ void AudioRecorder::cleanup() {
     audioFile_.reset();
     audioConverter_.reset();
     recordingStartSeconds_.reset();
-    if (streamContinuation_) streamContinuation_.finish();
-    streamContinuation_ = {};
+    liveAudio_.finish();
 }
 
 const char* caseName(AudioRecorder::RecorderState state) {

@@ -20,6 +20,7 @@
 #include "dispatch/RepeatingTimer.hpp"
 #include "dispatch/SerialQueue.hpp"
 #include "model/EventSource.hpp"
+#include "model/LiveAudioFeed.hpp"
 #include "platform/PlatformServices.hpp"
 #include "service/AudioRecorderProtocol.hpp"
 #include "veltoaudio/AudioFormat.hpp"
@@ -99,7 +100,6 @@ private:
     std::shared_ptr<AudioConverter> audioConverter_;
     EventSource<RecordingEvent>::Continuation continuation_;
     RecorderState recorderState_ = RecorderState::idle;
-    AudioBufferSource::Continuation streamContinuation_;
     bool tapInstalled_ = false;
     std::shared_ptr<TapInlet> tapInlet_;
     std::shared_ptr<RepeatingTimer> drainTimer_;
@@ -108,9 +108,8 @@ private:
     // Fixed at creation.
     EventStream<RecordingEvent> stream_;
 
-    // The audio stream is made on first read, from any thread.
-    std::mutex audioStreamLock_;
-    std::optional<AudioBufferStream> audioStream_;  // guarded by audioStreamLock_
+    // Any thread: the host opts in by reading audioStream().
+    LiveAudioFeed liveAudio_;
 };
 
 const char* caseName(AudioRecorder::RecorderState state);

@@ -82,7 +82,10 @@ RecordingState RecordingServiceCore::recordingState() {
 
 std::optional<AudioBufferStream> RecordingServiceCore::audioStream() {
     Turn turn(turn_);
-    return audioStream_;
+    // Asked for, not taken at construction: a recorder keeps no live copy of its audio
+    // until a host wants one.
+    if (!recorderStream_) return std::nullopt;
+    return recorderStream_->audioStream();
 }
 
 bool RecordingServiceCore::isCurrentSession(std::uint64_t generation, Turn&) const {
@@ -101,7 +104,6 @@ void RecordingServiceCore::cleanup(Turn& turn) {
     }
     // The recorder is released without any call on it.
     recorderStream_.reset();
-    audioStream_.reset();
     transition(RecordingState::idle, turn);
     logger().debug("Cleanup completed");
 }
@@ -266,7 +268,6 @@ std::optional<EventStream<RecordingEvent>> RecordingServiceCore::makeRecorderAnd
     if (!recorder) throw RecordingError::recorderInitializationFailed();
 
     recorderStream_ = recorder;
-    audioStream_ = recorder->audioStream();
     EventStream<RecordingEvent> events = recorder->events();
     task.setRecorderEvents(events);
     return events;
@@ -329,7 +330,7 @@ void RecordingServiceCore::waitForForwardingToEnd(const std::shared_ptr<Forwardi
 
 // MARK: - Control
 
-void RecordingServiceCore::stopRecording() {
+void RecordingServiceCore::stopRecording() noexcept {
     std::shared_ptr<AudioRecorderProtocol> recorder;
     std::shared_ptr<ForwardingTask> task;
     {
@@ -355,7 +356,7 @@ void RecordingServiceCore::stopRecording() {
     cleanup(turn);
 }
 
-void RecordingServiceCore::cancelRecording() {
+void RecordingServiceCore::cancelRecording() noexcept {
     std::shared_ptr<AudioRecorderProtocol> recorder;
     std::shared_ptr<ForwardingTask> task;
     {
@@ -382,7 +383,7 @@ void RecordingServiceCore::cancelRecording() {
     cleanup(turn);
 }
 
-void RecordingServiceCore::pauseRecording() {
+void RecordingServiceCore::pauseRecording() noexcept {
     std::shared_ptr<AudioRecorderProtocol> recorder;
     {
         Turn turn(turn_);
@@ -404,7 +405,7 @@ void RecordingServiceCore::pauseRecording() {
     logger().debug("Recording session paused successfully");
 }
 
-void RecordingServiceCore::resumeRecording() {
+void RecordingServiceCore::resumeRecording() noexcept {
     std::shared_ptr<AudioRecorderProtocol> recorder;
     {
         Turn turn(turn_);

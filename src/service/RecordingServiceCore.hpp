@@ -38,10 +38,10 @@ public:
     EventStream<RecordingEvent> startRecording(const RecordingConfiguration& configuration,
                                                const std::optional<std::filesystem::path>& outputFile);
     EventStream<RecordingEvent> restartRecording();
-    void stopRecording();
-    void cancelRecording();
-    void pauseRecording();
-    void resumeRecording();
+    void stopRecording() noexcept;
+    void cancelRecording() noexcept;
+    void pauseRecording() noexcept;
+    void resumeRecording() noexcept;
 
     bool hasPermission();
     bool requestSystemAudioPermission();
@@ -96,7 +96,6 @@ private:
     std::shared_ptr<AudioRecorderProtocol> recorderStream_;                // [turn]
     std::shared_ptr<ForwardingTask> recordingTask_;                        // [turn]
     std::optional<RecordingConfiguration> configuration_;                  // [turn]
-    std::optional<AudioBufferStream> audioStream_;                         // [turn]
     // Counts accepted starts, so that a task or handler of an earlier session never
     // cleans up a later one.
     std::uint64_t sessionGeneration_ = 0;                                  // [turn]

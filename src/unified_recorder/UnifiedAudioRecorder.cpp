@@ -87,9 +87,6 @@ UnifiedAudioRecorder::UnifiedAudioRecorder(const Private&, std::filesystem::path
       configuration_(std::move(configuration)),
       liveOutput_(std::make_shared<LiveOutput>()),
       mixingTicks_(mixingTicks) {
-    auto [audio, audioContinuation] = AudioBufferSource::make();
-    audioStream_ = std::move(audio);
-    liveOutput_->audioStreamContinuation = std::move(audioContinuation);
     auto [events, eventsContinuation] = EventSource<RecordingEvent>::make();
     stream_ = std::move(events);
     recordingEventStreamContinuation_ = std::move(eventsContinuation);
@@ -108,7 +105,7 @@ UnifiedAudioRecorder::~UnifiedAudioRecorder() {
     if (systemAudioTap_) systemAudioTap_->stop();
     if (microphoneCapture_) microphoneCapture_->stop();
     if (audioFile_) audioFile_->close();
-    liveOutput_->audioStreamContinuation.finish();
+    liveOutput_->audio.finish();
 }
 
 EventStream<RecordingEvent> UnifiedAudioRecorder::events() {
@@ -119,7 +116,7 @@ EventStream<RecordingEvent> UnifiedAudioRecorder::events() {
     return stream_;
 }
 
-AudioBufferStream UnifiedAudioRecorder::audioStream() { return audioStream_; }
+AudioBufferStream UnifiedAudioRecorder::audioStream() { return liveOutput_->audio.stream(); }
 
 void UnifiedAudioRecorder::stop() {
     auto self = shared_from_this();
@@ -303,7 +300,7 @@ void UnifiedAudioRecorder::startForwarding(const std::shared_ptr<AudioMixer>& mi
     // only a weak reference to the mixer: whoever yields a block already holds the mixer.
     relayedMixerStream_ = mixer->audioStream();
     AudioBufferSource::relay(relayedMixerStream_, [weakMixer, live = liveOutput_](std::shared_ptr<PcmBuffer> block) {
-        live->audioStreamContinuation.yield(std::move(block));
+        live->audio.deliver(std::move(block));
         if (auto yieldingMixer = weakMixer.lock()) live->setLevels(yieldingMixer->currentLevels());
     });
 }
@@ -463,7 +460,7 @@ void UnifiedAudioRecorder::cleanup(std::exception_ptr endingError) {
     microphoneCapture_.reset();
     if (audioFile_) audioFile_->close();
     audioFile_.reset();
-    liveOutput_->audioStreamContinuation.finish();
+    liveOutput_->audio.finish();
 
     switch (recorderState_) {
         case RecorderState::cancelling:

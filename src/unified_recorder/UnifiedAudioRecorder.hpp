@@ -27,6 +27,7 @@
 #include "dispatch/RepeatingTimer.hpp"
 #include "dispatch/SerialQueue.hpp"
 #include "model/EventSource.hpp"
+#include "model/LiveAudioFeed.hpp"
 #include "platform/PlatformServices.hpp"
 #include "service/AudioRecorderProtocol.hpp"
 #include "signal/AudioMixer.hpp"
@@ -78,10 +79,10 @@ public:
     // The queue every recorder works on unless given its own.
     static const std::shared_ptr<SerialQueue>& sharedWorkQueue();
 
-    // What the forwarding threads share with the recorder: the live audio stream's
-    // producer end and the mixer's latest levels. Any thread.
+    // What the forwarding threads share with the recorder: the live audio feed and the
+    // mixer's latest levels. Any thread.
     struct LiveOutput {
-        AudioBufferSource::Continuation audioStreamContinuation;
+        LiveAudioFeed audio;
         mutable std::mutex levelsLock;
         AudioLevels currentLevels = AudioLevels::silence();  // guarded by levelsLock
         AudioLevels levels() const;
@@ -126,7 +127,6 @@ private:
     const MixingTicks mixingTicks_;
 
     // Fixed at creation.
-    AudioBufferStream audioStream_;
     EventStream<RecordingEvent> stream_;
     EventSource<RecordingEvent>::Continuation recordingEventStreamContinuation_;
 
