@@ -44,7 +44,6 @@ public:
     // What happened.
     std::optional<RecordingConfiguration> startedConfiguration;
     std::optional<std::filesystem::path> requestedOutput;
-    int discardCalls = 0;  // main thread only
 
     int stopCalls() const {
         std::lock_guard lock(mutex_);
@@ -69,7 +68,6 @@ public:
         return stream;
     }
 
-    void discardAudioBuffers() override { ++discardCalls; }
     void stopRecording() override { request(&stopCalls_); }
     void cancelRecording() override { request(&cancelCalls_); }
 
