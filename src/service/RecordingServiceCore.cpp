@@ -27,7 +27,7 @@ constexpr const char* kDefaultMicrophoneStorageKey = "selectedMicrophoneDeviceId
 RecordingServiceDependencies withDefaults(RecordingServiceDependencies dependencies) {
     if (!dependencies.microphoneStorage) {
         dependencies.microphoneStorage =
-            std::make_shared<UserDefaultsMicrophoneStorage>(UserDefaults::standard(), kDefaultMicrophoneStorageKey);
+            std::make_shared<UserDefaultsMicrophoneStorage>(kDefaultMicrophoneStorageKey);
     }
     if (!dependencies.clock) dependencies.clock = Clock::system();
     if (!dependencies.operatingSystemVersion) dependencies.operatingSystemVersion = currentOperatingSystemVersion;

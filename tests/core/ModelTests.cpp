@@ -4,6 +4,7 @@
 #include <unordered_set>
 
 #include "logging/NumberFormat.hpp"
+#include "model/AudioSettings.hpp"
 #include "veltoaudio/veltoaudio.hpp"
 
 namespace velto {
