@@ -7,13 +7,15 @@
 #include <string>
 #include <vector>
 
+#include "veltoaudio/Export.hpp"
+
 namespace velto {
 
 template <class T>
 class EventStream;
 
 // The format of a block of 32-bit float samples.
-struct PcmFormat {
+struct VELTO_EXPORT PcmFormat {
     double sampleRate = 0;      // hertz
     uint32_t channelCount = 0;
     bool interleaved = false;
@@ -36,7 +38,7 @@ struct PcmFormat {
 // would either share it behind the original's back or dangle once the original
 // goes. Blocks are shared through std::shared_ptr instead. A moved-from buffer
 // holds no frames and no channel pointers.
-class PcmBuffer {
+class VELTO_EXPORT PcmBuffer {
 public:
     // Null when the format is invalid or the storage cannot be allocated.
     static std::shared_ptr<PcmBuffer> make(const PcmFormat& format, uint32_t frameCapacityFrames);

@@ -3,12 +3,17 @@
 #include <cstdint>
 
 #include "veltoaudio/Error.hpp"
+#include "veltoaudio/Export.hpp"
 
 namespace velto {
 
+class RecordingError;
+// Same case and same payload; wrapped errors compare by their descriptions.
+VELTO_EXPORT bool operator==(const RecordingError& lhs, const RecordingError& rhs);
+
 // The library's public error type: every failure the service detects itself,
 // and the failures of capture and recording.
-class RecordingError final : public Error {
+class VELTO_EXPORT RecordingError final : public Error {
 public:
     enum class Code {
         sessionConfigurationFailed,
@@ -52,7 +57,6 @@ public:
     // The wrapped error of the four wrapping cases; null for the others.
     const ErrorPtr& underlyingError() const noexcept { return underlying_; }
 
-    // Same case and same payload; wrapped errors compare by their descriptions.
     friend bool operator==(const RecordingError& lhs, const RecordingError& rhs);
 
 private:
@@ -63,6 +67,6 @@ private:
     ErrorPtr underlying_;
 };
 
-const char* caseName(RecordingError::Code code);
+VELTO_EXPORT const char* caseName(RecordingError::Code code);
 
 }  // namespace velto

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 
+#include "veltoaudio/Export.hpp"
 #include "veltoaudio/AudioLevels.hpp"
 
 namespace velto {
@@ -34,6 +35,6 @@ private:
         : kind(kind), elapsedSeconds(elapsed), audioLevels(levels), fileURL(std::move(file)) {}
 };
 
-const char* caseName(RecordingEvent::Kind kind);
+VELTO_EXPORT const char* caseName(RecordingEvent::Kind kind);
 
 }  // namespace velto
