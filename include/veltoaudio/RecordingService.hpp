@@ -64,7 +64,9 @@ public:
 
 private:
     friend struct RecordingServiceAssembly;
-    VELTO_HIDDEN explicit RecordingService(std::shared_ptr<RecordingServiceCore> core);
+    // Tagged, so that RecordingService(nullptr) still means the default storage.
+    struct FromCore {};
+    VELTO_HIDDEN RecordingService(FromCore, std::shared_ptr<RecordingServiceCore> core);
 
     // Shared so that the forwarding task and the stream's termination handler can hold
     // it weakly and do nothing once the service is gone.

@@ -6,12 +6,13 @@
 namespace velto {
 
 RecordingService::RecordingService(std::shared_ptr<MicrophonePreferencesStorage> microphoneStorage)
-    : RecordingService(RecordingServiceCore::create(defaultRecordingServiceDependencies(std::move(microphoneStorage)))) {}
+    : RecordingService(FromCore{},
+                       RecordingServiceCore::create(defaultRecordingServiceDependencies(std::move(microphoneStorage)))) {}
 
-RecordingService::RecordingService(std::shared_ptr<RecordingServiceCore> core) : core_(std::move(core)) {}
+RecordingService::RecordingService(FromCore, std::shared_ptr<RecordingServiceCore> core) : core_(std::move(core)) {}
 
 std::unique_ptr<RecordingService> RecordingServiceAssembly::make(RecordingServiceDependencies dependencies) {
-    return std::unique_ptr<RecordingService>(new RecordingService(RecordingServiceCore::create(std::move(dependencies))));
+    return std::unique_ptr<RecordingService>(new RecordingService(RecordingService::FromCore{}, RecordingServiceCore::create(std::move(dependencies))));
 }
 
 RecordingService::~RecordingService() { core_->shutdown(); }
