@@ -185,11 +185,6 @@ void RecordCommand::readEvents(EventStream<RecordingEvent>& events, Outcome& out
 }
 
 void RecordCommand::handle(const RecordingEvent& event, Outcome& outcome) {
-    if (!sawEvent_) {
-        // The recorder exists once it speaks: from now on its buffers can be refused.
-        sawEvent_ = true;
-        backend_.discardAudioBuffers();
-    }
     if (options_.json) console_.printResult(jsonLine(eventJson(event)));
     switch (event.kind) {
         case RecordingEvent::Kind::progress:

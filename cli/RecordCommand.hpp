@@ -75,7 +75,6 @@ private:
     RecordEnvironment environment_;
     // Main thread only.
     double startedAtSeconds_ = 0;
-    bool sawEvent_ = false;
     bool sawProgress_ = false;
     bool stalled_ = false;  // cancelled because no progress event ever arrived
     double recordedSeconds_ = 0;

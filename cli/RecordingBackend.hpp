@@ -25,10 +25,6 @@ public:
     // `outputFile` the library chooses the file in its recordings folder.
     virtual EventStream<RecordingEvent> startRecording(const RecordingConfiguration& configuration,
                                                        const std::optional<std::filesystem::path>& outputFile) = 0;
-    // Stops the delivery of the running recording's audio buffers. Their stream buffers
-    // without limit, so a program that does not read it must let go of it, or it holds
-    // every recorded buffer in memory until the recording ends. Never throws.
-    virtual void discardAudioBuffers() = 0;
     // Block until the recorder has acted; never throw.
     virtual void stopRecording() = 0;
     virtual void cancelRecording() = 0;

@@ -10,10 +10,6 @@ EventStream<RecordingEvent> ServiceBackend::startRecording(const RecordingConfig
     return service_->startRecording(configuration);
 }
 
-void ServiceBackend::discardAudioBuffers() {
-    if (auto buffers = service_->audioStream()) buffers->cancel();
-}
-
 void ServiceBackend::stopRecording() { service_->stopRecording(); }
 void ServiceBackend::cancelRecording() { service_->cancelRecording(); }
 void ServiceBackend::pauseRecording() { service_->pauseRecording(); }

@@ -15,7 +15,6 @@ public:
 
     EventStream<RecordingEvent> startRecording(const RecordingConfiguration& configuration,
                                                const std::optional<std::filesystem::path>& outputFile) override;
-    void discardAudioBuffers() override;
     void stopRecording() override;
     void cancelRecording() override;
     void pauseRecording() override;

@@ -1,11 +1,9 @@
 #pragma once
 
-#include <cstdint>
-#include <map>
 #include <optional>
 #include <string>
-#include <variant>
 
+#include "veltoaudio/Export.hpp"
 #include "veltoaudio/PcmBuffer.hpp"
 
 namespace velto {
@@ -13,31 +11,13 @@ namespace velto {
 // Output file format. Both are written at 16000 Hz, one channel.
 enum class AudioFormat { wav, flac };
 
-// Values of the output-file settings: the type matters to the file writer
-// (an unsigned 32-bit code, a signed integer or a boolean).
-using AudioSettingValue = std::variant<uint32_t, int64_t, bool>;
-using AudioSettings = std::map<std::string, AudioSettingValue>;
-
-inline constexpr const char* AVFormatIDKey = "AVFormatIDKey";
-inline constexpr const char* AVSampleRateKey = "AVSampleRateKey";
-inline constexpr const char* AVNumberOfChannelsKey = "AVNumberOfChannelsKey";
-inline constexpr const char* AVLinearPCMBitDepthKey = "AVLinearPCMBitDepthKey";
-inline constexpr const char* AVLinearPCMIsFloatKey = "AVLinearPCMIsFloatKey";
-inline constexpr const char* AVLinearPCMIsBigEndianKey = "AVLinearPCMIsBigEndianKey";
-inline constexpr const char* AVLinearPCMIsNonInterleaved = "AVLinearPCMIsNonInterleaved";
-
-inline constexpr uint32_t kAudioFormatLinearPCM = 0x6C70636D;  // 'lpcm'
-inline constexpr uint32_t kAudioFormatFLAC = 0x666C6163;       // 'flac'
-
 // "wav" or "flac", without a leading dot.
-std::string fileExtension(AudioFormat format);
+VELTO_EXPORT std::string fileExtension(AudioFormat format);
 // 16000.0 for both formats; callers still treat it as optional.
-std::optional<double> targetSampleRate(AudioFormat format);
+VELTO_EXPORT std::optional<double> targetSampleRate(AudioFormat format);
 // 32-bit float, 16000 Hz, one channel, interleaved, whatever the format.
-std::optional<PcmFormat> avAudioFormat(AudioFormat format);
-// The settings handed to the file writer: 7 entries for WAV, 5 for FLAC.
-AudioSettings makeAudioSettings(AudioFormat format);
+VELTO_EXPORT std::optional<PcmFormat> avAudioFormat(AudioFormat format);
 
-const char* caseName(AudioFormat format);
+VELTO_EXPORT const char* caseName(AudioFormat format);
 
 }  // namespace velto

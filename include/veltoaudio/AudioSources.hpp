@@ -2,6 +2,8 @@
 
 #include <optional>
 
+#include "veltoaudio/Export.hpp"
+
 namespace velto {
 
 // What system audio to capture: every process's output.
@@ -31,6 +33,6 @@ private:
     std::optional<CaptureTarget> target_;
 };
 
-const char* caseName(AudioSources::Kind kind);
+VELTO_EXPORT const char* caseName(AudioSources::Kind kind);
 
 }  // namespace velto

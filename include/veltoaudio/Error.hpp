@@ -5,12 +5,14 @@
 #include <memory>
 #include <string>
 
+#include "veltoaudio/Export.hpp"
+
 namespace velto {
 
 // Base of every error this library throws. Each error type is an enumeration of
 // cases with a fixed user-facing description; an error that wraps another reads
 // "prefix: underlying description".
-class Error : public std::exception {
+class VELTO_EXPORT Error : public std::exception {
 public:
     // The user-facing, localised description. Never empty.
     const std::string& errorDescription() const noexcept { return description_; }
@@ -32,7 +34,7 @@ using ErrorPtr = std::shared_ptr<const Error>;
 
 // A failure reported by the platform underneath the library (the sound server,
 // the file system, libsndfile, libsoxr ...). Its description is the platform's own text.
-class PlatformError final : public Error {
+class VELTO_EXPORT PlatformError final : public Error {
 public:
     PlatformError(std::string domain, int64_t code, std::string description);
     const std::string& domain() const noexcept { return domain_; }
@@ -45,12 +47,12 @@ private:
 
 // The localised description of anything thrown: errorDescription() for our
 // errors, what() for other exceptions, a fixed text for the rest.
-std::string describeError(const std::exception_ptr& error);
+VELTO_EXPORT std::string describeError(const std::exception_ptr& error);
 // The default textual form of anything thrown (caseDescription() for our errors).
-std::string caseDescriptionOf(const std::exception_ptr& error);
+VELTO_EXPORT std::string caseDescriptionOf(const std::exception_ptr& error);
 // Any thrown error, kept for wrapping: it reads as the original (same
 // description and textual form) and keeps the original for rethrowing.
-class CapturedError final : public Error {
+class VELTO_EXPORT CapturedError final : public Error {
 public:
     explicit CapturedError(std::exception_ptr original);
     const std::exception_ptr& original() const noexcept { return original_; }
@@ -60,6 +62,6 @@ private:
 };
 
 // Keeps a thrown error as an ErrorPtr (a CapturedError); null stays null.
-ErrorPtr captureError(const std::exception_ptr& error);
+VELTO_EXPORT ErrorPtr captureError(const std::exception_ptr& error);
 
 }  // namespace velto

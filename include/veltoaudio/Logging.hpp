@@ -3,6 +3,8 @@
 #include <functional>
 #include <string_view>
 
+#include "veltoaudio/Export.hpp"
+
 namespace velto {
 
 // The library's reverse-DNS identifier prefix: log subsystem, queue labels and
@@ -12,7 +14,7 @@ inline constexpr const char* kLogSubsystem = "io.veltoaudio.Ondrel";
 
 enum class LogLevel { debug, info, error, critical };
 
-const char* caseName(LogLevel level);
+VELTO_EXPORT const char* caseName(LogLevel level);
 
 // Receives every message the library logs, fully built; the sink must write the
 // text unchanged. Called from any thread, including audio threads for sampled
@@ -22,10 +24,10 @@ using LogSink = std::function<void(LogLevel level, std::string_view subsystem, s
 
 // Replaces the process-wide sink; an empty function restores the default, which
 // writes to standard error. Thread-safe.
-void setLogSink(LogSink sink);
+VELTO_EXPORT void setLogSink(LogSink sink);
 // Messages below this level are dropped before they reach the sink (default:
 // info, like a system log that keeps debug lines only when asked to).
-void setMinimumLogLevel(LogLevel level);
-LogLevel minimumLogLevel();
+VELTO_EXPORT void setMinimumLogLevel(LogLevel level);
+VELTO_EXPORT LogLevel minimumLogLevel();
 
 }  // namespace velto

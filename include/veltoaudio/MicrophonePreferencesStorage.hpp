@@ -3,6 +3,8 @@
 #include <optional>
 #include <string>
 
+#include "veltoaudio/Export.hpp"
+
 namespace velto {
 
 // Where the preferred microphone's device id is kept between runs. A host application
@@ -10,7 +12,7 @@ namespace velto {
 //
 // Threads: the recording service calls it from its serialised context; an implementation
 // shared with other code must be safe for that itself.
-class MicrophonePreferencesStorage {
+class VELTO_EXPORT MicrophonePreferencesStorage {
 public:
     virtual ~MicrophonePreferencesStorage() = default;
 

@@ -7,13 +7,15 @@
 #include <string>
 #include <vector>
 
+#include "veltoaudio/Export.hpp"
+
 namespace velto {
 
 template <class T>
 class EventStream;
 
 // The format of a block of 32-bit float samples.
-struct PcmFormat {
+struct VELTO_EXPORT PcmFormat {
     double sampleRate = 0;      // hertz
     uint32_t channelCount = 0;
     bool interleaved = false;
@@ -31,12 +33,22 @@ struct PcmFormat {
 // A block of 32-bit float samples with a format, a frame capacity and a frame
 // length: the unit that flows on the audio streams and into the output file.
 // Not thread-safe; a buffer handed to a stream is not written again.
-class PcmBuffer {
+//
+// Move-only: the channel pointers point into the buffer's own storage, so a copy
+// would either share it behind the original's back or dangle once the original
+// goes. Blocks are shared through std::shared_ptr instead. A moved-from buffer
+// holds no frames and no channel pointers.
+class VELTO_EXPORT PcmBuffer {
 public:
     // Null when the format is invalid or the storage cannot be allocated.
     static std::shared_ptr<PcmBuffer> make(const PcmFormat& format, uint32_t frameCapacityFrames);
 
     PcmBuffer(const PcmFormat& format, uint32_t frameCapacityFrames);
+    PcmBuffer(const PcmBuffer&) = delete;
+    PcmBuffer& operator=(const PcmBuffer&) = delete;
+    PcmBuffer(PcmBuffer&& other) noexcept;
+    PcmBuffer& operator=(PcmBuffer&& other) noexcept;
+    ~PcmBuffer() = default;
 
     const PcmFormat& format() const { return format_; }
     uint32_t channelCount() const { return format_.channelCount; }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "veltoaudio/Export.hpp"
+
 namespace velto {
 
 // State of one privacy permission.
@@ -11,7 +13,7 @@ constexpr bool isGrantedOrNotRequired(PermissionState state) {
 constexpr bool isDenied(PermissionState state) { return state == PermissionState::denied; }
 constexpr bool isNotDetermined(PermissionState state) { return state == PermissionState::notDetermined; }
 
-const char* caseName(PermissionState state);
+VELTO_EXPORT const char* caseName(PermissionState state);
 
 // The permissions a configuration needs.
 struct PermissionStatus {

@@ -4,12 +4,17 @@
 #include <string>
 
 #include "veltoaudio/Error.hpp"
+#include "veltoaudio/Export.hpp"
 
 namespace velto {
 
+class RecordingError;
+// Same case and same payload; wrapped errors compare by their descriptions.
+VELTO_EXPORT bool operator==(const RecordingError& lhs, const RecordingError& rhs);
+
 // The library's public error type: every failure the service detects itself,
 // and the failures of capture and recording.
-class RecordingError final : public Error {
+class VELTO_EXPORT RecordingError final : public Error {
 public:
     enum class Code {
         sessionConfigurationFailed,
@@ -61,7 +66,6 @@ public:
     // The address tried, for soundServerUnreachable; empty for the others.
     const std::string& serverAddress() const noexcept { return serverAddress_; }
 
-    // Same case and same payload; wrapped errors compare by their descriptions.
     friend bool operator==(const RecordingError& lhs, const RecordingError& rhs);
 
 private:
@@ -75,8 +79,8 @@ private:
 
 // A platform status code as the descriptions show it: the decimal number, followed by
 // what it means where that is known ("1937010544 'stop', sound server not running").
-std::string describeStatusCode(int32_t status);
+VELTO_EXPORT std::string describeStatusCode(int32_t status);
 
-const char* caseName(RecordingError::Code code);
+VELTO_EXPORT const char* caseName(RecordingError::Code code);
 
 }  // namespace velto

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "veltoaudio/Export.hpp"
 #include "veltoaudio/AudioLevels.hpp"
 
 namespace velto {
@@ -64,7 +65,7 @@ private:
         : kind(kind), elapsedSeconds(elapsed), audioLevels(levels), fileURL(std::move(file)) {}
 };
 
-const char* caseName(RecordingEvent::Kind kind);
-const char* caseName(RecordingEvent::Source source);
+VELTO_EXPORT const char* caseName(RecordingEvent::Kind kind);
+VELTO_EXPORT const char* caseName(RecordingEvent::Source source);
 
 }  // namespace velto

@@ -5,14 +5,15 @@
 #include <optional>
 #include <vector>
 
+#include "veltoaudio/Export.hpp"
 #include "veltoaudio/MicrophonePreferencesStorage.hpp"
 #include "veltoaudio/RecordingServiceProtocol.hpp"
 #include "veltoaudio/RecordingState.hpp"
 
 namespace velto {
 
-struct RecordingServiceDependencies;
 class RecordingServiceCore;
+struct RecordingServiceAssembly;
 
 // The library's façade: checks permissions, picks a microphone, records one session at
 // a time and relays the recorder's events to the caller.
@@ -24,12 +25,10 @@ class RecordingServiceCore;
 // Lifetime: the service may be destroyed while a recording runs; the recording is then
 // cancelled and its event stream ends. Do not destroy it while another thread is inside
 // one of its operations.
-class RecordingService final : public RecordingServiceProtocol {
+class VELTO_EXPORT RecordingService final : public RecordingServiceProtocol {
 public:
     // A null storage selects the default: the user's preferences, key "selectedMicrophoneDeviceId".
     explicit RecordingService(std::shared_ptr<MicrophonePreferencesStorage> microphoneStorage);
-    // With every collaborator given (tests, embedders with their own platform layer).
-    explicit RecordingService(RecordingServiceDependencies dependencies);
     ~RecordingService() override;
     RecordingService(const RecordingService&) = delete;
     RecordingService& operator=(const RecordingService&) = delete;
@@ -48,10 +47,10 @@ public:
                                                const std::filesystem::path& outputFile);
     EventStream<RecordingEvent> restartRecording() override;
 
-    void stopRecording() override;
-    void cancelRecording() override;
-    void pauseRecording() override;
-    void resumeRecording() override;
+    void stopRecording() noexcept override;
+    void cancelRecording() noexcept override;
+    void pauseRecording() noexcept override;
+    void resumeRecording() noexcept override;
 
     bool hasPermission() override;
     bool requestSystemAudioPermission() override;
@@ -64,6 +63,11 @@ public:
     bool hasStoredMicrophonePreference() override;
 
 private:
+    friend struct RecordingServiceAssembly;
+    // Tagged, so that RecordingService(nullptr) still means the default storage.
+    struct FromCore {};
+    VELTO_HIDDEN RecordingService(FromCore, std::shared_ptr<RecordingServiceCore> core);
+
     // Shared so that the forwarding task and the stream's termination handler can hold
     // it weakly and do nothing once the service is gone.
     std::shared_ptr<RecordingServiceCore> core_;

@@ -3,6 +3,7 @@
 #include <optional>
 #include <vector>
 
+#include "veltoaudio/Export.hpp"
 #include "veltoaudio/EventStream.hpp"
 #include "veltoaudio/MicrophoneDevice.hpp"
 #include "veltoaudio/PcmBuffer.hpp"
@@ -14,7 +15,7 @@ namespace velto {
 
 // The public contract of the recording service. A conforming type runs its operations
 // one at a time; every member may be called from any thread and waits for its turn.
-class RecordingServiceProtocol {
+class VELTO_EXPORT RecordingServiceProtocol {
 public:
     virtual ~RecordingServiceProtocol() = default;
 
@@ -32,10 +33,10 @@ public:
     virtual EventStream<RecordingEvent> restartRecording() = 0;
 
     // Return when done; never throw. A refused call is logged and ignored.
-    virtual void stopRecording() = 0;
-    virtual void cancelRecording() = 0;
-    virtual void pauseRecording() = 0;
-    virtual void resumeRecording() = 0;
+    virtual void stopRecording() noexcept = 0;
+    virtual void cancelRecording() noexcept = 0;
+    virtual void pauseRecording() noexcept = 0;
+    virtual void resumeRecording() noexcept = 0;
 
     // Microphone access is authorised (system audio is not considered).
     virtual bool hasPermission() = 0;

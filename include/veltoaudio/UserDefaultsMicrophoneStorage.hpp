@@ -1,20 +1,29 @@
 #pragma once
 
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
 
+#include "veltoaudio/Export.hpp"
 #include "veltoaudio/MicrophonePreferencesStorage.hpp"
-#include "veltoaudio/UserDefaults.hpp"
 
 namespace velto {
 
-// Keeps the preferred microphone's device id in a user-defaults store under one key.
+class UserDefaults;
+
+// Keeps the preferred microphone's device id under one key of a preferences file: one
+// JSON object, replaced atomically on every write and locked against other processes
+// writing at once, so a value written by another process is seen at once.
 //
 // Threads: any thread; the store serialises access itself.
-class UserDefaultsMicrophoneStorage final : public MicrophonePreferencesStorage {
+class VELTO_EXPORT UserDefaultsMicrophoneStorage final : public MicrophonePreferencesStorage {
 public:
-    UserDefaultsMicrophoneStorage(std::shared_ptr<UserDefaults> userDefaults, std::string storageKey);
+    // In the user's preferences: $XDG_CONFIG_HOME/io.veltoaudio/preferences.json
+    // (~/.config when unset).
+    explicit UserDefaultsMicrophoneStorage(std::string storageKey);
+    // In the preferences file `storeFile` (it and its folder are created on the first write).
+    UserDefaultsMicrophoneStorage(const std::filesystem::path& storeFile, std::string storageKey);
 
     std::optional<std::string> getSelectedMicrophoneId() override;
     void setSelectedMicrophoneId(std::optional<std::string> id) override;
@@ -22,6 +31,7 @@ public:
     const std::string& storageKey() const { return storageKey_; }
 
 private:
+    VELTO_HIDDEN UserDefaultsMicrophoneStorage(std::shared_ptr<UserDefaults> userDefaults, std::string storageKey);
     std::shared_ptr<UserDefaults> userDefaults_;
     std::string storageKey_;
 };

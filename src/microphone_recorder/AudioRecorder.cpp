@@ -83,7 +83,7 @@ AudioRecorder::AudioRecorder(const Private&, std::filesystem::path fileURL, Audi
       preferredMicrophone_(std::move(preferredMicrophone)),
       audioEngine_(services_.audioEngineFactory->makeEngine()),
       fileURL_(std::move(fileURL)) {
-    auto [stream, continuation] = EventStream<RecordingEvent>::make();
+    auto [stream, continuation] = EventSource<RecordingEvent>::make();
     stream_ = std::move(stream);
     continuation_ = std::move(continuation);
 }
@@ -99,18 +99,7 @@ AudioRecorder::~AudioRecorder() {
 
 EventStream<RecordingEvent> AudioRecorder::events() { return stream_; }
 
-AudioBufferStream AudioRecorder::audioStream() {
-    std::lock_guard lock(audioStreamLock_);
-    if (!audioStream_) {
-        auto [stream, continuation] = AudioBufferStream::make();
-        audioStream_ = stream;
-        std::weak_ptr<AudioRecorder> weak = weak_from_this();
-        queue_->async([weak, continuation = continuation] {  // a named copy: Clang 14 cannot capture a structured binding
-            if (auto self = weak.lock()) self->streamContinuation_ = continuation;
-        });
-    }
-    return *audioStream_;
-}
+AudioBufferStream AudioRecorder::audioStream() { return liveAudio_.stream(); }
 
 void AudioRecorder::stop() {
     auto self = shared_from_this();
@@ -292,7 +281,7 @@ void AudioRecorder::processAudioBuffer(const std::shared_ptr<PcmBuffer>& buffer)
         return;
     }
 
-    if (streamContinuation_) streamContinuation_.yield(output);
+    liveAudio_.deliver(output);
     const AudioLevels levels = calculateLevels(*output);
     const double elapsed = elapsedSeconds();
     continuation_.yield(RecordingEvent::progress(elapsed, levels));
@@ -437,8 +426,7 @@ void AudioRecorder::cleanup() {
     if (audioFile_) audioFile_->close();
     audioFile_.reset();
     audioConverter_.reset();
-    if (streamContinuation_) streamContinuation_.finish();
-    streamContinuation_ = {};
+    liveAudio_.finish();
 }
 
 const char* caseName(AudioRecorder::RecorderState state) {

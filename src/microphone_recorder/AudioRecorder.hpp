@@ -22,6 +22,8 @@
 #include "dispatch/Clock.hpp"
 #include "dispatch/RepeatingTimer.hpp"
 #include "dispatch/SerialQueue.hpp"
+#include "model/EventSource.hpp"
+#include "model/LiveAudioFeed.hpp"
 #include "platform/PlatformServices.hpp"
 #include "model/AudioRecorderProtocol.hpp"
 #include "signal/SilenceWatch.hpp"
@@ -99,9 +101,8 @@ private:
     std::filesystem::path fileURL_;
     std::shared_ptr<AudioFile> audioFile_;
     std::shared_ptr<AudioConverter> audioConverter_;
-    EventStream<RecordingEvent>::Continuation continuation_;
+    EventSource<RecordingEvent>::Continuation continuation_;
     RecorderState recorderState_ = RecorderState::idle;
-    AudioBufferStream::Continuation streamContinuation_;
     bool tapInstalled_ = false;
     std::shared_ptr<TapInlet> tapInlet_;
     std::shared_ptr<RepeatingTimer> drainTimer_;
@@ -111,9 +112,8 @@ private:
     // Fixed at creation.
     EventStream<RecordingEvent> stream_;
 
-    // The audio stream is made on first read, from any thread.
-    std::mutex audioStreamLock_;
-    std::optional<AudioBufferStream> audioStream_;  // guarded by audioStreamLock_
+    // Any thread: the host opts in by reading audioStream().
+    LiveAudioFeed liveAudio_;
 };
 
 const char* caseName(AudioRecorder::RecorderState state);

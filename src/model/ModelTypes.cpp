@@ -1,3 +1,4 @@
+#include "model/AudioSettings.hpp"
 #include "veltoaudio/AudioFormat.hpp"
 #include "veltoaudio/AudioSources.hpp"
 #include "veltoaudio/PermissionState.hpp"

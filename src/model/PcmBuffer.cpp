@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <new>
+#include <utility>
 
 #include "logging/NumberFormat.hpp"
 
@@ -30,6 +31,31 @@ PcmBuffer::PcmBuffer(const PcmFormat& format, uint32_t frameCapacityFrames)
     } else {
         for (std::size_t c = 0; c < channels; ++c) channelPointers_.push_back(samples_.data() + c * frameCapacityFrames);
     }
+}
+
+// Moving a vector keeps its heap block, so the moved pointers still point into the
+// storage that now belongs to this buffer.
+PcmBuffer::PcmBuffer(PcmBuffer&& other) noexcept
+    : format_(other.format_),
+      frameCapacity_(std::exchange(other.frameCapacity_, 0)),
+      frameLength_(std::exchange(other.frameLength_, 0)),
+      samples_(std::move(other.samples_)),
+      channelPointers_(std::move(other.channelPointers_)) {
+    other.samples_.clear();
+    other.channelPointers_.clear();
+}
+
+PcmBuffer& PcmBuffer::operator=(PcmBuffer&& other) noexcept {
+    if (this != &other) {
+        format_ = other.format_;
+        frameCapacity_ = std::exchange(other.frameCapacity_, 0);
+        frameLength_ = std::exchange(other.frameLength_, 0);
+        samples_ = std::move(other.samples_);
+        channelPointers_ = std::move(other.channelPointers_);
+        other.samples_.clear();
+        other.channelPointers_.clear();
+    }
+    return *this;
 }
 
 std::shared_ptr<PcmBuffer> PcmBuffer::make(const PcmFormat& format, uint32_t frameCapacityFrames) {

@@ -1,15 +1,19 @@
 #include "veltoaudio/RecordingService.hpp"
 
+#include "service/RecordingServiceAssembly.hpp"
 #include "service/RecordingServiceCore.hpp"
-#include "service/RecordingServiceDependencies.hpp"
 
 namespace velto {
 
 RecordingService::RecordingService(std::shared_ptr<MicrophonePreferencesStorage> microphoneStorage)
-    : RecordingService(defaultRecordingServiceDependencies(std::move(microphoneStorage))) {}
+    : RecordingService(FromCore{},
+                       RecordingServiceCore::create(defaultRecordingServiceDependencies(std::move(microphoneStorage)))) {}
 
-RecordingService::RecordingService(RecordingServiceDependencies dependencies)
-    : core_(RecordingServiceCore::create(std::move(dependencies))) {}
+RecordingService::RecordingService(FromCore, std::shared_ptr<RecordingServiceCore> core) : core_(std::move(core)) {}
+
+std::unique_ptr<RecordingService> RecordingServiceAssembly::make(RecordingServiceDependencies dependencies) {
+    return std::unique_ptr<RecordingService>(new RecordingService(RecordingService::FromCore{}, RecordingServiceCore::create(std::move(dependencies))));
+}
 
 RecordingService::~RecordingService() { core_->shutdown(); }
 
@@ -37,10 +41,10 @@ EventStream<RecordingEvent> RecordingService::startRecording(const RecordingConf
 }
 
 EventStream<RecordingEvent> RecordingService::restartRecording() { return core_->restartRecording(); }
-void RecordingService::stopRecording() { core_->stopRecording(); }
-void RecordingService::cancelRecording() { core_->cancelRecording(); }
-void RecordingService::pauseRecording() { core_->pauseRecording(); }
-void RecordingService::resumeRecording() { core_->resumeRecording(); }
+void RecordingService::stopRecording() noexcept { core_->stopRecording(); }
+void RecordingService::cancelRecording() noexcept { core_->cancelRecording(); }
+void RecordingService::pauseRecording() noexcept { core_->pauseRecording(); }
+void RecordingService::resumeRecording() noexcept { core_->resumeRecording(); }
 
 bool RecordingService::hasPermission() { return core_->hasPermission(); }
 bool RecordingService::requestSystemAudioPermission() { return core_->requestSystemAudioPermission(); }

@@ -27,7 +27,7 @@ constexpr const char* kDefaultMicrophoneStorageKey = "selectedMicrophoneDeviceId
 RecordingServiceDependencies withDefaults(RecordingServiceDependencies dependencies) {
     if (!dependencies.microphoneStorage) {
         dependencies.microphoneStorage =
-            std::make_shared<UserDefaultsMicrophoneStorage>(UserDefaults::standard(), kDefaultMicrophoneStorageKey);
+            std::make_shared<UserDefaultsMicrophoneStorage>(kDefaultMicrophoneStorageKey);
     }
     if (!dependencies.clock) dependencies.clock = Clock::system();
     if (!dependencies.operatingSystemVersion) dependencies.operatingSystemVersion = currentOperatingSystemVersion;
@@ -82,7 +82,10 @@ RecordingState RecordingServiceCore::recordingState() {
 
 std::optional<AudioBufferStream> RecordingServiceCore::audioStream() {
     Turn turn(turn_);
-    return audioStream_;
+    // Asked for, not taken at construction: a recorder keeps no live copy of its audio
+    // until a host wants one.
+    if (!recorderStream_) return std::nullopt;
+    return recorderStream_->audioStream();
 }
 
 bool RecordingServiceCore::isCurrentSession(std::uint64_t generation, Turn&) const {
@@ -101,7 +104,6 @@ void RecordingServiceCore::cleanup(Turn& turn) {
     }
     // The recorder is released without any call on it.
     recorderStream_.reset();
-    audioStream_.reset();
     transition(RecordingState::idle, turn);
     logger().debug("Cleanup completed");
 }
@@ -176,9 +178,9 @@ EventStream<RecordingEvent> RecordingServiceCore::prepareRecording(
     std::filesystem::path fileURL =
         outputFile ? *outputFile : dependencies_.generateRecordingFileURL(configuration.audioFormat);
 
-    auto made = EventStream<RecordingEvent>::make();
+    auto made = EventSource<RecordingEvent>::make();
     EventStream<RecordingEvent> stream = made.first;
-    EventStream<RecordingEvent>::Continuation continuation = made.second;
+    EventSource<RecordingEvent>::Continuation continuation = made.second;
 
     joinEndedTasks(turn);
     auto task = std::make_shared<ForwardingTask>(sessionGeneration_);
@@ -220,7 +222,7 @@ void RecordingServiceCore::forwardEvents(std::weak_ptr<RecordingServiceCore> wea
                                          std::shared_ptr<ForwardingTask> task, std::filesystem::path fileURL,
                                          RecordingConfiguration configuration,
                                          std::optional<MicrophoneDevice> microphone,
-                                         EventStream<RecordingEvent>::Continuation continuation) {
+                                         EventSource<RecordingEvent>::Continuation continuation) {
     std::optional<EventStream<RecordingEvent>> events;
     std::exception_ptr failure;
     if (auto core = weakCore.lock()) {
@@ -281,14 +283,13 @@ std::optional<EventStream<RecordingEvent>> RecordingServiceCore::makeRecorderAnd
     if (!recorder) throw RecordingError::recorderInitializationFailed();
 
     recorderStream_ = recorder;
-    audioStream_ = recorder->audioStream();
     EventStream<RecordingEvent> events = recorder->events();
     task.setRecorderEvents(events);
     return events;
 }
 
 void RecordingServiceCore::relayEvent(ForwardingTask& task, RecordingEvent event,
-                                      const EventStream<RecordingEvent>::Continuation& continuation, Turn& turn) {
+                                      const EventSource<RecordingEvent>::Continuation& continuation, Turn& turn) {
     // A task that was cleaned up while this event waited for the turn still hands it on
     // (it may be the `finished` a stopping caller waits for) but no longer moves the state.
     // Only from starting: a progress report made just before a pause may arrive after it,
@@ -301,7 +302,7 @@ void RecordingServiceCore::relayEvent(ForwardingTask& task, RecordingEvent event
 }
 
 void RecordingServiceCore::finishForwarding(ForwardingTask& task, std::exception_ptr failure,
-                                            const EventStream<RecordingEvent>::Continuation& continuation,
+                                            const EventSource<RecordingEvent>::Continuation& continuation,
                                             Turn& turn) {
     // A task of an earlier session (released by a restart) must not touch the new one.
     const bool ownSession = isCurrentSession(task.sessionGeneration(), turn);
@@ -346,7 +347,7 @@ void RecordingServiceCore::waitForForwardingToEnd(const std::shared_ptr<Forwardi
 
 // MARK: - Control
 
-void RecordingServiceCore::stopRecording() {
+void RecordingServiceCore::stopRecording() noexcept {
     std::shared_ptr<AudioRecorderProtocol> recorder;
     std::shared_ptr<ForwardingTask> task;
     {
@@ -372,7 +373,7 @@ void RecordingServiceCore::stopRecording() {
     cleanup(turn);
 }
 
-void RecordingServiceCore::cancelRecording() {
+void RecordingServiceCore::cancelRecording() noexcept {
     std::shared_ptr<AudioRecorderProtocol> recorder;
     std::shared_ptr<ForwardingTask> task;
     {
@@ -399,7 +400,7 @@ void RecordingServiceCore::cancelRecording() {
     cleanup(turn);
 }
 
-void RecordingServiceCore::pauseRecording() {
+void RecordingServiceCore::pauseRecording() noexcept {
     std::shared_ptr<AudioRecorderProtocol> recorder;
     {
         Turn turn(turn_);
@@ -421,7 +422,7 @@ void RecordingServiceCore::pauseRecording() {
     logger().debug("Recording session paused successfully");
 }
 
-void RecordingServiceCore::resumeRecording() {
+void RecordingServiceCore::resumeRecording() noexcept {
     std::shared_ptr<AudioRecorderProtocol> recorder;
     {
         Turn turn(turn_);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "dispatch/SerialQueue.hpp"
+#include "model/EventSource.hpp"
 #include "service/ForwardingTask.hpp"
 #include "service/RecordingServiceDependencies.hpp"
 #include "veltoaudio/RecordingState.hpp"
@@ -37,10 +38,10 @@ public:
     EventStream<RecordingEvent> startRecording(const RecordingConfiguration& configuration,
                                                const std::optional<std::filesystem::path>& outputFile);
     EventStream<RecordingEvent> restartRecording();
-    void stopRecording();
-    void cancelRecording();
-    void pauseRecording();
-    void resumeRecording();
+    void stopRecording() noexcept;
+    void cancelRecording() noexcept;
+    void pauseRecording() noexcept;
+    void resumeRecording() noexcept;
 
     bool hasPermission();
     bool requestSystemAudioPermission();
@@ -74,14 +75,14 @@ private:
     static void forwardEvents(std::weak_ptr<RecordingServiceCore> weakCore, std::shared_ptr<ForwardingTask> task,
                               std::filesystem::path fileURL, RecordingConfiguration configuration,
                               std::optional<MicrophoneDevice> microphone,
-                              EventStream<RecordingEvent>::Continuation continuation);
+                              EventSource<RecordingEvent>::Continuation continuation);
     std::optional<EventStream<RecordingEvent>> makeRecorderAndTakeEvents(
         ForwardingTask& task, const std::filesystem::path& fileURL, const RecordingConfiguration& configuration,
         const std::optional<MicrophoneDevice>& microphone, Turn&);
     void relayEvent(ForwardingTask& task, RecordingEvent event,
-                    const EventStream<RecordingEvent>::Continuation& continuation, Turn&);
+                    const EventSource<RecordingEvent>::Continuation& continuation, Turn&);
     void finishForwarding(ForwardingTask& task, std::exception_ptr failure,
-                          const EventStream<RecordingEvent>::Continuation& continuation, Turn&);
+                          const EventSource<RecordingEvent>::Continuation& continuation, Turn&);
     void cleanupForTerminatedStream(std::uint64_t generation);
 
     // Waits, without the turn, for the recording's last events to be relayed after the
@@ -97,7 +98,6 @@ private:
     std::shared_ptr<AudioRecorderProtocol> recorderStream_;                // [turn]
     std::shared_ptr<ForwardingTask> recordingTask_;                        // [turn]
     std::optional<RecordingConfiguration> configuration_;                  // [turn]
-    std::optional<AudioBufferStream> audioStream_;                         // [turn]
     // Counts accepted starts, so that a task or handler of an earlier session never
     // cleans up a later one.
     std::uint64_t sessionGeneration_ = 0;                                  // [turn]

@@ -1,4 +1,4 @@
-#include "veltoaudio/UserDefaults.hpp"
+#include "service/UserDefaults.hpp"
 
 #include <fcntl.h>
 #include <pwd.h>

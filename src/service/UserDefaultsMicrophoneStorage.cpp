@@ -1,6 +1,7 @@
 #include "veltoaudio/UserDefaultsMicrophoneStorage.hpp"
 
 #include "logging/LoggerCompat.hpp"
+#include "service/UserDefaults.hpp"
 
 namespace velto {
 
@@ -10,6 +11,13 @@ LoggerCompat& logger() {
     return l;
 }
 }  // namespace
+
+UserDefaultsMicrophoneStorage::UserDefaultsMicrophoneStorage(std::string storageKey)
+    : UserDefaultsMicrophoneStorage(UserDefaults::standard(), std::move(storageKey)) {}
+
+UserDefaultsMicrophoneStorage::UserDefaultsMicrophoneStorage(const std::filesystem::path& storeFile,
+                                                             std::string storageKey)
+    : UserDefaultsMicrophoneStorage(UserDefaults::create(storeFile), std::move(storageKey)) {}
 
 UserDefaultsMicrophoneStorage::UserDefaultsMicrophoneStorage(std::shared_ptr<UserDefaults> userDefaults,
                                                              std::string storageKey)

@@ -9,7 +9,7 @@
 #include "dispatch/Clock.hpp"
 #include "dispatch/ThreadAnnotations.hpp"
 #include "signal/DiskSpaceReserve.hpp"
-#include "veltoaudio/AudioFormat.hpp"
+#include "model/AudioSettings.hpp"
 #include "veltoaudio/Error.hpp"
 #include "veltoaudio/PcmBuffer.hpp"
 

@@ -131,7 +131,7 @@ void AudioMixer::start(const MixerInputs& inputs) {
         if (system) levels_.system = AudioLevels::silence();
         if (microphone) levels_.microphone = AudioLevels::silence();
     }
-    outputPaused_ = false;
+    outputPaused_ = inputs.startPaused;
     pacer_.start(clock_->nowSeconds(), mixingRate);
     // Mixing before the timer starts: its first tick may come at once, and a tick
     // that found the mixer not yet mixing would be lost.

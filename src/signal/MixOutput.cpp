@@ -115,7 +115,7 @@ void MixOutput::deliver(std::shared_ptr<PcmBuffer> block) {
 AudioBufferStream MixOutput::audioStream() {
     std::lock_guard guard(streamLock_);
     if (!audioStream_) {
-        auto [stream, continuation] = AudioBufferStream::make();
+        auto [stream, continuation] = AudioBufferSource::make();
         audioStream_ = std::move(stream);
         audioStreamContinuation_ = std::move(continuation);
     }

@@ -10,6 +10,7 @@
 #include "signal/AudioConverter.hpp"
 #include "signal/AudioFile.hpp"
 #include "veltoaudio/Error.hpp"
+#include "model/EventSource.hpp"
 #include "veltoaudio/EventStream.hpp"
 #include "veltoaudio/PcmBuffer.hpp"
 
@@ -58,7 +59,7 @@ private:
 
     std::mutex streamLock_;
     std::optional<AudioBufferStream> audioStream_;                            // guarded by streamLock_
-    std::optional<AudioBufferStream::Continuation> audioStreamContinuation_;  // guarded by streamLock_
+    std::optional<AudioBufferSource::Continuation> audioStreamContinuation_;  // guarded by streamLock_
     std::function<void(ErrorPtr)> writeFailureHandler_;                       // guarded by streamLock_
 };
 

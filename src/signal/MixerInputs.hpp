@@ -32,6 +32,9 @@ struct MixerInputs {
     std::shared_ptr<AudioFile> outputFile;  // null: the blocks only go to the stream
     PcmFormat outputFormat;
     MixerTrackLayout layout = MixerTrackLayout::mixed;
+    // Starts with the output paused: a mixer rebuilt during a pause writes nothing of
+    // what its sources hold until the resume.
+    bool startPaused = false;
     // Unset: the lowest standard rate that carries every source unharmed.
     std::optional<double> mixingSampleRateHertz;
 };

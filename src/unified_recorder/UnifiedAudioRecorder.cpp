@@ -100,10 +100,7 @@ UnifiedAudioRecorder::UnifiedAudioRecorder(const Private&, std::filesystem::path
       configuration_(std::move(configuration)),
       liveOutput_(std::make_shared<LiveOutput>()),
       mixingTicks_(mixingTicks) {
-    auto [audio, audioContinuation] = AudioBufferStream::make();
-    audioStream_ = std::move(audio);
-    liveOutput_->audioStreamContinuation = std::move(audioContinuation);
-    auto [events, eventsContinuation] = EventStream<RecordingEvent>::make();
+    auto [events, eventsContinuation] = EventSource<RecordingEvent>::make();
     stream_ = std::move(events);
     recordingEventStreamContinuation_ = std::move(eventsContinuation);
 }
@@ -121,7 +118,7 @@ UnifiedAudioRecorder::~UnifiedAudioRecorder() {
     if (systemAudioTap_) systemAudioTap_->stop();
     if (microphoneCapture_) microphoneCapture_->stop();
     if (audioFile_) audioFile_->close();
-    liveOutput_->audioStreamContinuation.finish();
+    liveOutput_->audio.finish();
 }
 
 EventStream<RecordingEvent> UnifiedAudioRecorder::events() {
@@ -132,7 +129,7 @@ EventStream<RecordingEvent> UnifiedAudioRecorder::events() {
     return stream_;
 }
 
-AudioBufferStream UnifiedAudioRecorder::audioStream() { return audioStream_; }
+AudioBufferStream UnifiedAudioRecorder::audioStream() { return liveOutput_->audio.stream(); }
 
 void UnifiedAudioRecorder::stop() {
     auto self = shared_from_this();
@@ -214,8 +211,6 @@ void UnifiedAudioRecorder::setupAudioComponents() {
     const auto& buffers = configuration_.bufferConfiguration;
     audioMixer_ = AudioMixer::create(buffers.mixingBufferCapacity(), buffers.jitterBufferFrames(), clock_,
                                      mixingTicks_);
-    // A mixer rebuilt while paused starts paused: nothing reaches the file before the resume.
-    audioMixer_->setOutputPaused(recorderState_ == RecorderState::paused);
     const int64_t ringCapacityFrames = buffers.ringBufferCapacity();
 
     switch (configuration_.sources.kind()) {
@@ -297,6 +292,8 @@ void UnifiedAudioRecorder::startAudioMixing() {
         logger().debug("Starting microphone audio only mixing: " + formatDouble(inputs.microphone->sampleRateHertz) +
                        "Hz -> " + output);
     }
+    // A mixer rebuilt while paused starts paused: nothing reaches the file before the resume.
+    inputs.startPaused = recorderState_ == RecorderState::paused;
     audioMixer_->start(inputs);
     startForwarding(audioMixer_);
     logger().debug("Audio mixing started successfully");
@@ -329,8 +326,8 @@ void UnifiedAudioRecorder::startForwarding(const std::shared_ptr<AudioMixer>& mi
     // thread of ours woken for every block. The relay holds the shared live output and
     // only a weak reference to the mixer: whoever yields a block already holds the mixer.
     relayedMixerStream_ = mixer->audioStream();
-    relayedMixerStream_.relay([weakMixer, live = liveOutput_](std::shared_ptr<PcmBuffer> block) {
-        live->audioStreamContinuation.yield(std::move(block));
+    AudioBufferSource::relay(relayedMixerStream_, [weakMixer, live = liveOutput_](std::shared_ptr<PcmBuffer> block) {
+        live->audio.deliver(std::move(block));
         if (auto yieldingMixer = weakMixer.lock()) live->setLevels(yieldingMixer->levels());
     });
 }
@@ -521,7 +518,7 @@ void UnifiedAudioRecorder::cleanup(std::exception_ptr endingError) {
     microphoneCapture_.reset();
     if (audioFile_) audioFile_->close();
     audioFile_.reset();
-    liveOutput_->audioStreamContinuation.finish();
+    liveOutput_->audio.finish();
 
     switch (recorderState_) {
         case RecorderState::cancelling:

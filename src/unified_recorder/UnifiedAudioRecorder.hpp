@@ -35,6 +35,8 @@
 #include "dispatch/Clock.hpp"
 #include "dispatch/RepeatingTimer.hpp"
 #include "dispatch/SerialQueue.hpp"
+#include "model/EventSource.hpp"
+#include "model/LiveAudioFeed.hpp"
 #include "platform/PlatformServices.hpp"
 #include "model/AudioRecorderProtocol.hpp"
 #include "signal/AudioMixer.hpp"
@@ -87,10 +89,10 @@ public:
     // The queue every recorder works on unless given its own.
     static const std::shared_ptr<SerialQueue>& sharedWorkQueue();
 
-    // What the forwarding threads share with the recorder: the live audio stream's
-    // producer end and the mixer's latest levels. Any thread.
+    // What the forwarding threads share with the recorder: the live audio feed and the
+    // mixer's latest levels. Any thread.
     struct LiveOutput {
-        AudioBufferStream::Continuation audioStreamContinuation;
+        LiveAudioFeed audio;
         mutable std::mutex levelsLock;
         MixerLevels currentLevels;  // guarded by levelsLock
         // Each source's loudest block peak (dBFS, before its gain) written since the last
@@ -147,9 +149,8 @@ private:
     const MixingTicks mixingTicks_;
 
     // Fixed at creation.
-    AudioBufferStream audioStream_;
     EventStream<RecordingEvent> stream_;
-    EventStream<RecordingEvent>::Continuation recordingEventStreamContinuation_;
+    EventSource<RecordingEvent>::Continuation recordingEventStreamContinuation_;
 
     // Work queue only.
     std::shared_ptr<SystemAudioTap> systemAudioTap_;

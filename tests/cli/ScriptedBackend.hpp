@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "RecordingBackend.hpp"
+#include "model/EventSource.hpp"
 
 namespace velto::cli::testing {
 
@@ -46,7 +47,6 @@ public:
     // What happened.
     std::optional<RecordingConfiguration> startedConfiguration;
     std::optional<std::filesystem::path> requestedOutput;
-    int discardCalls = 0;  // main thread only
 
     int stopCalls() const {
         std::lock_guard lock(mutex_);
@@ -65,13 +65,12 @@ public:
         }
         startedConfiguration = configuration;
         requestedOutput = outputFile;
-        auto [stream, continuation] = EventStream<RecordingEvent>::make();
+        auto [stream, continuation] = EventSource<RecordingEvent>::make();
         std::filesystem::path file = outputFile ? *outputFile : defaultFile;
         recorder_ = std::thread([this, continuation = continuation, file] { record(continuation, file); });
         return stream;
     }
 
-    void discardAudioBuffers() override { ++discardCalls; }
     void stopRecording() override { request(&stopCalls_); }
     void cancelRecording() override { request(&cancelCalls_); }
     // Answers like a recorder: paused/resumed at the recorded time, on the event stream.
@@ -128,7 +127,7 @@ private:
         changed_.notify_all();
     }
 
-    void record(const EventStream<RecordingEvent>::Continuation& events, const std::filesystem::path& file) {
+    void record(const EventSource<RecordingEvent>::Continuation& events, const std::filesystem::path& file) {
         {
             std::lock_guard lock(mutex_);
             events_ = events;
@@ -158,7 +157,7 @@ private:
     int cancelCalls_ = 0;
     int pauseCalls_ = 0;
     int resumeCalls_ = 0;
-    std::optional<EventStream<RecordingEvent>::Continuation> events_;  // while waiting for the stop
+    std::optional<EventSource<RecordingEvent>::Continuation> events_;  // while waiting for the stop
     bool shuttingDown_ = false;
     std::thread recorder_;
 };

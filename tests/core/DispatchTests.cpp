@@ -2,12 +2,14 @@
 
 #include <atomic>
 #include <future>
+#include <iterator>
+#include <ranges>
 #include <thread>
 #include <vector>
 
 #include "dispatch/RepeatingTimer.hpp"
 #include "dispatch/SerialQueue.hpp"
-#include "veltoaudio/EventStream.hpp"
+#include "model/EventSource.hpp"
 
 namespace velto {
 namespace {
@@ -25,7 +27,7 @@ bool eventually(P predicate) {
 }
 
 TEST(EventStream, DeliversInOrderThenEndsWithTheErrorOnce) {
-    auto [stream, continuation] = EventStream<int>::make();
+    auto [stream, continuation] = EventSource<int>::make();
     std::vector<StreamTermination> terminations;
     continuation.setOnTermination([&](StreamTermination t) { terminations.push_back(t); });
     std::thread producer([c = continuation] {
@@ -48,7 +50,7 @@ TEST(EventStream, DeliversInOrderThenEndsWithTheErrorOnce) {
 }
 
 TEST(EventStream, ConsumerCancellationWakesAWaitingReaderAndTellsTheProducer) {
-    auto [stream, continuation] = EventStream<int>::make();
+    auto [stream, continuation] = EventSource<int>::make();
     std::promise<StreamTermination> termination;
     continuation.setOnTermination([&](StreamTermination t) { termination.set_value(t); });
     auto reader = std::async(std::launch::async, [s = stream]() mutable { return s.next(); });
@@ -62,7 +64,7 @@ TEST(EventStream, ConsumerCancellationWakesAWaitingReaderAndTellsTheProducer) {
 TEST(EventStream, LastConsumerHandleGoingAwayCancelsAndLastProducerFinishes) {
     std::atomic<int> cancelled{0};
     auto continuationCopy = [&] {
-        auto [stream, continuation] = EventStream<int>::make();
+        auto [stream, continuation] = EventSource<int>::make();
         continuation.setOnTermination([&](StreamTermination t) { cancelled += t == StreamTermination::cancelled; });
         auto copy = stream;  // copies share the channel
         return continuation;
@@ -70,7 +72,7 @@ TEST(EventStream, LastConsumerHandleGoingAwayCancelsAndLastProducerFinishes) {
     EXPECT_EQ(cancelled.load(), 1);
     EXPECT_TRUE(continuationCopy.isTerminated());
 
-    auto [stream, continuation] = EventStream<int>::make();
+    auto [stream, continuation] = EventSource<int>::make();
     continuation.yield(7);
     continuation = {};  // the producer is gone: buffered values, then the end
     EXPECT_EQ(stream.next(), 7);
@@ -78,7 +80,7 @@ TEST(EventStream, LastConsumerHandleGoingAwayCancelsAndLastProducerFinishes) {
 }
 
 TEST(EventStream, HandlerInstalledAfterTheEndRunsAtOnce) {
-    auto [stream, continuation] = EventStream<int>::make();
+    auto [stream, continuation] = EventSource<int>::make();
     continuation.finish();
     std::optional<StreamTermination> seen;
     continuation.setOnTermination([&](StreamTermination t) { seen = t; });
@@ -87,7 +89,7 @@ TEST(EventStream, HandlerInstalledAfterTheEndRunsAtOnce) {
 }
 
 TEST(EventStream, RelayHandsOnWhatWasBufferedThenEveryValueOnTheProducersThreadInOrder) {
-    auto [stream, continuation] = EventStream<int>::make();
+    auto [stream, continuation] = EventSource<int>::make();
     for (int i = 0; i < 100; ++i) continuation.yield(i);
     std::vector<int> relayed;
     std::atomic<bool> relayedOnProducer{true};
@@ -96,7 +98,7 @@ TEST(EventStream, RelayHandsOnWhatWasBufferedThenEveryValueOnTheProducersThreadI
     });
     const auto producerId = producer.get_id();
     const auto setupId = std::this_thread::get_id();
-    stream.relay([&](int value) {
+    EventSource<int>::relay(stream, [&](int value) {
         const auto id = std::this_thread::get_id();
         // Buffered values go out from relay() itself, later ones from the producer.
         if (id != producerId && id != setupId) relayedOnProducer = false;
@@ -108,6 +110,42 @@ TEST(EventStream, RelayHandsOnWhatWasBufferedThenEveryValueOnTheProducersThreadI
     EXPECT_TRUE(relayedOnProducer);
     ASSERT_EQ(relayed.size(), 20000u);
     for (int i = 0; i < 20000; ++i) ASSERT_EQ(relayed[i], i);
+}
+
+static_assert(std::input_iterator<EventStream<int>::Iterator>);
+static_assert(std::ranges::input_range<EventStream<int>>);
+
+TEST(EventStream, ReadsThroughRangeViewsUntilTheProducerFinishes) {
+    auto [stream, continuation] = EventSource<int>::make();
+    std::thread producer([c = continuation] {
+        for (int i = 1; i <= 10; ++i) c.yield(i);
+        c.finish();
+    });
+    std::vector<int> evenSquares;
+    for (int value : stream | std::views::filter([](int v) { return v % 2 == 0; }) |
+                         std::views::transform([](int v) { return v * v; })) {
+        evenSquares.push_back(value);
+    }
+    producer.join();
+    EXPECT_EQ(evenSquares, (std::vector<int>{4, 16, 36, 64, 100}));
+    EXPECT_EQ(stream.next(), std::nullopt);
+}
+
+TEST(EventStream, BoundedStreamKeepsTheNewestAndCountsWhatItDropped) {
+    auto [stream, continuation] = EventSource<int>::make(StreamBuffering::newest(3));
+    for (int i = 0; i < 10; ++i) EXPECT_TRUE(continuation.yield(i));  // a full stream still takes the newest
+    EXPECT_EQ(stream.droppedCount(), 7u);
+    EXPECT_EQ(stream.next(), 7);
+    continuation.yield(10);
+    continuation.finish();
+    std::vector<int> rest;
+    for (int value : stream) rest.push_back(value);
+    EXPECT_EQ(rest, (std::vector<int>{8, 9, 10}));
+    EXPECT_EQ(continuation.droppedCount(), 7u);
+
+    auto [unbounded, producer] = EventSource<int>::make();
+    for (int i = 0; i < 10000; ++i) producer.yield(i);
+    EXPECT_EQ(unbounded.droppedCount(), 0u);
 }
 
 TEST(SerialQueue, RunsWorkInOrderOneAtATime) {

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <type_traits>
 #include <unordered_set>
 
 #include "logging/NumberFormat.hpp"
+#include "model/AudioSettings.hpp"
 #include "veltoaudio/veltoaudio.hpp"
 
 namespace velto {
@@ -131,6 +133,33 @@ TEST(PcmBuffer, LayoutFollowsTheFormat) {
     EXPECT_FALSE(PcmBuffer::make(PcmFormat{0, 1, false}, 10));
     EXPECT_FALSE(PcmFormat::make(std::numeric_limits<double>::infinity(), 1, true));
     EXPECT_EQ(PcmFormat::standard(48000, 2)->description(), "<PcmFormat: 2 ch, 48000.0 Hz, Float32, non-interleaved>");
+}
+
+// A copy used to keep the original's channel pointers: writing through it after the
+// original was released was a heap-use-after-free. Copies are gone; a moved buffer's
+// pointers must lead into storage it owns itself.
+TEST(PcmBuffer, ChannelPointersFollowTheStorageAcrossMoves) {
+    static_assert(!std::is_copy_constructible_v<PcmBuffer> && !std::is_copy_assignable_v<PcmBuffer>);
+    auto original = PcmBuffer::make(*PcmFormat::standard(48000, 2), 64);
+    original->floatChannelData()[1][63] = 0.5f;
+    original->setFrameLength(64);
+    PcmBuffer moved = std::move(*original);
+    EXPECT_TRUE(original->floatChannelData().empty());
+    EXPECT_EQ(original->frameCapacity(), 0u);
+    original.reset();
+    moved.floatChannelData()[0][0] = 1.0f;
+    EXPECT_EQ(moved.floatChannelData()[1][63], 0.5f);
+    EXPECT_EQ(moved.frameLength(), 64u);
+
+    PcmBuffer assigned(*PcmFormat::make(16000, 1, true), 8);
+    {
+        PcmBuffer source(*PcmFormat::standard(16000, 2), 16);
+        source.floatChannelData()[1][15] = 0.25f;
+        assigned = std::move(source);
+    }
+    assigned.floatChannelData()[1][15] += 0.5f;
+    EXPECT_EQ(assigned.floatChannelData()[1][15], 0.75f);
+    EXPECT_EQ(assigned.format(), *PcmFormat::standard(16000, 2));
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <fstream>
 
 #include "support/CapturedLogs.hpp"
+#include "service/UserDefaults.hpp"
 #include "veltoaudio/UserDefaultsMicrophoneStorage.hpp"
 
 namespace velto::testing {
@@ -59,7 +60,7 @@ protected:
 
 TEST_F(PreferenceStoreTest, storageLogsEachStepAndKeepsTheEmptyString) {
     CapturedLogs logs;
-    UserDefaultsMicrophoneStorage storage(freshStore(), "selectedMicrophoneDeviceId");
+    UserDefaultsMicrophoneStorage storage(file(), "selectedMicrophoneDeviceId");
     storage.setSelectedMicrophoneId(std::nullopt);
     EXPECT_FALSE(storage.getSelectedMicrophoneId().has_value());
     storage.setSelectedMicrophoneId(std::string());
@@ -77,8 +78,8 @@ TEST_F(PreferenceStoreTest, storageLogsEachStepAndKeepsTheEmptyString) {
 
 TEST_F(PreferenceStoreTest, keysAreSeparateAndOtherKindsReadAsStringsOnlyWithAStringForm) {
     auto store = freshStore();
-    UserDefaultsMicrophoneStorage first(store, "first");
-    UserDefaultsMicrophoneStorage second(store, "second");
+    UserDefaultsMicrophoneStorage first(file(), "first");
+    UserDefaultsMicrophoneStorage second(file(), "second");
     first.setSelectedMicrophoneId("a");
     EXPECT_FALSE(second.getSelectedMicrophoneId().has_value());
     second.setSelectedMicrophoneId("b");
@@ -98,8 +99,8 @@ TEST_F(PreferenceStoreTest, keysAreSeparateAndOtherKindsReadAsStringsOnlyWithASt
 // MARK: - The file
 
 TEST_F(PreferenceStoreTest, aFreshStoreAndAnotherProcessReadWhatWasWritten) {
-    UserDefaultsMicrophoneStorage(freshStore(), "selectedMicrophoneDeviceId").setSelectedMicrophoneId("from-parent");
-    EXPECT_EQ(UserDefaultsMicrophoneStorage(freshStore(), "selectedMicrophoneDeviceId").getSelectedMicrophoneId(),
+    UserDefaultsMicrophoneStorage(file(), "selectedMicrophoneDeviceId").setSelectedMicrophoneId("from-parent");
+    EXPECT_EQ(UserDefaultsMicrophoneStorage(file(), "selectedMicrophoneDeviceId").getSelectedMicrophoneId(),
               "from-parent");
 
     auto file = this->file();

@@ -29,7 +29,7 @@ DrainedEvents drain(EventStream<RecordingEvent>& stream) {
 
 RecordingService& ServiceHarness::rebuild() {
     service_.reset();
-    service_ = std::make_unique<RecordingService>(dependencies());
+    service_ = RecordingServiceAssembly::make(dependencies());
     return *service_;
 }
 

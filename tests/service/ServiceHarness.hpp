@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "platform/fake/FakeAudioHardware.hpp"
-#include "service/RecordingServiceDependencies.hpp"
+#include "service/RecordingServiceAssembly.hpp"
 #include "service/ServiceTestDoubles.hpp"
 #include "veltoaudio/RecordingService.hpp"
 

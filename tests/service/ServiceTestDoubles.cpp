@@ -15,8 +15,8 @@ bool eventually(const std::function<bool()>& condition) {
 }
 
 ScriptedRecorder::ScriptedRecorder(std::filesystem::path fileURL) : fileURL_(std::move(fileURL)) {
-    std::tie(events_, continuation_) = EventStream<RecordingEvent>::make();
-    std::tie(audio_, audioContinuation_) = AudioBufferStream::make();
+    std::tie(events_, continuation_) = EventSource<RecordingEvent>::make();
+    std::tie(audio_, audioContinuation_) = AudioBufferSource::make();
 }
 
 void ScriptedRecorder::record(std::string call) {

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "model/EventSource.hpp"
 #include "platform/TCCPermissionProviderProtocol.hpp"
 #include "model/AudioRecorderProtocol.hpp"
 #include "platform/AudioSessionManagerProtocol.hpp"
@@ -56,9 +57,9 @@ private:
     void endWith(std::string call, RecordingEvent last);
     const std::filesystem::path fileURL_;
     EventStream<RecordingEvent> events_;
-    EventStream<RecordingEvent>::Continuation continuation_;
+    EventSource<RecordingEvent>::Continuation continuation_;
     AudioBufferStream audio_;
-    AudioBufferStream::Continuation audioContinuation_;
+    AudioBufferSource::Continuation audioContinuation_;
     mutable std::mutex mutex_;
     std::vector<std::string> calls_;
 };

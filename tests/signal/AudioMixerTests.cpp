@@ -230,7 +230,7 @@ TEST(AudioMixerTest, StopTakesWhatTheRingsHeldAndNothingThatArrivesDuringIt) {
     // The microphone goes on capturing while the stop drains: each block
     // handed out is followed by more of it.
     std::vector<float> drained;
-    rig.mixer->audioStream().relay([&](std::shared_ptr<PcmBuffer> block) {
+    AudioBufferSource::relay(rig.mixer->audioStream(), [&](std::shared_ptr<PcmBuffer> block) {
         const float* samples = block->floatChannelData()[0];
         drained.insert(drained.end(), samples, samples + block->frameLength());
         writeConstant(*microphoneRing, 0.7f, 100);
