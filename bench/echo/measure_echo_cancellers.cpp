@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "../ThreadCpuTime.hpp"
+#include "signal/EchoCanceller.hpp"
 #include "signal/EchoDelayEstimator.hpp"
 
 namespace {
@@ -188,6 +189,20 @@ private:
     int trueDelayMs_;
     Aligner aligner_;
     std::unique_ptr<webrtc::AudioProcessing> apm_;
+};
+
+// The recorder's own canceller, as shipped (its output lags by one frame).
+class ShippedCandidate final : public Candidate {
+public:
+    void process(const float* far, const float* mic, float* out) override {
+        float system[kFrame];
+        std::copy_n(far, kFrame, system);
+        std::copy_n(mic, kFrame, out);
+        canceller_->process(out, system, kFrame);
+    }
+
+private:
+    std::unique_ptr<velto::EchoCanceller> canceller_ = velto::EchoCanceller::create(kFrame);
 };
 
 // ---- signals ---------------------------------------------------------------
@@ -417,6 +432,7 @@ int main(int argc, char** argv) {
     const bool verbose = std::getenv("ECHO_VERBOSE") != nullptr;
     using W = webrtc::EchoCancellation;
     const std::vector<std::pair<std::string, Factory>> candidates = {
+        {"EchoCanceller (shipped)", [](int) { return std::make_unique<ShippedCandidate>(); }},
         {"speex 1024 taps, no alignment", [](int) { return std::make_unique<SpeexCandidate>(SpeexOptions{1024, false}); }},
         {"speex 6144 taps, no alignment", [](int) { return std::make_unique<SpeexCandidate>(SpeexOptions{6144, false}); }},
         {"aligned + speex 1024", [](int) { return std::make_unique<SpeexCandidate>(SpeexOptions{1024, true}); }},
