@@ -42,6 +42,7 @@ struct RawArguments {
     std::string microphoneId;
     bool recordJson = false;
     bool overwrite = false;
+    std::string echoCancellation;
     bool devicesJson = false;
     std::string permissionSources = "microphone";
     bool permissionsJson = false;
@@ -63,6 +64,7 @@ struct CommandLineApp {
     CLI::Option* durationOption = nullptr;
     CLI::Option* outputOption = nullptr;
     CLI::Option* microphoneOption = nullptr;
+    CLI::Option* echoOption = nullptr;
 
     CommandLineApp() {
         app.require_subcommand(1);
@@ -82,6 +84,10 @@ struct CommandLineApp {
                                           "File to write (default: a new file in the recordings folder)");
         microphoneOption = record->add_option("--microphone", raw.microphoneId,
                                               "Identifier of the microphone to use (see 'velto devices')");
+        echoOption = record->add_option("--echo-cancellation", raw.echoCancellation,
+                                        "Remove the loudspeakers' echo from the microphone (default: on with "
+                                        "--sources both)")
+                         ->check(CLI::IsMember({"on", "off"}));
         record->add_flag("--json", raw.recordJson, "Print every event as one JSON object per line");
         record->add_flag("--overwrite", raw.overwrite, "Replace the output file when it exists");
 
@@ -123,6 +129,7 @@ struct CommandLineApp {
             if (durationOption->count() > 0) options.durationSeconds = raw.durationSeconds;
             if (outputOption->count() > 0) options.outputPath = std::filesystem::path(raw.outputPath);
             if (microphoneOption->count() > 0) options.microphoneId = raw.microphoneId;
+            if (echoOption->count() > 0) options.echoCancellation = raw.echoCancellation == "on";
             options.json = raw.recordJson;
             options.overwrite = raw.overwrite;
             result.command = options;
@@ -151,6 +158,9 @@ struct CommandLineApp {
 std::string contradiction(const RecordOptions& options) {
     if (options.microphoneId && options.sources == SourceChoice::system) {
         return "--microphone needs --sources microphone or both; system audio has no microphone";
+    }
+    if (options.echoCancellation.value_or(false) && options.sources != SourceChoice::both) {
+        return "--echo-cancellation on needs --sources both: the echo is the system audio heard by the microphone";
     }
     if (options.format && options.outputPath) {
         auto implied = formatFromExtension(*options.outputPath);

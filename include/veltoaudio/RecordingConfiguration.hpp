@@ -9,7 +9,7 @@
 
 namespace velto {
 
-// The description of one recording. All four fields are required.
+// The description of one recording. The first four fields are required.
 struct RecordingConfiguration {
     RecordingConfiguration(AudioFormat audioFormat, AudioSources sources,
                            std::optional<MicrophoneDevice> preferredMicrophone,
@@ -24,6 +24,15 @@ struct RecordingConfiguration {
     // None: the service resolves the device when the recording starts.
     std::optional<MicrophoneDevice> preferredMicrophone;
     BufferConfiguration bufferConfiguration;
+    // Removes the loudspeakers' echo of the system audio from the microphone, so
+    // that a call recorded without headphones does not carry every remote word
+    // twice. Unset: on when both sources are recorded. It needs both sources and
+    // makes the mix run at 16 kHz; with headphones the microphone is left as it is.
+    std::optional<bool> echoCancellation;
+
+    bool cancelsEcho() const {
+        return sources.includeMicrophone() && sources.includeSystemAudio() && echoCancellation.value_or(true);
+    }
 };
 
 }  // namespace velto

@@ -15,6 +15,7 @@ constexpr double kActiveFrameEnergy = 1e-6 * EchoCanceller::kFrameFrames;
 // signals cannot get there; a real echo does within about a second.
 constexpr double kEngageRatio = 4.0;
 constexpr double kEngageFollow = 0.05;
+constexpr double kDcBlockerPole = 0.99;
 
 spx_int16_t toPcm16(float sample) noexcept {
     return static_cast<spx_int16_t>(std::clamp(std::lround(sample * 32767.0f), -32768L, 32767L));
@@ -122,10 +123,16 @@ void EchoCanceller::engage(const float* system, const float* microphone, float* 
     double systemEnergy = 0, inEnergy = 0, outEnergy = 0;
     for (int64_t i = 0; i < kFrameFrames; ++i) {
         systemEnergy += static_cast<double>(system[i]) * system[i];
-        inEnergy += static_cast<double>(microphone[i]) * microphone[i];
+        // The filter takes the microphone's DC away by itself: compared with the DC
+        // left in, an offset would pass for a removed echo.
+        const double withoutDc = microphone[i] - dcBlockerInput_ + kDcBlockerPole * dcBlockerOutput_;
+        dcBlockerInput_ = microphone[i];
+        dcBlockerOutput_ = withoutDc;
+        inEnergy += withoutDc * withoutDc;
         outEnergy += static_cast<double>(cancelled[i]) * cancelled[i];
     }
-    if (systemEnergy <= kActiveFrameEnergy) return;
+    // Only an echo the delay estimate has seen counts.
+    if (systemEnergy <= kActiveFrameEnergy || estimator_.delayFrames() < 0) return;
     recentMicrophoneEnergy_ += kEngageFollow * (inEnergy - recentMicrophoneEnergy_);
     recentFilteredEnergy_ += kEngageFollow * (outEnergy - recentFilteredEnergy_);
     if (recentMicrophoneEnergy_ <= kActiveFrameEnergy * 1e-2 || recentMicrophoneEnergy_ < kEngageRatio * recentFilteredEnergy_) return;

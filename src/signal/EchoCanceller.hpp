@@ -20,8 +20,8 @@ namespace velto {
 // nonlinear suppressor: measured offline, the ones available (WebRTC's, speex's
 // residual suppressor) bought 4-10 dB more echo reduction with 0.6-10 dB of the
 // near-end voice, which is what a recording keeps. The filter's output is used
-// only once it has proved that it removes something (6 dB of the microphone
-// while the system audio plays): until then, and with headphones forever, the
+// only once the delay estimate has seen an echo and the filter has proved that
+// it removes it (6 dB of the microphone while the system audio plays): until then, and with headphones forever, the
 // microphone passes untouched, whatever the delay estimate thought it saw.
 //
 // Works at 16 kHz only, internally in 10 ms frames. Both blocks come out
@@ -79,6 +79,8 @@ private:
     bool engaged_ = false;               // the filter's output replaces the microphone
     double recentMicrophoneEnergy_ = 0;  // smoothed over ~0.2 s of frames with system audio
     double recentFilteredEnergy_ = 0;
+    double dcBlockerInput_ = 0;
+    double dcBlockerOutput_ = 0;
     int64_t processedFrames_ = 0;
     int64_t drainRemainingFrames_ = -1;  // -1: not draining
     double microphoneEnergy_ = 0;

@@ -32,8 +32,12 @@ struct MixerInputs {
     std::shared_ptr<AudioFile> outputFile;  // null: the blocks only go to the stream
     PcmFormat outputFormat;
     MixerTrackLayout layout = MixerTrackLayout::mixed;
-    // Unset: the lowest standard rate that carries every source unharmed.
+    // Unset: the lowest standard rate that carries every source unharmed
+    // (16 kHz when the echo is cancelled).
     std::optional<double> mixingSampleRateHertz;
+    // Removes the loudspeakers' echo (the system audio) from the microphone
+    // before the bus. Takes effect with both sources only, and mixes at 16 kHz.
+    bool echoCancellation = false;
 };
 
 }  // namespace velto
