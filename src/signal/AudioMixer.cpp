@@ -123,6 +123,11 @@ void AudioMixer::start(const MixerInputs& inputs) {
         output_.release();
         throw;
     }
+    const double fastestSourceRate = std::max(system ? system->sampleRateHertz : 0.0, microphone ? microphone->sampleRateHertz : 0.0);
+    blockFrameLimit_ = fastestSourceRate > mixingRate
+                           ? std::max<int64_t>(1, static_cast<int64_t>(static_cast<double>(bufferFrameCapacity_ - 1) *
+                                                                       mixingRate / fastestSourceRate))
+                           : bufferFrameCapacity_;
     echoCanceller_.reset();
     echoLatencyFramesToSkip_ = 0;
     if (cancelEcho) {
@@ -306,7 +311,7 @@ int64_t AudioMixer::framesToProcess(const std::shared_ptr<FloatRingBuffer>& syst
             return 0;
         }
     }
-    int64_t frames = pacer_.framesDue(clock_->nowSeconds());
+    int64_t frames = std::min(pacer_.framesDue(clock_->nowSeconds()), blockFrameLimit_);
     if (systemRing) frames = std::min(frames, system_.mixingFramesWithin(systemRing->availableFrames(), jitterBufferFrames_));
     if (microphoneRing) {
         frames = std::min(frames, microphone_.mixingFramesWithin(microphoneRing->availableFrames(), jitterBufferFrames_));
@@ -382,7 +387,7 @@ void AudioMixer::mixWhatTheRingsHold(const std::shared_ptr<FloatRingBuffer>& sys
     if (systemRing) system_.markDrainEnd(*systemRing);
     if (microphoneRing) microphone_.markDrainEnd(*microphoneRing);
     for (;;) {
-        const int64_t frames = std::min(bufferFrameCapacity_, std::max(systemRing ? system_.mixingFramesLeftToDrain() : 0,
+        const int64_t frames = std::min(blockFrameLimit_, std::max(systemRing ? system_.mixingFramesLeftToDrain() : 0,
                                                                         microphoneRing ? microphone_.mixingFramesLeftToDrain() : 0));
         if (frames < 1) break;
         if (systemRing) system_.process(*systemRing, frames, /*draining=*/true);

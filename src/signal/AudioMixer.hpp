@@ -161,6 +161,10 @@ private:
     SourcePath microphone_;
     MixBus bus_;
     MixOutput output_;
+    // The most mixing frames one block may take: the source paths' work arrays hold
+    // bufferFrameCapacity_ frames at the source's rate, which a mix at a lower rate
+    // than a source's (16 kHz for echo cancellation) reaches with fewer mixing frames.
+    int64_t blockFrameLimit_ = 0;
     // Present for a run with echo cancellation; created at start.
     std::unique_ptr<EchoCanceller> echoCanceller_;
     // The canceller's leading silence still to be left out of the output.

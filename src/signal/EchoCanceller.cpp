@@ -76,7 +76,6 @@ void EchoCanceller::processFrame() noexcept {
             // speex's power estimates, which is why the filter runs before the first estimate).
             speex_echo_state_reset(speex_);
             alignmentShiftFrames_ = shift;
-            if (engaged_) reportedDelayFrames_.store(delayFrames, std::memory_order_relaxed);
         }
     }
 
@@ -93,15 +92,16 @@ void EchoCanceller::processFrame() noexcept {
         }
         speex_echo_cancellation(speex_, recorded, reference, result);
         for (int64_t i = 0; i < kFrameFrames; ++i) cancelled[i] = static_cast<float>(result[i]) / 32767.0f;
-        if (!engaged_) {
-            engage(system, microphone, cancelled);
-            if (engaged_) reportedDelayFrames_.store(delayFrames, std::memory_order_relaxed);
+        if (!engaged_) engage(system, microphone, cancelled);
+        if (engaged_) {
+            output = cancelled;
+            reportedDelayFrames_.store(delayFrames, std::memory_order_relaxed);
         }
-        if (engaged_) output = cancelled;
     }
 
     processedFrames_ += kFrameFrames;
-    if (processedFrames_ > kConvergenceFrames) {
+    if (firstEchoFrame_ < 0 && delayFrames >= 0) firstEchoFrame_ = processedFrames_;
+    if (firstEchoFrame_ >= 0 && processedFrames_ > firstEchoFrame_ + kConvergenceFrames) {
         double systemEnergy = 0, inEnergy = 0, outEnergy = 0;
         for (int64_t i = 0; i < kFrameFrames; ++i) {
             systemEnergy += static_cast<double>(system[i]) * system[i];

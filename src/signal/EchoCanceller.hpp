@@ -37,13 +37,15 @@ public:
     static constexpr int64_t kFilterFrames = 1024;                // 64 ms of room after the delay
     static constexpr int64_t kMaximumDelayFrames = 8000;          // 500 ms of echo delay
     static constexpr int64_t kAlignmentMarginFrames = 160;        // the filter starts 10 ms before the echo
-    static constexpr int64_t kConvergenceFrames = 3 * kSampleRateHertz;  // suppression is measured after this
+    // Suppression is measured from this long after the echo first showed itself.
+    static constexpr int64_t kConvergenceFrames = 3 * kSampleRateHertz;
 
     struct Report {
         // The echo delay found, in milliseconds; -1 when no echo was found.
         int64_t echoDelayMs = -1;
         // Microphone energy in over energy out while the system audio played,
-        // after the filter had time to converge (dB); 0 when there was nothing to measure.
+        // from 3 s after the echo first showed itself (the filter's time to converge;
+        // a device's stream may start late); 0 when there was nothing to measure.
         double suppressionDb = 0;
     };
 
@@ -82,6 +84,7 @@ private:
     double dcBlockerInput_ = 0;
     double dcBlockerOutput_ = 0;
     int64_t processedFrames_ = 0;
+    int64_t firstEchoFrame_ = -1;  // processedFrames_ when the delay estimate first found an echo
     int64_t drainRemainingFrames_ = -1;  // -1: not draining
     double microphoneEnergy_ = 0;
     double outputEnergy_ = 0;
