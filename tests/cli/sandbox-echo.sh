@@ -3,7 +3,8 @@
 # the microphone hears it through a PulseAudio loopback (scripts/sound-sandbox.sh
 # echo-path), and `velto record --sources both` removes it. Checks:
 #   - echo reduction after 3 s (the canceller's own figure, microphone energy in over
-#     out while the far end plays, from the end-of-recording log line) >= 25 dB, for
+#     out while the far end plays, from the end-of-recording log line) of at least
+#     VELTO_ECHO_MIN_REDUCTION_DB (default 25, the target on an idle machine), for
 #     echo paths of 20 ms / 0 dB, 100 ms / 6 dB and 300 ms / 20 dB;
 #   - a 1 kHz near-end tone in the mix while both talk: within 3 dB of the same
 #     recording without cancellation;
@@ -51,7 +52,7 @@ for path in "20 0" "100 6" "300 20"; do
     line=$(report "echo-$delay")
     reduction=$(sed -n 's/.*suppression \([-0-9.]*\) dB.*/\1/p' <<<"$line")
     [[ -n "$reduction" ]] || fail "echo path $delay ms / -$attenuation dB: no echo found ($line)"
-    awk -v r="$reduction" 'BEGIN { exit !(r >= 25) }' ||
+    awk -v r="$reduction" -v m="${VELTO_ECHO_MIN_REDUCTION_DB:-25}" 'BEGIN { exit !(r >= m) }' ||
         fail "echo path $delay ms / -$attenuation dB: only $reduction dB of echo removed"
     echo "ok: echo path $delay ms / -$attenuation dB: $line"
 done
