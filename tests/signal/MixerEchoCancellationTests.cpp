@@ -48,7 +48,7 @@ TEST(MixerEchoCancellationTest, MicrophoneLosesTheEchoAndNoFrameIsLostOrMoved) {
 
     const std::vector<float> far = farEnd();
     std::vector<float> echo(far.size(), 0.0f);
-    for (size_t i = 1600; i < far.size(); ++i) echo[i] = 0.5f * far[i - 1600] - 0.2f * far[i - 1640];
+    for (size_t i = 1640; i < far.size(); ++i) echo[i] = 0.5f * far[i - 1600] - 0.2f * far[i - 1640];
     const std::vector<const float*> systemChannels{far.data()}, microphoneChannels{echo.data()};
     ASSERT_EQ(system->write(systemChannels, kFrames), kFrames);
     ASSERT_EQ(microphone->write(microphoneChannels, kFrames), kFrames);
