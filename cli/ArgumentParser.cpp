@@ -43,6 +43,7 @@ struct RawArguments {
     std::string microphoneId;
     bool recordJson = false;
     bool overwrite = false;
+    std::string echoCancellation;
     bool devicesJson = false;
     std::string permissionSources = "microphone";
     bool permissionsJson = false;
@@ -64,6 +65,7 @@ struct CommandLineApp {
     CLI::Option* durationOption = nullptr;
     CLI::Option* outputOption = nullptr;
     CLI::Option* microphoneOption = nullptr;
+    CLI::Option* echoOption = nullptr;
 
     CommandLineApp() {
         app.require_subcommand(1);
@@ -88,6 +90,10 @@ struct CommandLineApp {
                            "mixed: one track (default); separate: microphone and system audio as two channels "
                            "(needs --sources both)")
             ->check(CLI::IsMember({"mixed", "separate"}));
+        echoOption = record->add_option("--echo-cancellation", raw.echoCancellation,
+                                        "Remove the loudspeakers' echo from the microphone (default: on with "
+                                        "--sources both)")
+                         ->check(CLI::IsMember({"on", "off"}));
         record->add_flag("--json", raw.recordJson, "Print every event as one JSON object per line");
         record->add_flag("--overwrite", raw.overwrite, "Replace the output file when it exists");
 
@@ -129,6 +135,7 @@ struct CommandLineApp {
             if (durationOption->count() > 0) options.durationSeconds = raw.durationSeconds;
             if (outputOption->count() > 0) options.outputPath = std::filesystem::path(raw.outputPath);
             if (microphoneOption->count() > 0) options.microphoneId = raw.microphoneId;
+            if (echoOption->count() > 0) options.echoCancellation = raw.echoCancellation == "on";
             options.json = raw.recordJson;
             options.overwrite = raw.overwrite;
             options.tracks = raw.recordTracks == "separate" ? TrackLayout::separate : TrackLayout::mixed;
@@ -161,6 +168,9 @@ std::string contradiction(const RecordOptions& options) {
     }
     if (options.tracks == TrackLayout::separate && options.sources != SourceChoice::both) {
         return "--tracks separate needs --sources both: one source makes one track";
+    }
+    if (options.echoCancellation.value_or(false) && options.sources != SourceChoice::both) {
+        return "--echo-cancellation on needs --sources both: the echo is the system audio heard by the microphone";
     }
     if (options.format && options.outputPath) {
         auto implied = formatFromExtension(*options.outputPath);

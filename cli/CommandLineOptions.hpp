@@ -25,6 +25,8 @@ struct RecordOptions {
     std::optional<double> durationSeconds;
     std::optional<std::filesystem::path> outputPath;
     std::optional<std::string> microphoneId;
+    // Absent: the library's default (on when both sources are recorded).
+    std::optional<bool> echoCancellation;
     bool json = false;
     bool overwrite = false;
     // --tracks: one mixed track, or the microphone and the system audio side by side.

@@ -143,6 +143,7 @@ int RecordCommand::run() {
     RecordingConfiguration configuration(effectiveFormat(options_), toAudioSources(options_.sources), microphone,
                                          BufferConfiguration::defaultConfiguration());
     configuration.trackLayout = options_.tracks;
+    configuration.echoCancellation = options_.echoCancellation;
     std::error_code ignored;
     bool existedBefore = outputFile && fs::exists(*outputFile, ignored);
     if (console_.meterEnabled()) console_.printMessage(announcement(outputFile));

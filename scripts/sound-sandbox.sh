@@ -6,6 +6,12 @@
 #   sound-sandbox.sh stop     stop it (does nothing when it is not running)
 #   sound-sandbox.sh env      print the export line that points clients at it
 #   sound-sandbox.sh status   say whether it runs; exit 0 when it does
+#   sound-sandbox.sh echo-path on [DELAY_MS] [ATTENUATION_DB]
+#                             the microphone hears the speakers: their monitor is looped into
+#                             velto_mic_in DELAY_MS later (default 100) and ATTENUATION_DB
+#                             quieter (default 6); play the near end into velto_mic_in as usual
+#   sound-sandbox.sh echo-path off
+#                             headphones again: the loop goes
 #
 # Devices:
 #   velto_speakers   default sink (the speakers; its monitor is what system audio captures)
@@ -88,8 +94,60 @@ stop_quietly() {
     rm -f "$socket"
 }
 
+# --- echo path: loudspeakers heard by the microphone ---------------------------------
+# module-loopback from the speakers' monitor into the microphone's feed sink, so that
+# whatever plays reaches the virtual microphone as a room would bring it: later and
+# quieter, mixed with anything else played into velto_mic_in (the near end). The loop
+# keeps its rate (adjust_time=0): both null sinks run on the same clock, and a drifting
+# resampler would make the echo path change under a canceller. The requested latency is
+# the loop's target; the delay the microphone sees adds the sinks' block latency.
+echo_path_module_file() { echo "$dir/echo-path.module"; }
+
+echo_path_off() {
+    local file module
+    file="$(echo_path_module_file)"
+    [[ -f "$file" ]] || return 0
+    module="$(cat "$file")"
+    PULSE_SERVER="$server" pactl unload-module "$module" 2>/dev/null || true
+    rm -f "$file"
+}
+
+echo_path() {
+    is_running || { echo "sound sandbox not running; start it first" >&2; return 1; }
+    case "${1:-}" in
+        on)
+            local delay_ms="${2:-100}" attenuation_db="${3:-6}" module input
+            [[ "$delay_ms" =~ ^[0-9]+$ ]] || { echo "echo-path: DELAY_MS must be whole milliseconds" >&2; return 2; }
+            [[ "$attenuation_db" =~ ^[0-9]+([.][0-9]+)?$ ]] || { echo "echo-path: ATTENUATION_DB must be >= 0" >&2; return 2; }
+            echo_path_off
+            module="$(PULSE_SERVER="$server" pactl load-module module-loopback source=velto_speakers.monitor \
+                sink=velto_mic_in latency_msec="$delay_ms" adjust_time=0 source_dont_move=true sink_dont_move=true \
+                sink_input_properties=media.name=velto-echo-path source_output_properties=media.name=velto-echo-path)"
+            echo "$module" >"$(echo_path_module_file)"
+            # The loop's sink input carries the attenuation.
+            input="$(PULSE_SERVER="$server" LC_ALL=C pactl list sink-inputs |
+                awk -v m="$module" '/^Sink Input #/ { id = substr($3, 2) } /Owner Module:/ && $3 == m { print id; exit }')"
+            [[ -n "$input" ]] || { echo "echo-path: the loop has no sink input" >&2; echo_path_off; return 1; }
+            # pactl reads a plain decimal as a linear amplitude factor.
+            PULSE_SERVER="$server" pactl set-sink-input-volume "$input" \
+                "$(awk -v db="$attenuation_db" 'BEGIN { printf "%.6f", exp(-db / 20 * log(10)) }')"
+            echo "echo path on: velto_speakers.monitor -> velto_mic_in, ${delay_ms} ms, -${attenuation_db} dB"
+            ;;
+        off)
+            echo_path_off
+            echo "echo path off"
+            ;;
+        *)
+            echo "usage: $0 echo-path on [DELAY_MS] [ATTENUATION_DB] | echo-path off" >&2
+            return 2
+            ;;
+    esac
+}
+# --- end of echo path --------------------------------------------------------------
+
 case "${1:-}" in
     start) start ;;
+    echo-path) shift; echo_path "$@" ;;
     stop)
         stop_quietly
         echo "sound sandbox stopped"
@@ -104,7 +162,7 @@ case "${1:-}" in
         fi
         ;;
     *)
-        echo "usage: $0 start|stop|env|status" >&2
+        echo "usage: $0 start|stop|env|status|echo-path" >&2
         exit 2
         ;;
 esac

@@ -28,6 +28,15 @@ struct RecordingConfiguration {
     BufferConfiguration bufferConfiguration;
     // `separate` needs both sources; a recording of one source is refused at start.
     TrackLayout trackLayout = TrackLayout::mixed;
+    // Removes the loudspeakers' echo of the system audio from the microphone, so
+    // that a call recorded without headphones does not carry every remote word
+    // twice. Unset: on when both sources are recorded. It needs both sources and
+    // makes the mix run at 16 kHz; with headphones the microphone is left as it is.
+    std::optional<bool> echoCancellation;
+
+    bool cancelsEcho() const {
+        return sources.includeMicrophone() && sources.includeSystemAudio() && echoCancellation.value_or(true);
+    }
 };
 
 }  // namespace velto

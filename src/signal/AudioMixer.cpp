@@ -105,7 +105,9 @@ void AudioMixer::start(const MixerInputs& inputs) {
     // A single source alone decides the mixing rate.
     const double systemRate = system ? system->sampleRateHertz : microphone->sampleRateHertz;
     const double microphoneRate = microphone ? microphone->sampleRateHertz : system->sampleRateHertz;
-    const double mixingRate = inputs.mixingSampleRateHertz.value_or(chooseMixingRate(systemRate, microphoneRate));
+    const bool cancelEcho = dual && inputs.echoCancellation;
+    const double mixingRate = inputs.mixingSampleRateHertz.value_or(
+        cancelEcho ? static_cast<double>(EchoCanceller::kSampleRateHertz) : chooseMixingRate(systemRate, microphoneRate));
     logger().info("Choosing mixing rate: system=" + formatDouble(systemRate) + "Hz, mic=" +
                   formatDouble(microphoneRate) + "Hz -> mixing=" + formatDouble(mixingRate) + "Hz");
     if (!(mixingRate > 0)) throw AudioMixerError::failedToCreateMixingFormat();
@@ -120,6 +122,22 @@ void AudioMixer::start(const MixerInputs& inputs) {
         microphone_.release();
         output_.release();
         throw;
+    }
+    const double fastestSourceRate = std::max(system ? system->sampleRateHertz : 0.0, microphone ? microphone->sampleRateHertz : 0.0);
+    blockFrameLimit_ = fastestSourceRate > mixingRate
+                           ? std::max<int64_t>(1, static_cast<int64_t>(static_cast<double>(bufferFrameCapacity_ - 1) *
+                                                                       mixingRate / fastestSourceRate))
+                           : bufferFrameCapacity_;
+    echoCanceller_.reset();
+    echoLatencyFramesToSkip_ = 0;
+    if (cancelEcho) {
+        if (mixingRate == static_cast<double>(EchoCanceller::kSampleRateHertz)) {
+            echoCanceller_ = EchoCanceller::create(bufferFrameCapacity_);
+            echoLatencyFramesToSkip_ = echoCanceller_->latencyFrames();
+            logger().info("Echo cancellation on: the system audio's echo is removed from the microphone");
+        } else {
+            logger().info("Echo cancellation off: it needs mixing at 16000Hz, not " + formatDouble(mixingRate) + "Hz");
+        }
     }
     // Every source is delayed as much as the slowest resampler needs, so they stay aligned.
     const int64_t primingFrames = std::max(system_.primingFramesNeeded(), microphone_.primingFramesNeeded());
@@ -164,6 +182,8 @@ void AudioMixer::stopMixing() {
     // A tick() run from another thread goes through the same context: wait for it.
     onMixingContext([this] {
         if (!outputPaused_) drainRemainingAudio();
+        logEchoCancellation();
+        echoCanceller_.reset();
         system_.release();
         microphone_.release();
         output_.release();
@@ -291,7 +311,7 @@ int64_t AudioMixer::framesToProcess(const std::shared_ptr<FloatRingBuffer>& syst
             return 0;
         }
     }
-    int64_t frames = pacer_.framesDue(clock_->nowSeconds());
+    int64_t frames = std::min(pacer_.framesDue(clock_->nowSeconds()), blockFrameLimit_);
     if (systemRing) frames = std::min(frames, system_.mixingFramesWithin(systemRing->availableFrames(), jitterBufferFrames_));
     if (microphoneRing) {
         frames = std::min(frames, microphone_.mixingFramesWithin(microphoneRing->availableFrames(), jitterBufferFrames_));
@@ -299,10 +319,21 @@ int64_t AudioMixer::framesToProcess(const std::shared_ptr<FloatRingBuffer>& syst
     return frames < kMinimumBlockFrames ? 0 : frames;
 }
 
-void AudioMixer::mixAndWrite(int64_t frames, bool withSystem, bool withMicrophone) {
+void AudioMixer::mixAndWrite(int64_t frames, bool withSystem, bool withMicrophone, bool cancelEcho) {
+    int64_t skip = 0;
+    if (echoCanceller_ && withSystem && withMicrophone) {
+        if (cancelEcho) echoCanceller_->process(microphone_.block(), system_.block(), frames);
+        // The canceller's first frames are the silence of its latency, not audio.
+        skip = std::min(frames, echoLatencyFramesToSkip_);
+        echoLatencyFramesToSkip_ -= skip;
+    }
+    if (skip == frames) {
+        pacer_.advance(frames);
+        return;
+    }
     const auto measurement =
-        bus_.mix(withSystem ? system_.block() : nullptr, systemGain_.load(), withMicrophone ? microphone_.block() : nullptr,
-                 microphoneGain_.load(), frames);
+        bus_.mix(withSystem ? system_.block() + skip : nullptr, systemGain_.load(),
+                 withMicrophone ? microphone_.block() + skip : nullptr, microphoneGain_.load(), frames - skip);
     const float peak = measurement.peakBeforeClipping;
     maxPeakSinceStart_ = std::max(maxPeakSinceStart_, peak);
     if (peak > MixBus::kClipThreshold) {
@@ -314,8 +345,27 @@ void AudioMixer::mixAndWrite(int64_t frames, bool withSystem, bool withMicrophon
         ++overflowCounter_;
     }
     publishLevels(measurement, withSystem, withMicrophone);
-    output_.write(bus_.output(), frames);
+    output_.write(bus_.output(), frames - skip);
     pacer_.advance(frames);
+}
+
+// The frames the canceller still holds, after the sources have given everything.
+void AudioMixer::drainEchoCanceller() {
+    if (!echoCanceller_ || !system_.isPresent() || !microphone_.isPresent()) return;
+    while (const int64_t frames = echoCanceller_->drain(microphone_.block(), system_.block(), bufferFrameCapacity_)) {
+        mixAndWrite(frames, true, true, /*cancelEcho=*/false);
+    }
+}
+
+void AudioMixer::logEchoCancellation() const {
+    if (!echoCanceller_) return;
+    const EchoCanceller::Report report = echoCanceller_->report();
+    if (report.echoDelayMs < 0) {
+        logger().info("Echo cancellation: no echo of the system audio found in the microphone; microphone left unchanged");
+    } else {
+        logger().info("Echo cancellation: echo delay " + std::to_string(report.echoDelayMs) + " ms, suppression " +
+                      formatDouble(std::round(report.suppressionDb * 10) / 10) + " dB");
+    }
 }
 
 void AudioMixer::publishLevels(const MixBus::Measurement& mix, bool withSystem, bool withMicrophone) {
@@ -337,7 +387,7 @@ void AudioMixer::mixWhatTheRingsHold(const std::shared_ptr<FloatRingBuffer>& sys
     if (systemRing) system_.markDrainEnd(*systemRing);
     if (microphoneRing) microphone_.markDrainEnd(*microphoneRing);
     for (;;) {
-        const int64_t frames = std::min(bufferFrameCapacity_, std::max(systemRing ? system_.mixingFramesLeftToDrain() : 0,
+        const int64_t frames = std::min(blockFrameLimit_, std::max(systemRing ? system_.mixingFramesLeftToDrain() : 0,
                                                                         microphoneRing ? microphone_.mixingFramesLeftToDrain() : 0));
         if (frames < 1) break;
         if (systemRing) system_.process(*systemRing, frames, /*draining=*/true);
@@ -370,6 +420,7 @@ void AudioMixer::drainRemainingAudio() {
         microphone_.popAligned(frames);
         mixAndWrite(frames, systemRing != nullptr, microphoneRing != nullptr);
     }
+    drainEchoCanceller();
     output_.flush();
 }
 

@@ -11,6 +11,7 @@
 #include "dispatch/RepeatingTimer.hpp"
 #include "dispatch/SerialQueue.hpp"
 #include "signal/AudioMixerError.hpp"
+#include "signal/EchoCanceller.hpp"
 #include "signal/MixBus.hpp"
 #include "signal/MixOutput.hpp"
 #include "signal/MixPacer.hpp"
@@ -40,7 +41,10 @@ struct MixerLevels {
 // mixing rate; each source's path reads its ring (keeping a jitter reserve),
 // folds it to mono and resamples it; the bus sums (or lays side by side),
 // clips and meters; the output converts, appends to the file and delivers on
-// audioStream().
+// audioStream(). With echo cancellation the microphone's block loses the
+// system audio's echo between the source paths and the bus; the canceller
+// delays both blocks alike, so the output starts that much later and the
+// drain gives the held frames back.
 //
 // Stopping loses nothing captured: stopMixing() mixes what is left in the
 // rings (the jitter reserve included), then the resamplers' tails, into the
@@ -119,9 +123,11 @@ private:
     void tickOnQueue();
     int64_t framesToProcess(const std::shared_ptr<FloatRingBuffer>& systemRing,
                             const std::shared_ptr<FloatRingBuffer>& microphoneRing);
-    // One block through the bus and the output, `frames` of each present
-    // source's block() being ready.
-    void mixAndWrite(int64_t frames, bool withSystem, bool withMicrophone);
+    // One block through the echo canceller (when it runs and `cancelEcho`), the
+    // bus and the output, `frames` of each present source's block() being ready.
+    void mixAndWrite(int64_t frames, bool withSystem, bool withMicrophone, bool cancelEcho = true);
+    void drainEchoCanceller();
+    void logEchoCancellation() const;
     // Everything the rings hold now, into the output.
     void mixWhatTheRingsHold(const std::shared_ptr<FloatRingBuffer>& systemRing,
                              const std::shared_ptr<FloatRingBuffer>& microphoneRing);
@@ -155,6 +161,14 @@ private:
     SourcePath microphone_;
     MixBus bus_;
     MixOutput output_;
+    // The most mixing frames one block may take: the source paths' work arrays hold
+    // bufferFrameCapacity_ frames at the source's rate, which a mix at a lower rate
+    // than a source's (16 kHz for echo cancellation) reaches with fewer mixing frames.
+    int64_t blockFrameLimit_ = 0;
+    // Present for a run with echo cancellation; created at start.
+    std::unique_ptr<EchoCanceller> echoCanceller_;
+    // The canceller's leading silence still to be left out of the output.
+    int64_t echoLatencyFramesToSkip_ = 0;
     float maxPeakSinceStart_ = 0.0f;
 
     mutable std::mutex counterLock_;

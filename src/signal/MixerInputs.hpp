@@ -35,8 +35,12 @@ struct MixerInputs {
     // Starts with the output paused: a mixer rebuilt during a pause writes nothing of
     // what its sources hold until the resume.
     bool startPaused = false;
-    // Unset: the lowest standard rate that carries every source unharmed.
+    // Unset: the lowest standard rate that carries every source unharmed
+    // (16 kHz when the echo is cancelled).
     std::optional<double> mixingSampleRateHertz;
+    // Removes the loudspeakers' echo (the system audio) from the microphone
+    // before the bus. Takes effect with both sources only, and mixes at 16 kHz.
+    bool echoCancellation = false;
 };
 
 }  // namespace velto

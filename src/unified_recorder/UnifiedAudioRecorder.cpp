@@ -281,6 +281,7 @@ void UnifiedAudioRecorder::startAudioMixing() {
     if (microphoneCapture_) {
         inputs.microphone = MixerSourceInput{microphoneCapture_->ringBuffer(), microphoneSampleRate(), 1};
     }
+    inputs.echoCancellation = configuration_.cancelsEcho();
     if (inputs.system && inputs.microphone) {
         logger().debug("Starting dual-source mixing: system (" + formatDouble(inputs.system->sampleRateHertz) + "Hz, " +
                        std::to_string(inputs.system->channels) + "ch) + microphone (" +

@@ -26,13 +26,14 @@ TEST(ArgumentParser, PlainRecordTakesTheLibraryDefaults) {
     auto options = recordOptions({"record"});
     EXPECT_EQ(options.sources, SourceChoice::microphone);
     EXPECT_EQ(effectiveFormat(options), AudioFormat::flac);
-    EXPECT_FALSE(options.durationSeconds || options.outputPath || options.microphoneId || options.json ||
-                 options.overwrite);
+    EXPECT_FALSE(options.durationSeconds || options.outputPath || options.microphoneId || options.echoCancellation ||
+                 options.json || options.overwrite);
 }
 
 TEST(ArgumentParser, EveryRecordOptionArrives) {
     auto outcome = parse({"-v", "record", "--sources", "both", "--format", "wav", "--duration", "2.5", "--output",
-                          "/tmp/take.wav", "--microphone", "mic-1", "--json", "--overwrite", "-v"});
+                          "/tmp/take.wav", "--microphone", "mic-1", "--echo-cancellation", "off", "--json", "--overwrite",
+                          "-v"});
     ASSERT_TRUE(outcome.invocation) << outcome.standardError;
     // -v counts wherever it stands, also after the command's own options.
     EXPECT_EQ(outcome.invocation->verbosity, 2);
@@ -42,6 +43,7 @@ TEST(ArgumentParser, EveryRecordOptionArrives) {
     EXPECT_EQ(options.durationSeconds, 2.5);
     EXPECT_EQ(options.outputPath, std::filesystem::path("/tmp/take.wav"));
     EXPECT_EQ(options.microphoneId, "mic-1");
+    EXPECT_EQ(options.echoCancellation, false);
     EXPECT_TRUE(options.json);
     EXPECT_TRUE(options.overwrite);
 }
@@ -77,6 +79,9 @@ TEST(ArgumentParser, BadCommandLinesExitWithUsageNamingTheProblem) {
         // One source makes one track.
         {{"record", "--tracks", "separate"}, "--sources both"},
         {{"record", "--tracks", "stereo", "--sources", "both"}, "stereo"},
+        {{"record", "--echo-cancellation", "maybe"}, "maybe"},
+        // The echo is the system audio in the microphone: both are needed.
+        {{"record", "--echo-cancellation", "on"}, "--sources both"},
     };
     // A duration must be a finite positive number.
     for (const char* duration : {"0", "-1", "-0.0", "abc", "5s", "nan", "inf", "-inf", "1e999", ""}) {

@@ -23,10 +23,13 @@ constexpr int64_t kJitterFrames = 512;
 
 class UnifiedAudioRecorderTest : public ::testing::Test {
 public:
+    // Echo cancellation off unless asked for: it makes a two-source mix run at 16 kHz.
     std::shared_ptr<UnifiedAudioRecorder> start(AudioSources sources,
-                                                std::optional<MicrophoneDevice> microphone = std::nullopt) {
+                                                std::optional<MicrophoneDevice> microphone = std::nullopt,
+                                                std::optional<bool> echoCancellation = false) {
         RecordingConfiguration configuration(AudioFormat::wav, sources, std::move(microphone),
                                              BufferConfiguration(96000, kJitterFrames, 1024));
+        configuration.echoCancellation = echoCancellation;
         auto recorder = UnifiedAudioRecorder::create(file(), configuration, fakes.services(), clock, queue,
                                                      MixingTicks::caller);
         events = recorder->events();
@@ -159,6 +162,28 @@ TEST_F(UnifiedAudioRecorderTest, EachSourceCaseMixesItsSourcesAtItsGains) {
         const auto recorded = readRecording(file());
         ASSERT_GT(recorded.samples.size(), 4000u);
         EXPECT_NEAR(recorded.samples[recorded.samples.size() / 2], c.mixedValue, 0.01f);
+    }
+}
+
+// By default a two-source recording cancels the echo, which moves the mix to 16 kHz;
+// constant sources (no echo to find) reach the file unchanged.
+TEST_F(UnifiedAudioRecorderTest, BothSourcesCancelTheEchoUnlessTurnedOff) {
+    for (const std::optional<bool> echoCancellation : {std::optional<bool>{}, std::optional<bool>{false}}) {
+        SCOPED_TRACE(echoCancellation.has_value());
+        logs.clear();
+        auto recorder = start(AudioSources::both(), std::nullopt, echoCancellation);
+        feedMicrophone(0.5f, 24000 + kJitterFrames);
+        feedSystem(0.4f, 0.2f, 24000 + kJitterFrames);
+        EXPECT_EQ(mixFor(*recorder, 0.5), echoCancellation ? 24000 : 8000);
+        recorder->stop();
+        drainUntilEnd(events);
+        const auto recorded = readRecording(file());
+        ASSERT_GT(recorded.samples.size(), 4000u);
+        EXPECT_NEAR(recorded.samples[recorded.samples.size() / 2], 0.5f * 0.3f + 0.3f * 0.3f, 0.01f);
+        EXPECT_EQ(logs.contains(LogLevel::info, "AudioMixer",
+                                "Echo cancellation: no echo of the system audio found in the microphone; microphone "
+                                "left unchanged"),
+                  !echoCancellation.has_value());
     }
 }
 

@@ -1,0 +1,95 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "signal/EchoDelayEstimator.hpp"
+#include "signal/MonoSampleFifo.hpp"
+
+struct SpeexEchoState_;
+
+namespace velto {
+
+// Removes the loudspeaker echo from the microphone, using the system audio (the
+// very signal the loudspeakers play) as the reference.
+//
+// Our own delay estimate lines the reference up with the echo; speexdsp's
+// linear echo filter (64 ms long) then models the room from there. There is no
+// nonlinear suppressor: measured offline, the ones available (WebRTC's, speex's
+// residual suppressor) bought 4-10 dB more echo reduction with 0.6-10 dB of the
+// near-end voice, which is what a recording keeps. The filter's output is used
+// only once the delay estimate has seen an echo and the filter has proved that
+// it removes it (6 dB of the microphone while the system audio plays): until then, and with headphones forever, the
+// microphone passes untouched, whatever the delay estimate thought it saw.
+//
+// Works at 16 kHz only, internally in 10 ms frames. Both blocks come out
+// delayed by latencyFrames(), so they stay sample-aligned with each other; the
+// first latencyFrames() of output are silence and drain() gives back the last.
+//
+// Threads: process() and drain() on one thread (the mixing thread); they never
+// allocate, lock or log. report() may be called from any thread.
+class EchoCanceller {
+public:
+    static constexpr int64_t kSampleRateHertz = 16000;
+    static constexpr int64_t kFrameFrames = 160;                  // 10 ms
+    static constexpr int64_t kFilterFrames = 1024;                // 64 ms of room after the delay
+    static constexpr int64_t kMaximumDelayFrames = 8000;          // 500 ms of echo delay
+    static constexpr int64_t kAlignmentMarginFrames = 160;        // the filter starts 10 ms before the echo
+    // Suppression is measured from this long after the echo first showed itself.
+    static constexpr int64_t kConvergenceFrames = 3 * kSampleRateHertz;
+
+    struct Report {
+        // The echo delay found, in milliseconds; -1 when no echo was found.
+        int64_t echoDelayMs = -1;
+        // Microphone energy in over energy out while the system audio played,
+        // from 3 s after the echo first showed itself (the filter's time to converge;
+        // a device's stream may start late); 0 when there was nothing to measure.
+        double suppressionDb = 0;
+    };
+
+    static std::unique_ptr<EchoCanceller> create(int64_t maximumBlockFrames);
+    ~EchoCanceller();
+    EchoCanceller(const EchoCanceller&) = delete;
+    EchoCanceller& operator=(const EchoCanceller&) = delete;
+
+    // In place on both blocks, 1..maximumBlockFrames frames.
+    void process(float* microphone, float* system, int64_t frames) noexcept;
+
+    // At the end of a stream: writes up to maxFrames of the held frames and
+    // returns how many; 0 once all latencyFrames() are out. process() must not
+    // be called after drain().
+    int64_t drain(float* microphone, float* system, int64_t maxFrames) noexcept;
+
+    int64_t latencyFrames() const { return kFrameFrames; }
+    Report report() const;
+
+private:
+    explicit EchoCanceller(int64_t maximumBlockFrames);
+    void processFrame() noexcept;
+    void engage(const float* system, const float* microphone, float* cancelled) noexcept;
+
+    int64_t maximumBlockFrames_;
+    SpeexEchoState_* speex_ = nullptr;
+    EchoDelayEstimator estimator_;
+    MonoSampleFifo microphoneIn_, systemIn_, microphoneOut_, systemOut_;
+    // The system audio's recent past, from which the aligned reference is read.
+    std::vector<float> systemHistory_;
+    int64_t historyWriteIndex_ = 0;
+    int64_t alignmentShiftFrames_ = 0;  // until a delay is estimated, the filter covers short echoes
+    bool engaged_ = false;               // the filter's output replaces the microphone
+    double recentMicrophoneEnergy_ = 0;  // smoothed over ~0.2 s of frames with system audio
+    double recentFilteredEnergy_ = 0;
+    double dcBlockerInput_ = 0;
+    double dcBlockerOutput_ = 0;
+    int64_t processedFrames_ = 0;
+    int64_t firstEchoFrame_ = -1;  // processedFrames_ when the delay estimate first found an echo
+    int64_t drainRemainingFrames_ = -1;  // -1: not draining
+    double microphoneEnergy_ = 0;
+    double outputEnergy_ = 0;
+    std::atomic<int64_t> reportedDelayFrames_{-1};
+    std::atomic<double> reportedSuppressionDb_{0};
+};
+
+}  // namespace velto
