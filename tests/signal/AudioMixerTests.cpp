@@ -23,18 +23,6 @@ TEST(AudioMixerTest, MixingRateIsTheFirstStandardRateAboveBothSources) {
     EXPECT_EQ(AudioMixer::chooseMixingRate(200000, 8000), 200000.0);
 }
 
-// A second start while mixing is refused and leaves the running mix as it was.
-TEST(AudioMixerTest, ASecondStartIsRefused) {
-    MixerRig rig;
-    auto systemRing = FloatRingBuffer::create(2, 96000);
-    auto microphoneRing = FloatRingBuffer::create(1, 96000);
-    rig.mixer->start(testing::dualInputs(systemRing, 44100, 2, microphoneRing, 48000, nullptr, fileFormat16k()));
-    EXPECT_TRUE(rig.mixer->isMixing());
-    EXPECT_EQ(rig.mixer->mixingSampleRate(), 48000.0);
-    rig.mixer->start(testing::dualInputs(systemRing, 96000, 2, microphoneRing, 96000, nullptr, fileFormat16k()));
-    EXPECT_EQ(rig.mixer->mixingSampleRate(), 48000.0);
-}
-
 TEST(AudioMixerTest, StartFailsWhenAFormatCannotBeMade) {
     MixerRig rig;
     auto ring = FloatRingBuffer::create(1, 4096);
