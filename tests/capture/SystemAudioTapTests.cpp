@@ -57,7 +57,7 @@ TEST_F(SystemAudioTapTest, StartTapsEveryProcessAudiblyOnAnOutputClockedDevice) 
     tap->start();
     EXPECT_THAT(fakes.audioHardware->calls(), IsEmpty());
 
-    // With no process to tap, the tap is still made: processes that start later are heard.
+    // With no process to tap yet, the start still succeeds.
     fakes.audioHardware->processes.clear();
     auto another = makeTap();
     another->start();
