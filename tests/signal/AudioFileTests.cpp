@@ -105,7 +105,7 @@ TEST(AudioFileTest, OtherChannelCountsAreBroughtToTheFilesChannels) {
     ScratchFolder directory("velto-audiofile");
     const auto path = directory.file("folded.wav");
     auto file = AudioFile::openForWriting(path, makeAudioSettings(AudioFormat::wav));
-    // Non-interleaved stereo: averaged to mono.
+    // Non-interleaved stereo is averaged to mono (the interleaved layout is the converter's test).
     auto stereo = PcmBuffer::make(*PcmFormat::standard(16000, 2), 4);
     for (uint32_t i = 0; i < 4; ++i) {
         stereo->floatChannelData()[0][i] = 0.4f;
@@ -113,20 +113,11 @@ TEST(AudioFileTest, OtherChannelCountsAreBroughtToTheFilesChannels) {
     }
     stereo->setFrameLength(4);
     file->write(*stereo);
-    // Interleaved stereo too.
-    auto interleaved = PcmBuffer::make(*PcmFormat::make(16000, 2, true), 2);
-    const float frames[] = {1.0f, 0.0f, -0.5f, -0.25f};
-    std::copy(std::begin(frames), std::end(frames), interleaved->floatChannelData()[0]);
-    interleaved->setFrameLength(2);
-    file->write(*interleaved);
     file->close();
 
     const auto decoded = decode(path);
-    ASSERT_EQ(decoded.samples.size(), 6u);
-    EXPECT_FLOAT_EQ(decoded.samples[0], 0.3f);
-    EXPECT_FLOAT_EQ(decoded.samples[3], 0.3f);
-    EXPECT_FLOAT_EQ(decoded.samples[4], 0.5f);
-    EXPECT_FLOAT_EQ(decoded.samples[5], -0.375f);
+    ASSERT_EQ(decoded.samples.size(), 4u);
+    for (const float sample : decoded.samples) EXPECT_FLOAT_EQ(sample, 0.3f);
 }
 
 TEST(AudioFileTest, FailuresCarryTheUnderlyingText) {
