@@ -4,7 +4,6 @@
 #include "model/AudioEngineRecorderError.hpp"
 #include "platform/fake/FakePlatformServices.hpp"
 #include "capture/RingReadBack.hpp"
-#include "support/CapturedLogs.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,12 +14,8 @@ namespace velto {
 namespace {
 
 using namespace platform;
-using testing::CapturedLogs;
 using testing::readAllFrames;
-using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-
-constexpr const char* kCategory = "MicrophoneCapture";
 
 template <class Edit>
 FakeAudioInputEngineScript script(Edit edit) {
@@ -56,61 +51,36 @@ protected:
 
     FakePlatformServices fakes;
     std::shared_ptr<FakeAudioInputEngine> engine;
-    CapturedLogs logs;
     const MicrophoneDevice usbMicrophone{"USB-Mic-1", "USB Microphone", false};
 };
 
-TEST_F(MicrophoneCaptureTest, StartSetsUpAFreshEngineAndReportsTheFormatsAndAnyRateMismatch) {
-    auto capture = makeCapture();
-    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Created MicrophoneCapture with 1 channels, 96000 frame capacity"));
-    capture->start(1024);
-
-    EXPECT_TRUE(capture->isCapturing());
-    EXPECT_THAT(engine->calls(), ElementsAre("reset", "removeTap(0)", "installTap(0,1024)", "start"));
-    // Without a preference the engine stays on the default input.
-    EXPECT_FALSE(engine->currentDevice().has_value());
-    EXPECT_TRUE(fakes.audioHardware->calls().empty());
-    ASSERT_TRUE(capture->inputFormat().has_value());
-    EXPECT_EQ(capture->inputFormat()->sampleRate, 48000.0);
-
-    const std::string format = PcmFormat{48000.0, 1, false}.description();
-    EXPECT_THAT(logs.messages(kCategory),
-                ::testing::IsSupersetOf(std::vector<std::string>{
-                    "Starting microphone capture with system default input device",
-                    "Creating fresh PulseAudio input engine for isolated microphone capture", "Hardware input format: " + format,
-                    "Installed audio tap with buffer size: 1024", "Hardware format: " + format, "Tap format: " + format,
-                    "✅ Sample rates match: 48000.0Hz", "Microphone capture started with format: " + format}));
-
-    // A tap whose rate differs from the hardware's is reported, and capture goes on.
-    fakes.audioEngineFactory = FakeAudioEngineFactory::create(
-        script([](auto& s) { s.outputFormat = PcmFormat{44100.0, 1, false}; }));
-    auto mismatched = makeCapture();
-    mismatched->start(1024);
-    EXPECT_TRUE(mismatched->isCapturing());
-    EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "Sample rate mismatch detected! Hardware: 48000.0Hz, Tap: 44100.0Hz"));
-}
-
-TEST_F(MicrophoneCaptureTest, RepeatedCallsDoNothingAndStopRemovesTheTapBeforeStoppingTheEngine) {
+TEST_F(MicrophoneCaptureTest, StartStopAndRepeatedCalls) {
     auto capture = makeCapture();
     capture->stop();
     EXPECT_THAT(engine->calls(), IsEmpty());
     capture->start(1024);
     capture->start(1024);
-    EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "Microphone capture already active"));
-    auto calls = engine->calls();
+    EXPECT_TRUE(capture->isCapturing());
+    const auto calls = engine->calls();
     EXPECT_EQ(std::count(calls.begin(), calls.end(), "start"), 1);
+    // Without a preference the engine stays on the default input.
+    EXPECT_FALSE(engine->currentDevice().has_value());
+    ASSERT_TRUE(capture->inputFormat().has_value());
+    EXPECT_EQ(capture->inputFormat()->sampleRate, 48000.0);
     engine->deliver(*channelNumberedBuffer(1, 1024));
     ASSERT_EQ(capture->ringBuffer()->availableFrames(), 1024);
 
     capture->stop();
-    calls = engine->calls();
-    EXPECT_THAT(std::vector<std::string>(calls.end() - 2, calls.end()), ElementsAre("removeTap(0)", "stop"));
     EXPECT_FALSE(capture->isCapturing());
     EXPECT_EQ(capture->ringBuffer()->availableFrames(), 0);
     EXPECT_FALSE(engine->deliver(*channelNumberedBuffer(1, 1024)));
-    EXPECT_THAT(logs.messages(kCategory), ::testing::IsSupersetOf(std::vector<std::string>{
-                                                 "Stopping microphone capture", "Cleanup completed",
-                                                 "Microphone capture stopped"}));
+
+    // A tap whose rate differs from the hardware's does not stop the capture.
+    fakes.audioEngineFactory = FakeAudioEngineFactory::create(
+        script([](auto& s) { s.outputFormat = PcmFormat{44100.0, 1, false}; }));
+    auto mismatched = makeCapture();
+    mismatched->start(1024);
+    EXPECT_TRUE(mismatched->isCapturing());
 }
 
 TEST_F(MicrophoneCaptureTest, FailedEngineStartCleansUpAndPassesThePlatformErrorOn) {
@@ -124,12 +94,10 @@ TEST_F(MicrophoneCaptureTest, FailedEngineStartCleansUpAndPassesThePlatformError
     }
     EXPECT_FALSE(capture->isCapturing());
     EXPECT_FALSE(engine->hasTap());
-    EXPECT_EQ(engine->calls().back(), "removeTap(0)");
-    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Cleanup completed"));
 }
 
-TEST_F(MicrophoneCaptureTest, ChannelsAreMappedOntoTheRingAndTheSampledLineSaysHow) {
-    ScopedLogThinning alwaysLog(true);
+TEST_F(MicrophoneCaptureTest, ChannelsAreMappedOntoTheRing) {
+    ScopedLogThinning alwaysLog(true);  // the sampled line runs too, under the sanitizers
     struct Case {
         std::uint32_t inputChannels;
         std::int64_t ringChannels;
@@ -147,25 +115,19 @@ TEST_F(MicrophoneCaptureTest, ChannelsAreMappedOntoTheRingAndTheSampledLineSaysH
             EXPECT_THAT(channels[r], ::testing::Each(c.expectedPerRingChannel[r]));
         }
     }
-    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory,
-                              "Channel mapping: input 1 channels, ring buffer expects 2 channels, created 2 source pointers"));
 }
 
-TEST_F(MicrophoneCaptureTest, EmptyBlockIsIgnoredAndAnOverrunKeepsWhatFitsAndIsReported) {
-    ScopedLogThinning alwaysLog(true);
+TEST_F(MicrophoneCaptureTest, EmptyBlockIsIgnoredAndAnOverrunKeepsWhatFits) {
     auto capture = makeCapture(1, 1324);
     capture->start(1024);
-    logs.clear();
     auto empty = channelNumberedBuffer(1, 1024);
     empty->setFrameLength(0);
     engine->deliver(*empty);
     EXPECT_EQ(capture->ringBuffer()->availableFrames(), 0);
-    EXPECT_THAT(logs.messages(kCategory), IsEmpty());
     engine->deliver(*channelNumberedBuffer(1, 1024));
     engine->deliver(*channelNumberedBuffer(1, 1024));
     engine->deliver(*channelNumberedBuffer(1, 1024));
     EXPECT_EQ(capture->ringBuffer()->availableFrames(), 1324);
-    EXPECT_TRUE(logs.containsPrefix(kCategory, "Ring buffer overrun: wrote 300/1024 frames"));
 }
 
 TEST_F(MicrophoneCaptureTest, CountingSignalFromTheDeliveryThreadArrivesWithoutGaps) {
@@ -194,22 +156,17 @@ TEST_F(MicrophoneCaptureTest, AConfiguredDeviceIsSelectedNowAndAgainAfterEachSta
     EXPECT_EQ(engine->currentDevice(), 42u);
     EXPECT_EQ(capture->selectedMicrophone(), usbMicrophone);
     EXPECT_EQ(capture->selectedMicrophoneID(), 42u);
-    EXPECT_THAT(logs.messages(kCategory),
-                ::testing::IsSupersetOf(std::vector<std::string>{
-                    "🎙️ Configuring PulseAudio input device: 'USB Microphone' (ID: USB-Mic-1)",
-                    "🎙️ Successfully configured PulseAudio input device: 'USB Microphone'"}));
-    EXPECT_THAT(fakes.captureDeviceDiscovery->discoveries().front(),
-                ElementsAre(CaptureDeviceType::microphone, CaptureDeviceType::external));
 
+    // The reset engine has forgotten its device: it must be told again before it starts.
     capture->start(1024);
-    EXPECT_THAT(engine->calls(), ElementsAre("setCurrentDevice(42)", "reset", "setCurrentDevice(42)", "removeTap(0)",
-                                             "installTap(0,1024)", "start"));
+    const auto calls = engine->calls();
+    const auto reset = std::find(calls.begin(), calls.end(), "reset");
+    EXPECT_NE(std::find(reset, calls.end(), "setCurrentDevice(42)"), calls.end());
 }
 
 struct SelectionFailure {
     const char* name;
     std::function<void(FakePlatformServices&, FakeAudioInputEngine&)> arrange;
-    std::vector<std::string> criticalLines;
 };
 
 class MicrophoneSelectionFailureTest : public MicrophoneCaptureTest,
@@ -220,7 +177,6 @@ TEST_P(MicrophoneSelectionFailureTest, FailsWithUnknownErrorAndKeepsTheEarlierSe
     const MicrophoneDevice builtIn{"BuiltInMicrophoneDevice", "MacBook Pro Microphone", true};
     capture->configureInputDevice(builtIn);
     GetParam().arrange(fakes, *engine);
-    logs.clear();
     try {
         capture->configureInputDevice(usbMicrophone);
         FAIL() << "configureInputDevice() should have failed";
@@ -229,37 +185,24 @@ TEST_P(MicrophoneSelectionFailureTest, FailsWithUnknownErrorAndKeepsTheEarlierSe
     }
     EXPECT_EQ(capture->selectedMicrophone(), builtIn);
     EXPECT_EQ(capture->selectedMicrophoneID(), 41u);
-    for (const auto& line : GetParam().criticalLines) {
-        EXPECT_TRUE(logs.contains(LogLevel::critical, kCategory, line)) << line;
-    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     EachStep, MicrophoneSelectionFailureTest,
     ::testing::Values(
         SelectionFailure{"NotDiscovered",
-                         [](auto& f, auto&) { f.captureDeviceDiscovery->setDevices({{"BuiltInMicrophoneDevice", "", {}}}); },
-                         {"Could not find AVCaptureDevice for microphone ID: USB-Mic-1"}},
-        SelectionFailure{"DeviceListSize",
+                         [](auto& f, auto&) { f.captureDeviceDiscovery->setDevices({{"BuiltInMicrophoneDevice", "", {}}}); }},
+        SelectionFailure{"DeviceListUnreadable",
                          [](auto& f, auto&) {
                              f.audioHardware->setStatus(FakeAudioHardware::sizeKey(kAudioHardwarePropertyDevices),
                                                         kAudioHardwareNotRunningError);
-                         },
-                         {"Failed to get audio devices data size: OSStatus = 1937010544 'stop', sound server not running",
-                          "Could not get AudioDeviceID for device: USB Microphone"}},
-        SelectionFailure{
-            "DeviceListData",
-            [](auto& f, auto&) { f.audioHardware->setStatus(FakeAudioHardware::dataKey(kAudioHardwarePropertyDevices), -1); },
-            {"Failed to get audio devices: OSStatus = -1", "Could not get AudioDeviceID for device: USB Microphone"}},
+                         }},
         SelectionFailure{"NoMatchingUID",
-                         [](auto& f, auto&) { f.audioHardware->devices = {{41, std::string("BuiltInMicrophoneDevice")}}; },
-                         {"Could not get AudioDeviceID for device: USB Microphone"}},
+                         [](auto& f, auto&) { f.audioHardware->devices = {{41, std::string("BuiltInMicrophoneDevice")}}; }},
         SelectionFailure{"NoAudioUnit",
-                         [](auto&, auto& e) { e.setScript(script([](auto& s) { s.hasAudioUnit = false; })); },
-                         {"Could not get AudioUnit from input node"}},
+                         [](auto&, auto& e) { e.setScript(script([](auto& s) { s.hasAudioUnit = false; })); }},
         SelectionFailure{"SetDeviceRefused",
-                         [](auto&, auto& e) { e.setScript(script([](auto& s) { s.setCurrentDeviceStatus = -10851; })); },
-                         {"Failed to set input device on AudioUnit: OSStatus = -10851"}}),
+                         [](auto&, auto& e) { e.setScript(script([](auto& s) { s.setCurrentDeviceStatus = -10851; })); }}),
     [](const ::testing::TestParamInfo<SelectionFailure>& info) { return std::string(info.param.name); });
 
 TEST_F(MicrophoneCaptureTest, DeviceLookupSkipsUnreadableDevicesAndTakesTheFirstMatch) {

@@ -9,8 +9,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <regex>
-
 namespace velto {
 namespace {
 
@@ -35,83 +33,36 @@ protected:
     CapturedLogs logs;
 };
 
-TEST_F(SystemAudioTapTest, StartCreatesAMixdownTapAnOutputClockedDeviceAndTheIOBlockInOrder) {
+// The tap must be an audible mixdown of every process, on a device clocked by the output.
+TEST_F(SystemAudioTapTest, StartTapsEveryProcessAudiblyOnAnOutputClockedDevice) {
     auto tap = makeTap();
+    tap->stop();
+    EXPECT_THAT(fakes.audioHardware->calls(), IsEmpty());
     tap->start();
-
     EXPECT_TRUE(tap->isCapturing());
-    std::vector<std::string> creations;
-    for (const auto& call : fakes.audioHardware->calls()) {
-        if (call.rfind("create", 0) == 0 || call.rfind("deviceStart", 0) == 0) creations.push_back(call);
-    }
-    EXPECT_THAT(creations, ElementsAre("createProcessTap", "createAggregateDevice", "createIOProcIDWithBlock(88)",
-                                       "deviceStart(88)"));
 
-    for (const auto& [level, line] : std::vector<std::pair<LogLevel, std::string>>{
-             {LogLevel::info, "Starting real PulseAudio system audio tap"},
-             {LogLevel::debug, "Found 2 audio processes for tapping"},
-             {LogLevel::info, "Created process tap with ID: 77"},
-             {LogLevel::info, "Retrieved tap format: SR=48000.0, Channels=2, Format=0x6c70636d"},
-             {LogLevel::info, "Created aggregate device with ID: 88"},
-             {LogLevel::info, "System audio tap started successfully"},
-             {LogLevel::info, "Tap format: SR: 48000.0Hz, Ch: 2, Format: 0x6c70636d, Flags: 0x9"}}) {
-        EXPECT_TRUE(logs.contains(level, kCategory, line)) << line;
-    }
-    EXPECT_TRUE(logs.containsPrefix(kCategory, "Installed IOProc on aggregate device with procID: 0x"));
-
-    // The tap: an audible private mixdown of every process.
     const auto description = fakes.audioHardware->lastTapDescription();
     ASSERT_TRUE(description.has_value());
     EXPECT_THAT(description->processes, ElementsAre(101u, 102u));
     EXPECT_FALSE(description->isExclusive);
     EXPECT_TRUE(description->isPrivate);
     EXPECT_EQ(description->muteBehavior, TapMuteBehavior::unmuted);
-    EXPECT_EQ(description->name, "Ondrel-SystemAudioTap");
-    EXPECT_TRUE(std::regex_match(description->uuid,
-                                 std::regex("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}")));
-    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Creating process tap with UUID: " + description->uuid));
-
-    // The aggregate device: clocked by the output, carrying the tap; logged entry by entry as given.
     const auto aggregate = fakes.audioHardware->lastAggregateDescription();
     ASSERT_TRUE(aggregate.has_value());
-    std::vector<std::string> given{"Aggregate device configuration:"};
-    for (const auto& [key, value] : aggregate->entries()) {
-        given.push_back("  " + key + ": " + value.description());
-    }
-    EXPECT_EQ(given, (std::vector<std::string>{
-                         "Aggregate device configuration:", "  name: Ondrel-SystemAudioTap",
-                         "  uid: io.veltoaudio.SystemAudioTap.TAP-UID-1", "  master: BuiltInSpeakerDevice",
-                         "  private: true", "  stacked: false", "  tapautostart: true",
-                         "  subdevices: [[\"uid\": \"BuiltInSpeakerDevice\"]]",
-                         "  taps: [[\"drift\": true, \"uid\": \"TAP-UID-1\"]]"}));
-    const auto messages = logs.messages(kCategory);
-    const auto header = std::find(messages.begin(), messages.end(),
-                                  "Creating aggregate device with output UID: BuiltInSpeakerDevice, tap UUID: TAP-UID-1");
-    ASSERT_GE(messages.end() - header, 10);
-    EXPECT_EQ(std::vector<std::string>(header + 1, header + 10), given);
-}
+    EXPECT_EQ(aggregate->string("master"), "BuiltInSpeakerDevice");
+    ASSERT_NE(aggregate->find("taps"), nullptr);
+    EXPECT_EQ(aggregate->find("taps")->description(), "[[\"drift\": true, \"uid\": \"TAP-UID-1\"]]");
 
-TEST_F(SystemAudioTapTest, StartWhileCapturingAndStopWhileIdleDoNothing) {
-    auto tap = makeTap();
-    tap->stop();
-    EXPECT_THAT(fakes.audioHardware->calls(), IsEmpty());
-    EXPECT_THAT(logs.messages(kCategory), ElementsAre("Created SystemAudioTap with 2 channels, 96000 frame capacity"));
-
-    tap->start();
     fakes.audioHardware->clearCalls();
     tap->start();
     EXPECT_THAT(fakes.audioHardware->calls(), IsEmpty());
-    EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "System audio tap already active"));
-}
 
-TEST_F(SystemAudioTapTest, EmptyProcessListStillCreatesATap) {
+    // With no process to tap yet, the start still succeeds.
     fakes.audioHardware->processes.clear();
-    auto tap = makeTap();
-    tap->start();
-    EXPECT_TRUE(tap->isCapturing());
+    auto another = makeTap();
+    another->start();
+    EXPECT_TRUE(another->isCapturing());
     EXPECT_THAT(fakes.audioHardware->lastTapDescription()->processes, IsEmpty());
-    EXPECT_TRUE(logs.contains(LogLevel::error, kCategory,
-                              "No audio processes found for tapping - system audio capture may not work as expected"));
 }
 
 struct StartFailure {
@@ -119,7 +70,6 @@ struct StartFailure {
     std::string operation;  // FakeAudioHardware status key; empty: the aggregate device comes back as ID 0
     OSStatus status;
     RecordingError expected;
-    const char* criticalLine;  // nullptr: the step logs nothing of its own
     std::size_t teardownCalls;  // how much of kTeardown the objects created so far need
 };
 
@@ -152,38 +102,20 @@ TEST_P(SystemAudioTapStartFailureTest, FailureMapsToItsErrorAndLeavesNothingBehi
     }
     EXPECT_EQ(teardown, std::vector<std::string>(kTeardown.end() - static_cast<std::ptrdiff_t>(failure.teardownCalls),
                                                  kTeardown.end()));
-    if (failure.criticalLine != nullptr) {
-        EXPECT_TRUE(logs.contains(LogLevel::critical, kCategory, failure.criticalLine));
-    }
-    EXPECT_TRUE(logs.contains(LogLevel::critical, kCategory,
-                              "Failed to start system audio tap: " + failure.expected.caseDescription()));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     EachStep, SystemAudioTapStartFailureTest,
     ::testing::Values(
-        StartFailure{"ProcessListSize", FakeAudioHardware::sizeKey(kAudioHardwarePropertyProcessObjectList),
-                     kAudioHardwareNotRunningError,
-                     RecordingError::systemAudioTapCreationFailed(kAudioHardwareNotRunningError), nullptr, 0},
-        StartFailure{"ProcessListData", FakeAudioHardware::dataKey(kAudioHardwarePropertyProcessObjectList), -1,
-                     RecordingError::systemAudioTapCreationFailed(-1), nullptr, 0},
-        StartFailure{"CreateProcessTap", "createProcessTap", -4, RecordingError::systemAudioTapCreationFailed(-4),
-                     "AudioHardwareCreateProcessTap failed: -4", 0},
+        StartFailure{"CreateProcessTap", "createProcessTap", -4, RecordingError::systemAudioTapCreationFailed(-4), 0},
         StartFailure{"TapFormat", FakeAudioHardware::dataKey(kAudioTapPropertyFormat), -5,
-                     RecordingError::systemAudioTapCreationFailed(-5), nullptr, 1},
-        StartFailure{"DefaultOutput", FakeAudioHardware::dataKey(kAudioHardwarePropertyDefaultSystemOutputDevice), -6,
-                     RecordingError::systemAudioTapCreationFailed(-6), nullptr, 1},
-        StartFailure{"TapUID", FakeAudioHardware::dataKey(kAudioTapPropertyUID), -7,
-                     RecordingError::systemAudioTapCreationFailed(-7), "AudioObjectGetPropertyData (tap UUID) failed: -7", 1},
+                     RecordingError::systemAudioTapCreationFailed(-5), 1},
         StartFailure{"CreateAggregateDevice", "createAggregateDevice", -8,
-                     RecordingError::systemAudioDeviceCreationFailed(-8), "AudioHardwareCreateAggregateDevice failed: -8", 1},
+                     RecordingError::systemAudioDeviceCreationFailed(-8), 1},
         // A success status with device ID 0: there is no device to destroy.
-        StartFailure{"ZeroAggregateDeviceID", "", noErr, RecordingError::systemAudioDeviceCreationFailed(0),
-                     "Aggregate device ID is 0 - creation may have failed silently", 1},
-        StartFailure{"CreateIOProc", "createIOProcIDWithBlock", -9, RecordingError::systemAudioTapCreationFailed(-9),
-                     "AudioDeviceCreateIOProcIDWithBlock failed: -9", 2},
-        StartFailure{"DeviceStart", "deviceStart", -50, RecordingError::systemAudioDeviceStartFailed(-50),
-                     "AudioDeviceStart failed: -50, invalid parameter", 4}),
+        StartFailure{"ZeroAggregateDeviceID", "", noErr, RecordingError::systemAudioDeviceCreationFailed(0), 1},
+        StartFailure{"CreateIOProc", "createIOProcIDWithBlock", -9, RecordingError::systemAudioTapCreationFailed(-9), 2},
+        StartFailure{"DeviceStart", "deviceStart", -50, RecordingError::systemAudioDeviceStartFailed(-50), 4}),
     [](const ::testing::TestParamInfo<StartFailure>& info) { return std::string(info.param.name); });
 
 TEST_F(SystemAudioTapTest, StopAndReleaseTearDownInReverseOrderAndStartAgainMakesANewTap) {
@@ -194,8 +126,6 @@ TEST_F(SystemAudioTapTest, StopAndReleaseTearDownInReverseOrderAndStartAgainMake
     tap->stop();
     EXPECT_EQ(fakes.audioHardware->calls(), kTeardown);
     EXPECT_FALSE(tap->isCapturing());
-    EXPECT_TRUE(logs.contains(LogLevel::info, kCategory, "Stopping system audio tap"));
-    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "System audio tap stopped"));
 
     tap->start();
     EXPECT_TRUE(tap->isCapturing());
@@ -205,7 +135,6 @@ TEST_F(SystemAudioTapTest, StopAndReleaseTearDownInReverseOrderAndStartAgainMake
     fakes.audioHardware->clearCalls();
     tap.reset();
     EXPECT_EQ(fakes.audioHardware->calls(), kTeardown);
-    EXPECT_EQ(logs.messages(kCategory).back(), "SystemAudioTap deallocated");
 }
 
 // ---- the IO block ----
@@ -243,55 +172,31 @@ TEST_F(SystemAudioTapInputTest, InterleavedChannelsBeyondTheRingAndCyclesOver204
     EXPECT_EQ(tap->ringBuffer()->availableFrames(), 2048);
 }
 
-TEST_F(SystemAudioTapInputTest, MalformedCyclesWriteNothingAndUnsampledCyclesLogNothing) {
-    {
-        ScopedLogThinning neverLog(false);
-        logs.clear();
-        fakes.audioHardware->deliverInput(AudioBufferList{0, nullptr});
-        std::vector<float> interleaved(2 * 512, 0.1f);
-        AudioBuffer buffer{2, 4096, interleaved.data()};
-        ASSERT_TRUE(fakes.audioHardware->deliverInput(AudioBufferList{1, &buffer}));
-        EXPECT_THAT(logs.messages(kCategory), IsEmpty());
-        tap->ringBuffer()->reset();
-    }
-    ScopedLogThinning alwaysLog(true);
+// The IO block runs in real time: an unsampled cycle, well-formed or not, logs nothing.
+TEST_F(SystemAudioTapInputTest, BothLayoutsAreWrittenAndMalformedCyclesWriteNothing) {
+    ScopedLogThinning neverLog(false);
+    logs.clear();
     fakes.audioHardware->deliverInput(AudioBufferList{0, nullptr});
-    EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "SystemAudioTap IOProc called but no audio buffers available"));
-
     AudioBuffer noData{2, 4096, nullptr};
     fakes.audioHardware->deliverInput(AudioBufferList{1, &noData});
-
-    std::vector<float> left(256);
-    AudioBuffer oneMissing[] = {{1, 1024, left.data()}, {1, 1024, nullptr}};
+    std::vector<float> left(128, -0.5f), right(128, 0.75f);
+    AudioBuffer oneMissing[] = {{1, 512, left.data()}, {1, 512, nullptr}};
     fakes.audioHardware->deliverInput(AudioBufferList{2, oneMissing});
-
     // A single mono buffer is offered as one channel, which the two-channel ring refuses.
-    AudioBuffer mono{1, 1024, left.data()};
+    AudioBuffer mono{1, 512, left.data()};
     fakes.audioHardware->deliverInput(AudioBufferList{1, &mono});
-    EXPECT_TRUE(logs.contains(LogLevel::critical, "FloatRingBuffer",
-                              "Source channel count (1) doesn't match buffer channels (2)"));
-
     EXPECT_EQ(tap->ringBuffer()->availableFrames(), 0);
-}
 
-// The interleaved layout's frame order is what the counting-signal test reads back.
-TEST_F(SystemAudioTapInputTest, BothLayoutsAreWrittenAndTheSampledLinesReportTheFill) {
     std::vector<float> interleaved(1024, 0.25f);
     AudioBuffer buffer{2, 4096, interleaved.data()};
-    ScopedLogThinning alwaysLog(true);
     ASSERT_TRUE(fakes.audioHardware->deliverInput(AudioBufferList{1, &buffer}));
-    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "SystemAudioTap buffer: 512 frames, 2 channels, 1 buffers"));
-    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory,
-                              "SystemAudioTap (interleaved) wrote 512/512 frames to ring buffer (available: 512/8192)"));
-
-    std::vector<float> left(128, -0.5f), right(128, 0.75f);
     AudioBuffer buffers[] = {{1, 512, left.data()}, {1, 512, right.data()}};
     fakes.audioHardware->deliverInput(AudioBufferList{2, buffers});
-    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory,
-                              "SystemAudioTap (non-interleaved) wrote 128/128 frames to ring buffer (available: 640/8192)"));
+    EXPECT_THAT(logs.messages(kCategory), IsEmpty());
 
     const auto channels = readAllFrames(*tap->ringBuffer());
     ASSERT_EQ(channels[0].size(), 640u);
+    EXPECT_THAT(std::vector<float>(channels[0].begin(), channels[0].begin() + 512), ::testing::Each(0.25f));
     EXPECT_EQ(std::vector<float>(channels[0].begin() + 512, channels[0].end()), left);
     EXPECT_EQ(std::vector<float>(channels[1].begin() + 512, channels[1].end()), right);
 }

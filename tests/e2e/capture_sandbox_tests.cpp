@@ -62,15 +62,26 @@ std::vector<std::vector<float>> captureWhilePlaying(FloatRingBuffer& ring, const
     return captured;
 }
 
-TEST(SystemAudioTapSandboxTest, ToneOnTheSpeakersArrivesInTheRingBuffer) {
+// The main loop is held up, inside the tone, for longer than a source may stay quiet
+// before it counts as idle (a starved process). What the server sent meanwhile is read
+// once the loop runs again, and it is audio, not a gap filled with silence and then
+// dropped as backlog.
+TEST(SystemAudioTapSandboxTest, ToneOnTheSpeakersArrivesWholeThoughTheMainLoopIsHeldUp) {
     auto tap = SystemAudioTap::create(2, 96000, platform::PlatformServices::pulse());
     tap->start();
     ASSERT_TRUE(tap->isCapturing());
     EXPECT_EQ(tap->asbd().mSampleRate, 48000.0);
     EXPECT_EQ(tap->asbd().mChannelsPerFrame, 2u);
-
-    const auto captured =
-        captureWhilePlaying(*tap->ringBuffer(), [&] { tap->flushCapturedAudio(); }, "velto_speakers", 2, 1000.0, 0.5f);
+    std::atomic<bool> heard{false};
+    std::thread staller([&heard] {
+        while (!heard) std::this_thread::sleep_for(1ms);
+        std::this_thread::sleep_for(100ms);
+        pulse::PulseConnection::MainloopLock lock(*pulse::PulseConnection::shared());
+        std::this_thread::sleep_for(350ms);
+    });
+    const auto captured = captureWhilePlaying(*tap->ringBuffer(), [&] { tap->flushCapturedAudio(); }, "velto_speakers",
+                                              2, 1000.0, 0.5f, &heard);
+    staller.join();
     tap->stop();
     EXPECT_FALSE(tap->isCapturing());
 
@@ -83,30 +94,6 @@ TEST(SystemAudioTapSandboxTest, ToneOnTheSpeakersArrivesInTheRingBuffer) {
         EXPECT_NEAR(tone.frequencyHertz, 1000.0, 10.0);
         EXPECT_GT(tone.weakestWindowPeak, 0.45);
     }
-}
-
-// A starved process: the main loop is held up for longer than a source may stay quiet
-// before it counts as idle. What the server sent meanwhile is read once the loop runs
-// again, and it is audio, not a gap filled with silence and then dropped as backlog.
-TEST(SystemAudioTapSandboxTest, AHeldUpMainLoopLosesNoAudio) {
-    auto tap = SystemAudioTap::create(2, 96000, platform::PlatformServices::pulse());
-    tap->start();
-    std::atomic<bool> heard{false};
-    std::thread staller([&heard] {
-        while (!heard) std::this_thread::sleep_for(1ms);
-        std::this_thread::sleep_for(100ms);  // well inside the tone
-        pulse::PulseConnection::MainloopLock lock(*pulse::PulseConnection::shared());
-        std::this_thread::sleep_for(350ms);
-    });
-    const auto captured = captureWhilePlaying(*tap->ringBuffer(), [&] { tap->flushCapturedAudio(); }, "velto_speakers",
-                                              2, 1000.0, 0.5f, &heard);
-    staller.join();
-    tap->stop();
-
-    const auto tone = measureTone(captured[0], 48000.0);
-    std::printf("system audio with a held-up main loop: %s\n", testing::describe(tone).c_str());
-    EXPECT_NEAR(static_cast<double>(tone.soundingFrames), 0.8 * 48000, 0.05 * 48000);
-    EXPECT_GT(tone.weakestWindowPeak, 0.45);
 }
 
 TEST(SystemAudioTapSandboxTest, StartsAgainAfterStopAndReadsNothingWhileSilent) {
@@ -129,42 +116,27 @@ TEST(SystemAudioTapSandboxTest, StartsAgainAfterStopAndReadsNothingWhileSilent) 
     EXPECT_EQ(tap->ringBuffer()->availableFrames(), 0);
 }
 
-TEST(MicrophoneCaptureSandboxTest, ToneIntoTheVirtualMicrophoneArrivesInTheRingBuffer) {
-    auto capture = MicrophoneCapture::create(1, 96000, platform::PlatformServices::pulse());
+TEST(MicrophoneCaptureSandboxTest, ToneIntoTheChosenMicrophoneArrivesInTheRingBuffer) {
+    auto capture = MicrophoneCapture::create(2, 96000, platform::PlatformServices::pulse());
+    capture->configureInputDevice(MicrophoneDevice{"velto_mic", "Velto-Microphone", true});
+    ASSERT_TRUE(capture->selectedMicrophoneID().has_value());
     capture->start(1024);
     ASSERT_TRUE(capture->isCapturing());
     ASSERT_TRUE(capture->inputFormat().has_value());
     EXPECT_EQ(capture->inputFormat()->sampleRate, 48000.0);
     EXPECT_EQ(capture->inputFormat()->channelCount, 1u);
 
+    // Mono into a two-channel ring: both ring channels carry the microphone.
     const auto captured = captureWhilePlaying(*capture->ringBuffer(), [&] { capture->flushCapturedAudio(); },
                                               "velto_mic_in", 1, 440.0, 0.3f);
     capture->stop();
-
+    EXPECT_EQ(captured[0], captured[1]);
     const auto tone = measureTone(captured[0], 48000.0);
     std::printf("microphone: %s\n", testing::describe(tone).c_str());
     EXPECT_NEAR(static_cast<double>(tone.soundingFrames), 0.8 * 48000, 0.05 * 48000);
     EXPECT_NEAR(tone.rms, 0.3 / std::sqrt(2.0), 0.015);
     EXPECT_NEAR(tone.frequencyHertz, 440.0, 5.0);
     EXPECT_GT(tone.weakestWindowPeak, 0.27);
-}
-
-TEST(MicrophoneCaptureSandboxTest, ChosenMicrophoneIsSelectedByItsSourceName) {
-    auto capture = MicrophoneCapture::create(2, 96000, platform::PlatformServices::pulse());
-    capture->configureInputDevice(MicrophoneDevice{"velto_mic", "Velto-Microphone", true});
-    ASSERT_TRUE(capture->selectedMicrophoneID().has_value());
-    capture->start(1024);
-
-    // Mono into a two-channel ring: both ring channels carry the microphone.
-    const auto captured = captureWhilePlaying(*capture->ringBuffer(), [&] { capture->flushCapturedAudio(); },
-                                              "velto_mic_in", 1, 880.0, 0.4f);
-    capture->stop();
-    for (const auto& channel : captured) {
-        const auto tone = measureTone(channel, 48000.0);
-        EXPECT_NEAR(tone.frequencyHertz, 880.0, 8.0);
-        EXPECT_NEAR(tone.rms, 0.4 / std::sqrt(2.0), 0.02);
-    }
-    EXPECT_EQ(captured[0], captured[1]);
 }
 
 TEST(MicrophoneCaptureSandboxTest, MonitorOfTheSpeakersIsNotAMicrophone) {

@@ -6,16 +6,12 @@
 
 #include "SignalQuality.hpp"
 #include "signal/AudioConverter.hpp"
-#include "support/CapturedLogs.hpp"
 
 namespace velto {
 namespace {
 
-using testing::CapturedLogs;
 using testing::fitSine;
 using testing::sineSample;
-
-constexpr const char* kCategory = "AudioConverter";
 
 PcmFormat mono(double rate) { return *PcmFormat::make(rate, 1, true); }
 
@@ -60,27 +56,12 @@ std::vector<uint32_t> jitteredBlocks(uint32_t nominal, size_t count, unsigned se
     return blocks;
 }
 
-TEST(AudioConverterTest, CreationLogsRatesAndRefusesUnmappableChannels) {
-    CapturedLogs logs;
-    auto converter = AudioConverter::create(mono(48000), mono(16000));
-    EXPECT_TRUE(logs.contains(LogLevel::info, kCategory, "Created high-quality audio converter: 48000.0 Hz -> 16000.0 Hz"));
-    EXPECT_EQ(converter->outputFormat(), mono(16000));
+TEST(AudioConverterTest, UnmappableChannelCountsAreRefused) {
     try {
         AudioConverter::create(*PcmFormat::make(48000, 3, false), *PcmFormat::make(48000, 2, false));
         FAIL() << "3 -> 2 channels was accepted";
     } catch (const AudioConverterError& error) {
         EXPECT_EQ(error.code(), AudioConverterError::Code::failedToCreateConverter);
-        EXPECT_EQ(error.errorDescription(), "Failed to create audio converter");
-    }
-}
-
-TEST(AudioConverterTest, FirstCallCapacityIsTheTruncatedRatio) {
-    struct Case { double in, out; uint32_t frames, capacity; };
-    for (const auto& c : {Case{48000, 16000, 1024, 341}, Case{44100, 48000, 1024, 1114},
-                          Case{48000, 44100, 512, 470}, Case{16000, 16000, 777, 777}}) {
-        auto converter = AudioConverter::create(mono(c.in), mono(c.out));
-        EXPECT_EQ(converter->convert(*silentBlock(mono(c.in), c.frames))->frameCapacity(), c.capacity)
-            << c.in << " -> " << c.out;
     }
 }
 
@@ -155,7 +136,6 @@ TEST(AudioConverterTest, SinePathsAreCleanContinuousAndFlushedWhole) {
         EXPECT_LT(acrossFlush.worstResidual, 1e-4) << "seam near output frame " << acrossFlush.worstResidualIndex;
 
         EXPECT_EQ(converter->flush()->frameLength(), 0u);
-        CapturedLogs logs;
         EXPECT_THROW(converter->convert(*silentBlock(c.in, 480)), AudioConverterError);
     }
 }
@@ -184,10 +164,9 @@ TEST(AudioConverterTest, ChannelAndLayoutChangesAtEqualRates) {
     EXPECT_FLOAT_EQ(fold->convert(*uneven)->floatChannelData()[0][0], 0.3f);
 }
 
-TEST(AudioConverterTest, FailedConversionIsLoggedOnceAndTheConverterGoesOn) {
+TEST(AudioConverterTest, AFailedConversionLeavesTheStreamWhereItWas) {
     auto converter = AudioConverter::create(mono(48000), mono(16000));
     const auto first = converter->convert(*silentBlock(mono(48000), 480));
-    CapturedLogs logs;
     try {
         converter->convert(*silentBlock(mono(44100), 441));
         FAIL() << "a buffer at the wrong rate was converted";
@@ -195,14 +174,10 @@ TEST(AudioConverterTest, FailedConversionIsLoggedOnceAndTheConverterGoesOn) {
         EXPECT_EQ(error.code(), AudioConverterError::Code::conversionFailed);
         ASSERT_TRUE(error.underlyingError());
         EXPECT_EQ(error.errorDescription(), "Audio conversion failed: " + error.underlyingError()->errorDescription());
-        EXPECT_EQ(logs.count(kCategory, error.errorDescription()), 1);
     }
     // The stream continues where it was: capacity still counts the first 480 frames.
     const auto next = converter->convert(*silentBlock(mono(48000), 480));
     EXPECT_EQ(next->frameCapacity(), 320u - first->frameLength());
-    EXPECT_EQ(AudioConverterError::conversionFailed().errorDescription(), "Audio conversion failed: Unknown error");
-    EXPECT_EQ(AudioConverterError::failedToCreateBuffer().errorDescription(),
-              "Failed to create audio buffer for conversion");
 }
 
 }  // namespace

@@ -5,37 +5,20 @@
 #include <cerrno>
 #include <csignal>
 #include <cmath>
-#include <cstdlib>
 #include <filesystem>
 #include <numbers>
 #include <string>
 #include <vector>
 
+#include "MixerTestRig.hpp"
 #include "signal/AudioFile.hpp"
-#include "support/CapturedLogs.hpp"
 
 namespace velto {
 namespace {
 
 namespace fs = std::filesystem;
 
-class ScratchDirectory {
-public:
-    ScratchDirectory() {
-        path_ = fs::temp_directory_path() / ("velto-audiofile-" + std::to_string(::getpid()) + "-" +
-                                             std::to_string(counter_++));
-        fs::create_directories(path_);
-    }
-    ~ScratchDirectory() {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    fs::path file(const std::string& name) const { return path_ / name; }
-
-private:
-    static inline int counter_ = 0;
-    fs::path path_;
-};
+using testing::ScratchFolder;
 
 struct DecodedFile {
     int64_t frames = 0;
@@ -91,7 +74,7 @@ float expectedSine(int64_t frame) {
 // WAV keeps the float samples exactly; FLAC holds 24-bit integers, so within
 // their quantisation step.
 TEST(AudioFileTest, RoundTripsKeepLengthAndLevel) {
-    ScratchDirectory directory;
+    ScratchFolder directory("velto-audiofile");
     struct Case { AudioFormat format; int sndfileFormat; float tolerance; };
     for (const auto& c : {Case{AudioFormat::wav, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 0.0f},
                           Case{AudioFormat::flac, SF_FORMAT_FLAC | SF_FORMAT_PCM_24, 2.0f / (1 << 23)}}) {
@@ -119,10 +102,10 @@ TEST(AudioFileTest, RoundTripsKeepLengthAndLevel) {
 }
 
 TEST(AudioFileTest, OtherChannelCountsAreBroughtToTheFilesChannels) {
-    ScratchDirectory directory;
+    ScratchFolder directory("velto-audiofile");
     const auto path = directory.file("folded.wav");
     auto file = AudioFile::openForWriting(path, makeAudioSettings(AudioFormat::wav));
-    // Non-interleaved stereo: averaged to mono.
+    // Non-interleaved stereo is averaged to mono (the interleaved layout is the converter's test).
     auto stereo = PcmBuffer::make(*PcmFormat::standard(16000, 2), 4);
     for (uint32_t i = 0; i < 4; ++i) {
         stereo->floatChannelData()[0][i] = 0.4f;
@@ -130,24 +113,15 @@ TEST(AudioFileTest, OtherChannelCountsAreBroughtToTheFilesChannels) {
     }
     stereo->setFrameLength(4);
     file->write(*stereo);
-    // Interleaved stereo too.
-    auto interleaved = PcmBuffer::make(*PcmFormat::make(16000, 2, true), 2);
-    const float frames[] = {1.0f, 0.0f, -0.5f, -0.25f};
-    std::copy(std::begin(frames), std::end(frames), interleaved->floatChannelData()[0]);
-    interleaved->setFrameLength(2);
-    file->write(*interleaved);
     file->close();
 
     const auto decoded = decode(path);
-    ASSERT_EQ(decoded.samples.size(), 6u);
-    EXPECT_FLOAT_EQ(decoded.samples[0], 0.3f);
-    EXPECT_FLOAT_EQ(decoded.samples[3], 0.3f);
-    EXPECT_FLOAT_EQ(decoded.samples[4], 0.5f);
-    EXPECT_FLOAT_EQ(decoded.samples[5], -0.375f);
+    ASSERT_EQ(decoded.samples.size(), 4u);
+    for (const float sample : decoded.samples) EXPECT_FLOAT_EQ(sample, 0.3f);
 }
 
 TEST(AudioFileTest, FailuresCarryTheUnderlyingText) {
-    ScratchDirectory directory;
+    ScratchFolder directory("velto-audiofile");
     try {
         AudioFile::openForWriting(directory.file("missing/dir/take.wav"), makeAudioSettings(AudioFormat::wav));
         FAIL() << "opening in a missing directory succeeded";
@@ -169,7 +143,7 @@ TEST(AudioFileTest, FailuresCarryTheUnderlyingText) {
 // behind: it must decode, up to what was written (FLAC may still hold back
 // the one block its encoder is filling).
 TEST(AudioFileTest, UnfinishedFilesDecode) {
-    ScratchDirectory directory;
+    ScratchFolder directory("velto-audiofile");
     for (const auto format : {AudioFormat::wav, AudioFormat::flac}) {
         SCOPED_TRACE(caseName(format));
         const auto path = directory.file(std::string("live.") + fileExtension(format));
@@ -189,12 +163,6 @@ TEST(AudioFileTest, UnfinishedFilesDecode) {
             for (int64_t i = 0; i < decodedFrames; i += 113) {
                 ASSERT_NEAR(decoded.samples[static_cast<size_t>(i)], expectedSine(i), 1e-6) << "frame " << i;
             }
-            if (std::system("command -v flac >/dev/null 2>&1") == 0) {
-                const auto wav = directory.file("from-flac.wav");
-                const std::string command = "flac -s -d -F -f -o '" + wav.string() + "' '" + copy.string() + "'";
-                EXPECT_EQ(std::system(command.c_str()), 0) << command;
-                EXPECT_GE(static_cast<int64_t>(decode(wav).samples.size()), 40000 - 4608);
-            }
         }
         file->close();
     }
@@ -203,7 +171,7 @@ TEST(AudioFileTest, UnfinishedFilesDecode) {
 // Disk full, simulated with a file-size limit: the write throws with the
 // system's text, and the file still reads back up to the last good block.
 TEST(AudioFileTest, WriteFailureThrowsAndLeavesAReadableFile) {
-    ScratchDirectory directory;
+    ScratchFolder directory("velto-audiofile");
     const auto path = directory.file("full.wav");
     auto file = AudioFile::openForWriting(path, makeAudioSettings(AudioFormat::wav));
 
@@ -240,7 +208,7 @@ TEST(AudioFileTest, WriteFailureThrowsAndLeavesAReadableFile) {
 // The file system's reservation is stood in for: a real full disk is what the
 // disk-full drill fills.
 TEST(AudioFileTest, AFullDiskIsReportedOnceWhileTheReserveStillTakesTheEnd) {
-    ScratchDirectory directory;
+    ScratchFolder directory("velto-audiofile");
     for (const auto format : {AudioFormat::wav, AudioFormat::flac}) {
         SCOPED_TRACE(caseName(format));
         const auto path = directory.file(std::string("full.") + fileExtension(format));
@@ -280,7 +248,7 @@ TEST(AudioFileTest, AFullDiskIsReportedOnceWhileTheReserveStillTakesTheEnd) {
 }
 
 TEST(AudioFileTest, NoFileIsLeftWhenTheDiskCannotHoldTheReserve) {
-    ScratchDirectory directory;
+    ScratchFolder directory("velto-audiofile");
     const auto path = directory.file("take.flac");
     try {
         AudioFile::openForWriting(path, makeAudioSettings(AudioFormat::flac), true, Clock::system(),

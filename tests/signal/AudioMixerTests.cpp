@@ -4,36 +4,16 @@
 #include <limits>
 
 #include "MixerTestRig.hpp"
-#include "logging/LogThinning.hpp"
-#include "support/CapturedLogs.hpp"
 
 namespace velto {
 namespace {
 
-using testing::CapturedLogs;
 using testing::drainStream;
 using testing::MixerRig;
 using testing::ScratchFolder;
 using testing::writeConstant;
 
-constexpr const char* kCategory = "AudioMixer";
-
 PcmFormat fileFormat16k() { return *PcmFormat::make(16000, 1, true); }
-
-TEST(AudioMixerTest, CreationClampsTheJitterReserveAndLogsItsBuffers) {
-    CapturedLogs logs;
-    {
-        auto mixer = AudioMixer::create(1024, 100, std::make_shared<ManualClock>(), MixingTicks::caller);
-        EXPECT_EQ(mixer->jitterBufferFrames(), 512);
-        mixer->setSystemGain(0.3f);
-        mixer->setMicrophoneGain(0.5f);
-    }
-    EXPECT_EQ(logs.messages(kCategory),
-              (std::vector<std::string>{"Allocated mixing buffers and temporary buffers: 1024 frames each",
-                                        "Created AudioMixer with 1024 frame capacity, 512 jitter buffer frames",
-                                        "System gain set to: 0.3", "Microphone gain set to: 0.5",
-                                        "Deallocated mixing buffers and temporary buffers", "AudioMixer deallocated"}));
-}
 
 TEST(AudioMixerTest, MixingRateIsTheFirstStandardRateAboveBothSources) {
     EXPECT_EQ(AudioMixer::chooseMixingRate(44100, 48000), 48000.0);
@@ -43,51 +23,27 @@ TEST(AudioMixerTest, MixingRateIsTheFirstStandardRateAboveBothSources) {
     EXPECT_EQ(AudioMixer::chooseMixingRate(200000, 8000), 200000.0);
 }
 
-TEST(AudioMixerTest, DualStartLogsItsStepsAndASecondStartIsRefused) {
-    MixerRig rig;
-    auto systemRing = FloatRingBuffer::create(2, 96000);
-    auto microphoneRing = FloatRingBuffer::create(1, 96000);
-    CapturedLogs logs;
-    rig.mixer->start(testing::dualInputs(systemRing, 44100, 2, microphoneRing, 48000, nullptr, fileFormat16k()));
-    EXPECT_TRUE(rig.mixer->isMixing());
-    EXPECT_EQ(rig.mixer->mixingSampleRate(), 48000.0);
-    EXPECT_EQ(logs.messages(kCategory),
-              (std::vector<std::string>{"Starting dual-source audio mixing", "System audio: 44100.0Hz, 2 channels",
-                                        "Microphone: 48000.0Hz, 1 channel",
-                                        "Choosing mixing rate: system=44100.0Hz, mic=48000.0Hz -> mixing=48000.0Hz",
-                                        "Created system audio converter: 44100.0Hz -> 48000.0Hz",
-                                        "No microphone conversion needed: 48000.0Hz",
-                                        "Created output converter: 48000.0Hz -> 16000.0Hz",
-                                        "Dual-source audio mixing started successfully with temporal synchronization"}));
-    logs.clear();
-    rig.mixer->start(testing::dualInputs(systemRing, 48000, 2, microphoneRing, 48000, nullptr, fileFormat16k()));
-    EXPECT_EQ(logs.messages(kCategory), std::vector<std::string>{"Audio mixing already active"});
-    EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "Audio mixing already active"));
-    EXPECT_EQ(rig.mixer->mixingSampleRate(), 48000.0);
-}
-
 TEST(AudioMixerTest, StartFailsWhenAFormatCannotBeMade) {
     MixerRig rig;
     auto ring = FloatRingBuffer::create(1, 4096);
     const double nan = std::numeric_limits<double>::quiet_NaN();
-    struct Case { double system, microphone; AudioMixerError::Code code; const char* description; };
-    for (const auto& c : {Case{nan, nan, AudioMixerError::Code::failedToCreateMixingFormat, "Failed to create mixing format"},
-                          Case{0, 48000, AudioMixerError::Code::failedToCreateSystemAudioInputFormat,
-                               "Failed to create system audio input format"},
-                          Case{48000, -1, AudioMixerError::Code::failedToCreateMicrophoneInputFormat,
-                               "Failed to create microphone input format"}}) {
+    struct Case { double system, microphone; AudioMixerError::Code code; };
+    for (const auto& c : {Case{nan, nan, AudioMixerError::Code::failedToCreateMixingFormat},
+                          Case{0, 48000, AudioMixerError::Code::failedToCreateSystemAudioInputFormat},
+                          Case{48000, -1, AudioMixerError::Code::failedToCreateMicrophoneInputFormat}}) {
         try {
             rig.mixer->start(testing::dualInputs(ring, c.system, 1, ring, c.microphone, nullptr, fileFormat16k()));
             ADD_FAILURE() << "start succeeded for " << c.system << " / " << c.microphone;
         } catch (const AudioMixerError& error) {
             EXPECT_EQ(error.code(), c.code);
-            EXPECT_EQ(error.errorDescription(), c.description);
         }
         EXPECT_FALSE(rig.mixer->isMixing());
     }
 }
 
 TEST(AudioMixerTest, JitterReserveStaysUnreadAndBlocksAreAtLeast64Frames) {
+    // Below half the buffer the reserve would not cover one late capture block.
+    EXPECT_EQ(AudioMixer::create(1024, 100, std::make_shared<ManualClock>(), MixingTicks::caller)->jitterBufferFrames(), 512);
     MixerRig rig;
     auto ring = FloatRingBuffer::create(1, 96000);
     rig.mixer->start(testing::singleInputs(nullptr, ring, 48000, 1, nullptr, fileFormat16k()));
@@ -142,10 +98,8 @@ struct DirectPath {
 };
 
 // Levels describe the last block, after clipping: samples beyond ±0.98 are
-// clipped to it, and each block that needed it is counted and logged.
+// clipped to it, and each block that needed it is counted.
 TEST(AudioMixerTest, LevelsDescribeTheLastClippedBlockAndEachClippedBlockIsCounted) {
-    CapturedLogs logs;
-    ScopedLogThinning alwaysLog(true);
     struct Case { float in, out, decibels; int64_t clippedBlocks; };
     for (const auto& c : {Case{0.0f, 0.0f, -120.0f, 0}, Case{0.5f, 0.5f, -6.0206f, 0},
                           Case{0.98f, 0.98f, 20 * std::log10(0.98f), 0}, Case{1.5f, 0.98f, 20 * std::log10(0.98f), 2},
@@ -159,9 +113,6 @@ TEST(AudioMixerTest, LevelsDescribeTheLastClippedBlockAndEachClippedBlockIsCount
         EXPECT_NEAR(path.rig.mixer->currentLevels().peak, c.decibels, 1e-3);
         EXPECT_NEAR(path.rig.mixer->currentLevels().average, c.decibels, 1e-3);
     }
-    EXPECT_EQ(logs.count(kCategory, "Clipping detected! Peak: 1.5, Max since start: 1.5"), 2);
-    EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "Clipping detected! Peak: 1.5, Max since start: 1.5"));
-    EXPECT_TRUE(logs.contains(LogLevel::error, kCategory, "Clipping detected! Peak: 2.0, Max since start: 2.0"));
 }
 
 TEST(AudioMixerTest, GainsApplyPerSourceAndStereoIsAveraged) {
@@ -193,11 +144,9 @@ TEST(AudioMixerTest, GainsApplyPerSourceAndStereoIsAveraged) {
 TEST(AudioMixerTest, StopWritesOutTheReserveThenEndsTheStreamOnceAndReleasesTheFile) {
     DirectPath path(0.2f);  // 3072 frames of 0.2 wait as the reserve
     path.mix(0.1f, 100);
-    CapturedLogs logs;
     path.rig.mixer->stopMixing();
     path.rig.mixer->stopMixing();
     EXPECT_FALSE(path.rig.mixer->isMixing());
-    EXPECT_EQ(logs.messages(kCategory), (std::vector<std::string>{"Stopping audio mixing", "Audio mixing stopped"}));
     // The reserve comes out in order, after what the tick mixed, and the stream then ends.
     std::vector<float> tail;
     while (path.stream.waitFor(std::chrono::seconds(1))) {
@@ -243,7 +192,7 @@ TEST(AudioMixerTest, StopTakesWhatTheRingsHeldAndNothingThatArrivesDuringIt) {
     EXPECT_EQ(drained, expected);
 }
 
-TEST(AudioMixerTest, FailedWriteIsLoggedEveryTimeAndReportedOnce) {
+TEST(AudioMixerTest, FailedWriteIsReportedOnceAndTheStreamGoesOn) {
     DirectPath path;
     int reports = 0;
     std::string reported;
@@ -252,14 +201,12 @@ TEST(AudioMixerTest, FailedWriteIsLoggedEveryTimeAndReportedOnce) {
         reported = error->errorDescription();
     });
     path.file->close();  // every further write fails
-    CapturedLogs logs;
     const auto first = path.mix(0.1f, 100);
     const auto second = path.mix(0.1f, 100);
     EXPECT_EQ(first.size(), 100u);  // the stream still gets the blocks
     EXPECT_EQ(second.size(), 100u);
     EXPECT_EQ(reports, 1);
-    EXPECT_EQ(logs.count(kCategory, "Failed to write mixed audio to file: " + reported), 2);
-    EXPECT_TRUE(logs.contains(LogLevel::critical, kCategory, "Failed to write mixed audio to file: " + reported));
+    EXPECT_FALSE(reported.empty());
 }
 
 TEST(AudioMixerTest, AVanishedSourceDropsOutAndTheOtherGoesOn) {
@@ -269,6 +216,8 @@ TEST(AudioMixerTest, AVanishedSourceDropsOutAndTheOtherGoesOn) {
     rig.mixer->setSystemGain(1.0f);
     rig.mixer->start(testing::dualInputs(systemRing, 48000, 1, microphoneRing, 48000, nullptr, fileFormat16k()));
     writeConstant(*systemRing, 0.2f, 3072 + 800);
+    rig.step();
+    EXPECT_EQ(rig.mixer->totalFramesProcessed(), 0) << "began before both sources had their reserve";
     writeConstant(*microphoneRing, 0.2f, 3072 + 800);
     rig.step();
     EXPECT_EQ(rig.mixer->totalFramesProcessed(), 800);
@@ -277,25 +226,6 @@ TEST(AudioMixerTest, AVanishedSourceDropsOutAndTheOtherGoesOn) {
     rig.step();
     EXPECT_EQ(rig.mixer->totalFramesProcessed(), 1600);
     EXPECT_EQ(rig.mixer->underrunCount(), 0);
-}
-
-TEST(AudioMixerTest, WaitingForTheJitterReserveIsLoggedWhenSampled) {
-    MixerRig rig;
-    auto systemRing = FloatRingBuffer::create(2, 96000);
-    auto microphoneRing = FloatRingBuffer::create(1, 96000);
-    rig.mixer->start(testing::dualInputs(systemRing, 48000, 2, microphoneRing, 48000, nullptr, fileFormat16k()));
-    writeConstant(*systemRing, 0.0f, 5000);
-    writeConstant(*microphoneRing, 0.0f, 100);
-    CapturedLogs logs;
-    ScopedLogThinning alwaysLog(true);
-    rig.step();
-    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Waiting for jitter buffer: system=5000/3072, mic=100/3072"));
-    EXPECT_EQ(rig.mixer->totalFramesProcessed(), 0);
-    rig.mixer->stopMixing();  // takes what the rings held
-    writeConstant(*microphoneRing, 0.0f, 100);
-    rig.mixer->start(testing::singleInputs(nullptr, microphoneRing, 48000, 1, nullptr, fileFormat16k()));
-    rig.step();
-    EXPECT_TRUE(logs.contains(LogLevel::debug, kCategory, "Waiting for single-source jitter buffer: 100/3072"));
 }
 
 }  // namespace
