@@ -33,7 +33,7 @@ run_suite() {  # name, cmake args...
 run_suite normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
 if ((with_tsan)); then
   # Halt on the first report so a race fails the run instead of scrolling by.
-  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 ${TSAN_OPTIONS:-}" \
+  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$root/tests/tsan.supp ${TSAN_OPTIONS:-}" \
     run_suite tsan -DCMAKE_BUILD_TYPE=Debug -DVELTO_SANITIZE=thread
 fi
 if ((with_asan)); then

@@ -73,7 +73,7 @@ std::shared_ptr<PulseConnection> PulseConnection::shared() {
     std::lock_guard lock(mutex);
     auto connection = instance.lock();
     if (!connection) {
-        connection = create("VeltoAudio", 3.0);
+        connection = create("VeltoAudio", 10.0);
         instance = connection;
     }
     return connection;
