@@ -46,6 +46,8 @@ std::string adviceForRecordingError(const RecordingError& error) {
         case Code::deviceNotFound:
         case Code::sessionConfigurationFailed:
             return "Run 'velto devices' to list the microphones.";
+        case Code::separateTracksNeedBothSources:
+            return "Record both sources (--sources both), or leave out --tracks separate.";
         case Code::invalidState:
             return "Another recording is still running; wait for it to end.";
         case Code::fileSystemError:
