@@ -31,11 +31,11 @@ sleep 1
 # name=arguments pairs; "plain" is the recording as the target measures it.
 variant_names=()
 variant_args=()
-IFS=';' read -r -a variant_specs <<< "${VELTO_COST_VARIANTS:-}"
-for spec in "${variant_specs[@]}"; do
-    [[ -n $spec ]] || continue
-    variant_names+=("${spec%%=*}")
-    variant_args+=("${spec#*=}")
+IFS=";" read -r -a variant_entries <<< "${VELTO_COST_VARIANTS:-}"
+for entry in "${variant_entries[@]}"; do
+    [[ -n $entry ]] || continue
+    variant_names+=("${entry%%=*}")
+    variant_args+=("${entry#*=}")
 done
 declare -A variant_costs=()
 
