@@ -51,8 +51,8 @@ void BM_MixOneSecondDualSourceToFlac(benchmark::State& state) {
     mixer->setSystemGain(0.3f);
     mixer->setMicrophoneGain(0.3f);
     velto::MixerInputs inputs;
-    inputs.system = velto::MixerSourceInput{system.ring(), 48000, 2};
-    inputs.microphone = velto::MixerSourceInput{microphone.ring(), 16000, 1};
+    inputs.system = velto::MixerSourceInput{system.ring(), 48000, 2, {}};
+    inputs.microphone = velto::MixerSourceInput{microphone.ring(), 16000, 1, {}};
     inputs.outputFile = file;
     inputs.outputFormat = file->processingFormat();
     mixer->start(inputs);

@@ -68,6 +68,12 @@ void MicrophoneCapture::start(std::uint32_t bufferSizeFrames) {
         throw;
     }
     isCapturing_ = true;
+    if (selectedMicrophone_) {
+        clockDeviceUID_ = selectedMicrophone_->id;
+    } else {
+        const auto defaultDevice = discovery_->defaultAudioDevice();
+        clockDeviceUID_ = defaultDevice ? defaultDevice->uniqueID : std::string();
+    }
     logger().info("Microphone capture started with format: " + describe(inputFormat_));
 }
 

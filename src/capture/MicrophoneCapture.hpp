@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 
 namespace velto {
 
@@ -44,6 +45,9 @@ public:
     bool isCapturing() const { return isCapturing_; }
     const std::optional<MicrophoneDevice>& selectedMicrophone() const { return selectedMicrophone_; }
     std::optional<platform::AudioObjectID> selectedMicrophoneID() const { return selectedMicrophoneID_; }
+    // The device whose clock the captured audio runs on, as of the last start
+    // (empty when it could not be told): a restart on the same one keeps its drift estimate.
+    const std::string& clockDeviceUID() const { return clockDeviceUID_; }
 
     // One tapped block; runs on the engine's delivery thread (public so that tests can drive it).
     void handleTapBuffer(const PcmBuffer& buffer);
@@ -58,6 +62,7 @@ private:
     std::shared_ptr<platform::AudioInputEngine> audioEngine_;
     std::optional<MicrophoneDevice> selectedMicrophone_;
     std::optional<platform::AudioObjectID> selectedMicrophoneID_;
+    std::string clockDeviceUID_;
 
     std::shared_ptr<platform::AudioHardware> hardware_;
     std::shared_ptr<platform::CaptureDeviceDiscovery> discovery_;

@@ -179,6 +179,7 @@ void SystemAudioTap::createAggregateDevice() {
     if (status == noErr) status = hardware_->getStringProperty(outputDevice, uidAddress, outputUIDText);
     if (status != noErr) throw RecordingError::systemAudioTapCreationFailed(status);
     const std::string outputUID = outputUIDText.value_or("");
+    clockDeviceUID_ = outputUID;
 
     const std::string tapUID = readTapUID();
 

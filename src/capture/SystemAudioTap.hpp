@@ -44,6 +44,9 @@ public:
     bool isCapturing() const { return isCapturing_; }
     platform::AudioObjectID tapID() const { return tapID_; }
     platform::AudioObjectID aggregateID() const { return aggregateID_; }
+    // The output device that clocks the captured audio, as of the last start: a
+    // restart on the same one keeps its drift estimate.
+    const std::string& clockDeviceUID() const { return clockDeviceUID_; }
 
     // One IO cycle's input; runs on the IO queue (public so that tests can drive it).
     void handleInput(const platform::AudioBufferList& bufferList);
@@ -62,6 +65,7 @@ private:
     platform::AudioStreamBasicDescription asbd_{};
     platform::AudioObjectID tapID_ = 0;
     platform::AudioObjectID aggregateID_ = 0;
+    std::string clockDeviceUID_;
     bool isCapturing_ = false;
     std::optional<platform::AudioDeviceIOProcID> procID_;
 

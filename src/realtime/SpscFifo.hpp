@@ -59,6 +59,13 @@ public:
 
     std::int64_t freeFrames() const noexcept { return capacityFrames_ - readyFrames(); }
 
+    // Frames ever made readable, and ever read, since creation or reset(): the
+    // producer's and the consumer's own positions, readable from any thread.
+    std::int64_t totalWrittenFrames() const noexcept {
+        return static_cast<std::int64_t>(written_.load(std::memory_order_acquire));
+    }
+    std::int64_t totalReadFrames() const noexcept { return static_cast<std::int64_t>(read_.load(std::memory_order_acquire)); }
+
     // Producer: the free space for up to `wantedFrames` frames (fewer when less is free).
     Spans prepareToWrite(std::int64_t wantedFrames) const noexcept {
         const std::uint64_t written = written_.load(std::memory_order_relaxed);

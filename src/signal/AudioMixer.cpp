@@ -128,6 +128,17 @@ void AudioMixer::start(const MixerInputs& inputs) {
                            ? std::max<int64_t>(1, static_cast<int64_t>(static_cast<double>(bufferFrameCapacity_ - 1) *
                                                                        mixingRate / fastestSourceRate))
                            : bufferFrameCapacity_;
+    skewEstimates_ = {};
+    skewOutOfRangeReported_ = false;
+    if (inputs.driftCorrection) {
+        if (system) system_.steer(system->carriedSkew);
+        if (microphone) microphone_.steer(microphone->carriedSkew);
+        // A steered block reads up to a fine resampler's kernel and a few per mille
+        // more before it, which the work arrays must hold as well.
+        blockFrameLimit_ = std::max<int64_t>(
+            1, blockFrameLimit_ - blockFrameLimit_ / 64 - VariableRatioResampler::kTaps - 2);
+        logger().info("Drift correction on: every source is kept in step with the system clock");
+    }
     echoCanceller_.reset();
     echoLatencyFramesToSkip_ = 0;
     if (cancelEcho) {
@@ -182,6 +193,7 @@ void AudioMixer::stopMixing() {
     // A tick() run from another thread goes through the same context: wait for it.
     onMixingContext([this] {
         if (!outputPaused_) drainRemainingAudio();
+        logSkews();
         logEchoCancellation();
         echoCanceller_.reset();
         system_.release();
@@ -286,6 +298,46 @@ void AudioMixer::tickOnQueue() {
     if (systemRing && !system_.process(*systemRing, frames)) addUnderrun();
     if (microphoneRing && !microphone_.process(*microphoneRing, frames)) addUnderrun();
     mixAndWrite(frames, systemRing != nullptr, microphoneRing != nullptr);
+    followClocks(clock_->nowSeconds(), systemRing, microphoneRing);
+}
+
+void AudioMixer::followClocks(double nowSeconds, const std::shared_ptr<FloatRingBuffer>& systemRing,
+                              const std::shared_ptr<FloatRingBuffer>& microphoneRing) {
+    if (!system_.isSteered() && !microphone_.isSteered()) return;
+    // Until the mixer has caught up with its clock (the start's backlog, the wait
+    // for the jitter reserve) the fills are still on their way to their level.
+    const bool caughtUp = pacer_.framesDue(nowSeconds) < kMinimumBlockFrames;
+    if (systemRing) system_.followClock(nowSeconds, *systemRing, caughtUp);
+    if (microphoneRing) microphone_.followClock(nowSeconds, *microphoneRing, caughtUp);
+    if (!skewOutOfRangeReported_ && (system_.skewOutOfRange() || microphone_.skewOutOfRange())) {
+        skewOutOfRangeReported_ = true;
+        const bool microphoneOut = microphone_.skewOutOfRange();
+        const double skew = (microphoneOut ? microphone_.estimatedSkew() : system_.estimatedSkew()).value_or(0.0);
+        logger().error(std::string(microphoneOut ? "Microphone" : "System audio") + " clock is " +
+                       formatDouble(std::round(skew * 1e7) / 10) +
+                       " ppm off the system clock, beyond the 2000 ppm that is corrected: the sources will slowly "
+                       "fall out of step");
+    }
+}
+
+AudioMixer::SkewEstimates AudioMixer::skewEstimates() const {
+    SkewEstimates estimates;
+    onMixingContext([&] { estimates = skewEstimates_; });
+    return estimates;
+}
+
+void AudioMixer::logSkews() {
+    if (!system_.isSteered() && !microphone_.isSteered()) return;
+    skewEstimates_ = {system_.estimatedSkew(), microphone_.estimatedSkew()};
+    const auto ppm = [](double skew) {
+        const double rounded = std::round(skew * 1e7) / 10;
+        return (rounded >= 0 ? "+" : "") + formatDouble(rounded) + " ppm";
+    };
+    std::string line = "Clock drift against the system clock:";
+    if (skewEstimates_.microphone) line += " microphone " + ppm(*skewEstimates_.microphone);
+    if (skewEstimates_.microphone && skewEstimates_.system) line += ",";
+    if (skewEstimates_.system) line += " system audio " + ppm(*skewEstimates_.system);
+    logger().info(line);
 }
 
 int64_t AudioMixer::framesToProcess(const std::shared_ptr<FloatRingBuffer>& systemRing,
@@ -383,17 +435,41 @@ void AudioMixer::publishLevels(const MixBus::Measurement& mix, bool withSystem, 
 // flight). Audio arriving meanwhile is left for later: taking it after the
 // padding would put a gap inside the audio.
 void AudioMixer::mixWhatTheRingsHold(const std::shared_ptr<FloatRingBuffer>& systemRing,
-                                     const std::shared_ptr<FloatRingBuffer>& microphoneRing) {
+                                     const std::shared_ptr<FloatRingBuffer>& microphoneRing, bool endTogether) {
     if (systemRing) system_.markDrainEnd(*systemRing);
     if (microphoneRing) microphone_.markDrainEnd(*microphoneRing);
+    int64_t framesLeft = endTogether ? framesToDrain(systemRing, microphoneRing) : -1;
     for (;;) {
-        const int64_t frames = std::min(blockFrameLimit_, std::max(systemRing ? system_.mixingFramesLeftToDrain() : 0,
-                                                                        microphoneRing ? microphone_.mixingFramesLeftToDrain() : 0));
+        int64_t frames = std::min(blockFrameLimit_, std::max(systemRing ? system_.mixingFramesLeftToDrain() : 0,
+                                                                  microphoneRing ? microphone_.mixingFramesLeftToDrain() : 0));
+        if (framesLeft >= 0) {
+            frames = std::min(frames, framesLeft);
+            framesLeft -= std::max<int64_t>(frames, 0);
+        }
         if (frames < 1) break;
         if (systemRing) system_.process(*systemRing, frames, /*draining=*/true);
         if (microphoneRing) microphone_.process(*microphoneRing, frames, /*draining=*/true);
         mixAndWrite(frames, systemRing != nullptr, microphoneRing != nullptr);
     }
+}
+
+// Steered sources are in step: what one holds beyond the other at the end was
+// captured while the other's audio was still on its way, so the file ends when
+// both have given their last, give or take a tick, rather than with one alone.
+int64_t AudioMixer::framesToDrain(const std::shared_ptr<FloatRingBuffer>& systemRing,
+                                  const std::shared_ptr<FloatRingBuffer>& microphoneRing) const {
+    const int64_t systemFrames = systemRing ? system_.mixingFramesLeftToDrain() : 0;
+    const int64_t microphoneFrames = microphoneRing ? microphone_.mixingFramesLeftToDrain() : 0;
+    if (!systemRing || !microphoneRing) return std::max(systemFrames, microphoneFrames);
+    const auto tickFrames = static_cast<int64_t>(pacer_.mixingSampleRateHertz() * kMixingIntervalSeconds);
+    const int64_t shorter = std::min(systemFrames, microphoneFrames);
+    const int64_t longer = std::max(systemFrames, microphoneFrames);
+    if (longer - shorter > tickFrames) {
+        logger().debug("Ending both sources together: " + std::to_string(longer - shorter - tickFrames) +
+                       " mixing frames of the " + (systemFrames > microphoneFrames ? "system audio" : "microphone") +
+                       " captured after the other's last are left out");
+    }
+    return std::min(longer, shorter + tickFrames);
 }
 
 // At the end of a recording, everything captured goes into the file: what
@@ -407,14 +483,14 @@ void AudioMixer::drainRemainingAudio() {
     const auto systemRing = system_.ring();
     const auto microphoneRing = microphone_.ring();
     if (!systemRing && !microphoneRing) return;
-    mixWhatTheRingsHold(systemRing, microphoneRing);
+    mixWhatTheRingsHold(systemRing, microphoneRing, /*endTogether=*/system_.isSteered() && microphone_.isSteered());
     // The resampler tails join the alignment queues; then the queues empty out,
     // the longest one deciding how many frames remain.
     system_.flushResampler();
     microphone_.flushResampler();
     for (;;) {
         const int64_t frames =
-            std::min(bufferFrameCapacity_, std::max(system_.alignedFramesLeft(), microphone_.alignedFramesLeft()));
+            std::min(blockFrameLimit_, std::max(system_.alignedFramesLeft(), microphone_.alignedFramesLeft()));
         if (frames < 1) break;
         system_.popAligned(frames);
         microphone_.popAligned(frames);

@@ -114,6 +114,15 @@ public:
     int64_t totalFramesProcessed() const;
     int64_t paddedSilenceFrames() const;
 
+    // Each steered source's skew against the mixing clock (+0.0005: its clock is
+    // 500 ppm fast), as last estimated; kept after stopMixing() so that a
+    // restart on the same device can start from it.
+    struct SkewEstimates {
+        std::optional<double> system;
+        std::optional<double> microphone;
+    };
+    SkewEstimates skewEstimates() const;
+
     struct Private;
     AudioMixer(const Private&, int64_t bufferFrameCapacity, int64_t jitterBufferFrames, std::shared_ptr<Clock> clock,
                MixingTicks ticks);
@@ -130,8 +139,16 @@ private:
     void logEchoCancellation() const;
     // Everything the rings hold now, into the output.
     void mixWhatTheRingsHold(const std::shared_ptr<FloatRingBuffer>& systemRing,
-                             const std::shared_ptr<FloatRingBuffer>& microphoneRing);
+                             const std::shared_ptr<FloatRingBuffer>& microphoneRing, bool endTogether = false);
     void drainRemainingAudio();
+    // After a mixed block: each steered source's controller sees its ring.
+    void followClocks(double nowSeconds, const std::shared_ptr<FloatRingBuffer>& systemRing,
+                      const std::shared_ptr<FloatRingBuffer>& microphoneRing);
+    // Mixing frames the final drain writes: with steered sources, both sources end
+    // together (the later one's extra beyond one tick is left out).
+    int64_t framesToDrain(const std::shared_ptr<FloatRingBuffer>& systemRing,
+                          const std::shared_ptr<FloatRingBuffer>& microphoneRing) const;
+    void logSkews();
     void publishLevels(const MixBus::Measurement& mix, bool withSystem, bool withMicrophone);
     void addUnderrun();
     // Runs `work` where ticks run: on the mixing queue, or at once when the
@@ -170,6 +187,8 @@ private:
     // The canceller's leading silence still to be left out of the output.
     int64_t echoLatencyFramesToSkip_ = 0;
     float maxPeakSinceStart_ = 0.0f;
+    bool skewOutOfRangeReported_ = false;
+    SkewEstimates skewEstimates_;  // mixing context
 
     mutable std::mutex counterLock_;
     int64_t underrunCounter_ = 0;  // guarded by counterLock_

@@ -64,7 +64,32 @@ int64_t FloatRingBuffer::write(std::span<const float* const> sources, int64_t fr
         }
     }
     positions_.finishedWrite(free.totalFrames());
+    if (deliveryClock_) {
+        const double now = deliveryClock_->nowSeconds();
+        const uint64_t sequence = deliverySequence_.load(std::memory_order_relaxed);
+        deliverySequence_.store(sequence + 1, std::memory_order_relaxed);
+        std::atomic_thread_fence(std::memory_order_release);
+        deliveredFrames_.store(positions_.totalWrittenFrames(), std::memory_order_relaxed);
+        deliveredAtSeconds_.store(now, std::memory_order_relaxed);
+        hasDelivery_.store(true, std::memory_order_relaxed);
+        deliverySequence_.store(sequence + 2, std::memory_order_release);
+    }
     return free.totalFrames();
+}
+
+void FloatRingBuffer::stampDeliveriesWith(std::shared_ptr<Clock> clock) { deliveryClock_ = std::move(clock); }
+
+std::optional<FloatRingBuffer::Delivery> FloatRingBuffer::lastDelivery() const {
+    for (;;) {
+        const uint64_t before = deliverySequence_.load(std::memory_order_acquire);
+        const bool present = hasDelivery_.load(std::memory_order_relaxed);
+        const Delivery delivery{deliveredFrames_.load(std::memory_order_relaxed),
+                                deliveredAtSeconds_.load(std::memory_order_relaxed)};
+        std::atomic_thread_fence(std::memory_order_acquire);
+        if ((before & 1U) == 0 && deliverySequence_.load(std::memory_order_relaxed) == before) {
+            return present ? std::optional<Delivery>(delivery) : std::nullopt;
+        }
+    }
 }
 
 void FloatRingBuffer::read(std::span<float* const> destinations, int64_t frameCount) {
@@ -99,6 +124,7 @@ FloatRingBuffer::Snapshot FloatRingBuffer::snapshot() const { return Snapshot{ch
 
 void FloatRingBuffer::reset() {
     positions_.reset();
+    hasDelivery_.store(false);
     for (auto& storage : buffers_) {
         std::fill_n(storage.get(), capacityFrames_, 0.0f);
     }

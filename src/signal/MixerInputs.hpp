@@ -17,6 +17,9 @@ struct MixerSourceInput {
     std::shared_ptr<FloatRingBuffer> ring;
     double sampleRateHertz = 48000.0;
     uint32_t channels = 1;
+    // With drift correction: an earlier run's skew estimate for the same device
+    // (after a restart), so the new run starts where the old one had arrived.
+    std::optional<double> carriedSkew;
 };
 
 // How the bus lays the sources out in the output.
@@ -41,6 +44,11 @@ struct MixerInputs {
     // Removes the loudspeakers' echo (the system audio) from the microphone
     // before the bus. Takes effect with both sources only, and mixes at 16 kHz.
     bool echoCancellation = false;
+    // Steers every source onto the mixer's clock, however far the source's own
+    // clock is from it: no ring fills or empties over a long recording, the
+    // sources stay in step with each other, and the output is as long as the
+    // time it took. Off, each source is read at its nominal rate, exactly.
+    bool driftCorrection = false;
 };
 
 }  // namespace velto

@@ -34,7 +34,9 @@ SourcePath::SourcePath(std::string label, std::string conversionFailureMessage,
       blockBuffer_(zeroedSamples(bufferFrameCapacity)),
       tempBuffer_(zeroedSamples(bufferFrameCapacity)),
       leftBuffer_(zeroedSamples(bufferFrameCapacity)),
-      rightBuffer_(zeroedSamples(bufferFrameCapacity)) {}
+      rightBuffer_(zeroedSamples(bufferFrameCapacity)),
+      fine_(bufferFrameCapacity),
+      nominalBuffer_(zeroedSamples(bufferFrameCapacity)) {}
 
 void SourcePath::configure(const std::shared_ptr<FloatRingBuffer>& ring, double sampleRateHertz,
                            double mixingSampleRateHertz) {
@@ -54,6 +56,37 @@ void SourcePath::configure(const std::shared_ptr<FloatRingBuffer>& ring, double 
     converter_ = AudioConverter::create(*inputFormat, *mixingFormat);
     logger().info("Created " + label_ + " converter: " + rate + "Hz -> " + formatDouble(mixingSampleRateHertz) +
                   "Hz");
+}
+
+void SourcePath::steer(std::optional<double> carriedSkew) {
+    drift_ = std::make_unique<DriftController>(sampleRateHertz_, carriedSkew);
+    step_ = 1.0 + drift_->correction();
+    holdingFill_ = false;
+    fine_.reset();
+    // The fine resampler's first output is centred kDelayFrames into its input:
+    // that much silence in front keeps the source's first frames.
+    fine_.pushSilence(VariableRatioResampler::kDelayFrames);
+}
+
+std::optional<double> SourcePath::estimatedSkew() const {
+    if (!drift_) return std::nullopt;
+    return drift_->estimatedSkew();
+}
+
+void SourcePath::followClock(double nowSeconds, const FloatRingBuffer& ring, bool holdFromNow) {
+    if (!drift_) return;
+    holdingFill_ = holdingFill_ || holdFromNow;
+    if (!holdingFill_) return;
+    const int64_t readFrames = ring.totalReadFrames();
+    const auto delivery = ring.lastDelivery();
+    // A ring without delivery stamps is judged by its fill at the tick.
+    const int64_t producedFrames = delivery ? delivery->totalWrittenFrames : readFrames + ring.availableFrames();
+    const double deliveredAtSeconds = delivery ? delivery->atSeconds : nowSeconds;
+    step_ = 1.0 + drift_->update(nowSeconds, producedFrames, deliveredAtSeconds, readFrames);
+}
+
+int64_t SourcePath::steeredFrames(int64_t nominalFrames) const {
+    return fine_.outputFramesAfterPushing(nominalFrames, step_);
 }
 
 int64_t SourcePath::primingFramesNeeded() const {
@@ -80,6 +113,9 @@ void SourcePath::prepare(int64_t primingFrames) {
 void SourcePath::release() {
     ring_.reset();
     converter_.reset();
+    drift_.reset();
+    fine_.reset();
+    step_ = 1.0;
 }
 
 int64_t SourcePath::mixingFramesWithin(int64_t availableFrames, int64_t reserveFrames) const {
@@ -87,25 +123,49 @@ int64_t SourcePath::mixingFramesWithin(int64_t availableFrames, int64_t reserveF
     // in what lies beyond the reserve.
     const int64_t spareFrames = availableFrames - reserveFrames;
     if (spareFrames < 0) return -1;
-    return scaleFramesDown(sourceFramesConsumed_ + spareFrames, mixingSampleRateHertz_, sampleRateHertz_) -
-           mixingFramesAccounted_;
+    const int64_t nominalFrames =
+        scaleFramesDown(sourceFramesConsumed_ + spareFrames, mixingSampleRateHertz_, sampleRateHertz_) -
+        mixingFramesAccounted_;
+    // The fine resampler's look-ahead may reach into the reserve: a kernel's worth
+    // of frames is nothing to the jitter the reserve is there for.
+    return drift_ ? steeredFrames(nominalFrames + VariableRatioResampler::kTaps) : nominalFrames;
 }
 
 bool SourcePath::process(FloatRingBuffer& ring, int64_t frames, bool draining) {
+    float* block = blockBuffer_.get();
+    if (!drift_) {
+        if (!readConverted(ring, frames, draining, block)) {
+            vec::clear(block, frames);
+            lastBlockLevel_ = {};
+            return false;
+        }
+        measure(frames);
+        return true;
+    }
+    const int64_t nominalFrames = fine_.inputFramesNeeded(frames, step_);
+    if (nominalFrames > 0) {
+        if (!readConverted(ring, nominalFrames, draining, nominalBuffer_.get())) {
+            vec::clear(block, frames);
+            lastBlockLevel_ = {};
+            return false;
+        }
+        fine_.push(nominalBuffer_.get(), nominalFrames);
+    }
+    fine_.process(block, frames, step_);
+    measure(frames);
+    return true;
+}
+
+bool SourcePath::readConverted(FloatRingBuffer& ring, int64_t frames, bool draining, float* destination) {
     const auto snapshot = ring.snapshot();
     const int64_t needFrames =
         scaleFramesDown(mixingFramesAccounted_ + frames, sampleRateHertz_, mixingSampleRateHertz_) -
         sourceFramesConsumed_;
-    float* block = blockBuffer_.get();
     // The work arrays are zeros beyond what a read writes, so a short read is
     // padded with silence.
     int64_t readFrames = std::min<int64_t>(needFrames, snapshot.framesAvailable);
     if (draining) readFrames = std::min(readFrames, std::max<int64_t>(0, drainEndSourceFrames_ - sourceFramesConsumed_));
-    if (readFrames < needFrames && !draining) {
-        vec::clear(block, frames);
-        lastBlockLevel_ = {};
-        return false;
-    }
+    if (readFrames < needFrames && !draining) return false;
 
     float* temp = tempBuffer_.get();
     if (snapshot.channels == 1) {
@@ -124,16 +184,15 @@ bool SourcePath::process(FloatRingBuffer& ring, int64_t frames, bool draining) {
     sourceFramesConsumed_ += needFrames;
 
     if (converter_) {
-        convertBlock(needFrames, frames);
+        convertBlock(needFrames, frames, destination);
     } else if (usesAlignment_) {
         aligned_.push(temp, needFrames);
-        const int64_t got = aligned_.pop(block, frames);
-        vec::clear(block + got, frames - got);
+        const int64_t got = aligned_.pop(destination, frames);
+        vec::clear(destination + got, frames - got);
     } else {
-        vec::copy(temp, block, frames);
+        vec::copy(temp, destination, frames);
     }
     vec::clear(temp, needFrames);
-    measure(frames);
     return true;
 }
 
@@ -155,10 +214,14 @@ void SourcePath::discardCaptured(FloatRingBuffer& ring) {
     vec::clear(rightBuffer_.get(), bufferFrameCapacity_);
     mixingFramesAccounted_ = 0;
     sourceFramesConsumed_ = 0;
+    // The fill drops to nothing: the level to hold is found again once the mixer has caught up.
+    if (drift_) {
+        drift_ = std::make_unique<DriftController>(sampleRateHertz_, drift_->estimatedSkew());
+        holdingFill_ = false;
+    }
 }
 
-void SourcePath::convertBlock(int64_t needFrames, int64_t frames) {
-    float* block = blockBuffer_.get();
+void SourcePath::convertBlock(int64_t needFrames, int64_t frames, float* block) {
     if (!conversionInput_ || !conversionInput_->floatChannelData()[0]) return;
     vec::copy(tempBuffer_.get(), conversionInput_->floatChannelData()[0], needFrames);
     conversionInput_->setFrameLength(static_cast<uint32_t>(needFrames));
@@ -186,7 +249,9 @@ void SourcePath::markDrainEnd(const FloatRingBuffer& ring) {
 
 int64_t SourcePath::mixingFramesLeftToDrain() const {
     if (ring_.expired()) return 0;
-    return scaleFramesDown(drainEndSourceFrames_, mixingSampleRateHertz_, sampleRateHertz_) - mixingFramesAccounted_;
+    const int64_t nominalFrames =
+        scaleFramesDown(drainEndSourceFrames_, mixingSampleRateHertz_, sampleRateHertz_) - mixingFramesAccounted_;
+    return drift_ ? fine_.outputFramesToTakeIn(nominalFrames, step_) : nominalFrames;
 }
 
 void SourcePath::flushResampler() {
@@ -200,12 +265,26 @@ void SourcePath::flushResampler() {
 }
 
 int64_t SourcePath::alignedFramesLeft() const {
-    return usesAlignment_ && !ring_.expired() ? aligned_.availableFrames() : 0;
+    if (ring_.expired()) return 0;
+    const int64_t alignedFrames = usesAlignment_ ? aligned_.availableFrames() : 0;
+    return drift_ ? fine_.outputFramesToEmpty(alignedFrames, step_) : alignedFrames;
 }
 
 void SourcePath::popAligned(int64_t frames) {
-    const int64_t got = aligned_.pop(blockBuffer_.get(), frames);
-    vec::clear(blockBuffer_.get() + got, frames - got);
+    float* block = blockBuffer_.get();
+    if (!drift_) {
+        const int64_t got = aligned_.pop(block, frames);
+        vec::clear(block + got, frames - got);
+        measure(frames);
+        return;
+    }
+    // After the end of the input the fine resampler reads silence.
+    const int64_t nominalFrames = std::min(fine_.inputFramesNeeded(frames, step_), fine_.inputCapacityFrames());
+    const int64_t got = aligned_.pop(nominalBuffer_.get(), nominalFrames);
+    fine_.push(nominalBuffer_.get(), got);
+    fine_.pushSilence(nominalFrames - got);
+    vec::clear(nominalBuffer_.get(), got);
+    fine_.process(block, frames, step_);
     measure(frames);
 }
 

@@ -2,12 +2,15 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "signal/AudioConverter.hpp"
 #include "signal/AudioMixerError.hpp"
+#include "signal/DriftController.hpp"
 #include "signal/FloatRingBuffer.hpp"
 #include "signal/MonoSampleFifo.hpp"
+#include "signal/VariableRatioResampler.hpp"
 #include "veltoaudio/PcmBuffer.hpp"
 
 namespace velto {
@@ -22,9 +25,12 @@ struct BlockLevel {
 // one, resamples to the mixing rate and lines the result up with the mixer's
 // blocks, so that block() holds exactly the frames a tick asked for.
 //
-// Frame accounting is exact over any length of recording: after k mixing
-// frames the source has given exactly floor(k × its rate ÷ mixing rate)
-// frames. A resampled source is primed once with silence so that every block
+// A steered source then goes through a fine resampler whose ratio a drift
+// controller sets every tick, so that the source's own clock, however far it is
+// from the mixer's, neither fills nor empties its ring: the source stays in step
+// with the mixing clock and with the other source. Unsteered, the path's frame
+// accounting is exact over any length of recording: after k mixing frames the
+// source has given exactly floor(k × its rate ÷ mixing rate) frames. A resampled source is primed once with silence so that every block
 // is full (a short resampler call never inserts silence mid-stream); every
 // source is primed by the same amount so that they stay aligned.
 //
@@ -42,6 +48,10 @@ public:
     // when the rates differ. Throws AudioMixerError or AudioConverterError.
     void configure(const std::shared_ptr<FloatRingBuffer>& ring, double sampleRateHertz,
                    double mixingSampleRateHertz);
+    // Steers this run's source onto the mixing clock (before prepare()), starting
+    // from `carriedSkew`, an earlier run's estimate for the same device.
+    void steer(std::optional<double> carriedSkew);
+    bool isSteered() const { return drift_ != nullptr; }
     // The silence this source's resampler needs in front (0 without one).
     int64_t primingFramesNeeded() const;
     // Resets the accounting and primes with `primingFrames` of silence. Allocates.
@@ -66,12 +76,21 @@ public:
     // what the resampler and alignment already hold stays in line.
     void discardCaptured(FloatRingBuffer& ring);
 
+    // After a tick: lets the drift controller see the ring and set the next
+    // blocks' ratio. Until `holdFromNow` first comes true (the mixer has caught
+    // up with its clock) the fill is still settling and is not held.
+    void followClock(double nowSeconds, const FloatRingBuffer& ring, bool holdFromNow);
+    // The source's estimated skew against the mixing clock; none unsteered.
+    std::optional<double> estimatedSkew() const;
+    bool skewOutOfRange() const { return drift_ && drift_->skewOutOfRange(); }
+
     // The end of a recording: the drain takes what the ring holds now and nothing
     // that arrives later.
     void markDrainEnd(const FloatRingBuffer& ring);
     int64_t mixingFramesLeftToDrain() const;
     // Adds the resampler's held-back tail to the alignment queue.
     void flushResampler();
+    // Mixing frames until what the resamplers and the alignment hold has come out.
     int64_t alignedFramesLeft() const;
     // Fills block() from the alignment queue, zero-padded.
     void popAligned(int64_t frames);
@@ -85,7 +104,12 @@ public:
     int64_t paddedSilenceFrames() const { return paddedSilenceFrames_; }
 
 private:
-    void convertBlock(int64_t needFrames, int64_t frames);
+    // Fills `destination` with `frames` frames at the mixing rate from the ring
+    // (before the fine resampler); false, leaving it untouched, on a shortfall.
+    bool readConverted(FloatRingBuffer& ring, int64_t frames, bool draining, float* destination);
+    void convertBlock(int64_t needFrames, int64_t frames, float* destination);
+    // Mixing frames (after the fine resampler) that `nominalFrames` before it make.
+    int64_t steeredFrames(int64_t nominalFrames) const;
     void measure(int64_t frames);
 
     const std::string label_;
@@ -109,6 +133,12 @@ private:
     std::unique_ptr<float[]> tempBuffer_;   // mono, source rate
     std::unique_ptr<float[]> leftBuffer_;
     std::unique_ptr<float[]> rightBuffer_;
+    // Steering (the controller only for a steered run).
+    std::unique_ptr<DriftController> drift_;
+    VariableRatioResampler fine_;
+    std::unique_ptr<float[]> nominalBuffer_;  // mono, mixing rate, before the fine resampler
+    double step_ = 1.0;                       // fine resampler input frames per output frame
+    bool holdingFill_ = false;
 };
 
 }  // namespace velto

@@ -247,6 +247,10 @@ void UnifiedAudioRecorder::setupAudioComponents() {
     if (configuration_.preferredMicrophone && microphoneCapture_) {
         microphoneCapture_->configureInputDevice(*configuration_.preferredMicrophone);
     }
+    // Every delivery is stamped with the mixer's clock: the mixer keeps each
+    // source in step with that clock by how far the source's deliveries run ahead or behind.
+    if (microphoneCapture_) microphoneCapture_->ringBuffer()->stampDeliveriesWith(clock_);
+    if (systemAudioTap_) systemAudioTap_->ringBuffer()->stampDeliveriesWith(clock_);
 }
 
 void UnifiedAudioRecorder::startAudioCapture() {
@@ -276,12 +280,16 @@ void UnifiedAudioRecorder::startAudioMixing() {
     inputs.layout = separateTracks() ? MixerTrackLayout::separate : MixerTrackLayout::mixed;
     if (systemAudioTap_) {
         inputs.system = MixerSourceInput{systemAudioTap_->ringBuffer(), systemAudioTap_->asbd().mSampleRate,
-                                         systemAudioTap_->asbd().mChannelsPerFrame};
+                                         systemAudioTap_->asbd().mChannelsPerFrame,
+                                         carriedSkew(systemClock_, systemAudioTap_->clockDeviceUID(), "system audio")};
     }
     if (microphoneCapture_) {
-        inputs.microphone = MixerSourceInput{microphoneCapture_->ringBuffer(), microphoneSampleRate(), 1};
+        inputs.microphone =
+            MixerSourceInput{microphoneCapture_->ringBuffer(), microphoneSampleRate(), 1,
+                             carriedSkew(microphoneClock_, microphoneCapture_->clockDeviceUID(), "microphone")};
     }
     inputs.echoCancellation = configuration_.cancelsEcho();
+    inputs.driftCorrection = true;
     if (inputs.system && inputs.microphone) {
         logger().debug("Starting dual-source mixing: system (" + formatDouble(inputs.system->sampleRateHertz) + "Hz, " +
                        std::to_string(inputs.system->channels) + "ch) + microphone (" +
@@ -431,6 +439,7 @@ void UnifiedAudioRecorder::handleConfigurationChange() {
     flushSources();
     if (audioMixer_) audioMixer_->stopMixing();
     endForwarding();
+    rememberSourceClocks();
     std::optional<CarriedOverAudio> carriedMicrophone;
     std::optional<CarriedOverAudio> carriedSystem;
     if (systemAudioTap_) {
@@ -476,6 +485,26 @@ void UnifiedAudioRecorder::handleConfigurationChange() {
     if (recorderState_ == RecorderState::recording) {
         recordingEventStreamContinuation_.yield(progressEvent(recordedSeconds()));
     }
+}
+
+void UnifiedAudioRecorder::rememberSourceClocks() {
+    microphoneClock_.reset();
+    systemClock_.reset();
+    if (!audioMixer_) return;
+    const AudioMixer::SkewEstimates skews = audioMixer_->skewEstimates();
+    if (skews.microphone && microphoneCapture_) microphoneClock_ = KnownClock{microphoneCapture_->clockDeviceUID(), *skews.microphone};
+    if (skews.system && systemAudioTap_) systemClock_ = KnownClock{systemAudioTap_->clockDeviceUID(), *skews.system};
+}
+
+std::optional<double> UnifiedAudioRecorder::carriedSkew(const std::optional<KnownClock>& known,
+                                                        const std::string& deviceUID, const char* sourceName) const {
+    if (!known) return std::nullopt;
+    // Another device has another clock: its drift is learnt afresh.
+    if (known->deviceUID.empty() || known->deviceUID != deviceUID) {
+        logger().debug(std::string("The ") + sourceName + " moved to another device: its clock drift is learnt afresh");
+        return std::nullopt;
+    }
+    return known->skew;
 }
 
 void UnifiedAudioRecorder::discardCarriedIfRateChanged(int64_t prefilledFrames,

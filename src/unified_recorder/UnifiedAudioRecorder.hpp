@@ -163,6 +163,18 @@ private:
     std::optional<platform::ConfigurationChangeObserverToken> configurationChangeObserver_;
     // The consumer end of the running mixer's stream, kept while its blocks are relayed.
     AudioBufferStream relayedMixerStream_;
+    // A source's clock as the mixer before a restart had come to know it: the
+    // restarted mixer starts from it when the source comes back on the same device.
+    struct KnownClock {
+        std::string deviceUID;
+        double skew = 0.0;
+    };
+    std::optional<KnownClock> microphoneClock_;
+    std::optional<KnownClock> systemClock_;
+    // Before the mixer goes: what it learnt of each source's clock.
+    void rememberSourceClocks();
+    std::optional<double> carriedSkew(const std::optional<KnownClock>& known, const std::string& deviceUID,
+                                      const char* sourceName) const;
 };
 
 const char* caseName(UnifiedAudioRecorder::RecorderState state);

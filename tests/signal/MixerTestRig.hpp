@@ -38,8 +38,8 @@ inline MixerInputs dualInputs(std::shared_ptr<FloatRingBuffer> systemRing, doubl
                               std::shared_ptr<FloatRingBuffer> microphoneRing, double microphoneHertz,
                               std::shared_ptr<AudioFile> file, const PcmFormat& outputFormat) {
     MixerInputs inputs;
-    inputs.system = MixerSourceInput{std::move(systemRing), systemHertz, systemChannels};
-    inputs.microphone = MixerSourceInput{std::move(microphoneRing), microphoneHertz, 1};
+    inputs.system = MixerSourceInput{std::move(systemRing), systemHertz, systemChannels, {}};
+    inputs.microphone = MixerSourceInput{std::move(microphoneRing), microphoneHertz, 1, {}};
     inputs.outputFile = std::move(file);
     inputs.outputFormat = outputFormat;
     return inputs;
@@ -50,8 +50,8 @@ inline MixerInputs singleInputs(std::shared_ptr<FloatRingBuffer> systemRing,
                                 std::shared_ptr<FloatRingBuffer> microphoneRing, double hertz, uint32_t channels,
                                 std::shared_ptr<AudioFile> file, const PcmFormat& outputFormat) {
     MixerInputs inputs;
-    if (systemRing) inputs.system = MixerSourceInput{std::move(systemRing), hertz, channels};
-    if (microphoneRing) inputs.microphone = MixerSourceInput{std::move(microphoneRing), hertz, 1};
+    if (systemRing) inputs.system = MixerSourceInput{std::move(systemRing), hertz, channels, {}};
+    if (microphoneRing) inputs.microphone = MixerSourceInput{std::move(microphoneRing), hertz, 1, {}};
     inputs.outputFile = std::move(file);
     inputs.outputFormat = outputFormat;
     return inputs;

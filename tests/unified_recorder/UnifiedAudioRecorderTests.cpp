@@ -5,6 +5,7 @@
 
 #include "../microphone_recorder/RecorderTestSupport.hpp"
 #include "platform/fake/FakePlatformServices.hpp"
+#include "signal/VariableRatioResampler.hpp"
 #include "support/CapturedLogs.hpp"
 #include "unified_recorder/UnifiedAudioRecorder.hpp"
 
@@ -208,7 +209,9 @@ TEST_F(UnifiedAudioRecorderTest, TheStopFetchesWhatTheSourcesStillHoldBeforeTheL
     ASSERT_TRUE(drainUntilEnd(events).ended);
 
     const auto recorded = readRecording(file());
-    EXPECT_EQ(recorded.samples.size(), static_cast<size_t>((24000 + kJitterFrames + 1024) / 3));
+    // The sources are steered onto the mixer's clock: a ratio a few ppm from 1 may
+    // make one frame more or less of the same audio.
+    EXPECT_NEAR(static_cast<double>(recorded.samples.size()), (24000 + kJitterFrames + 1024) / 3, 1.0);
     EXPECT_NEAR(recorded.samples[recorded.samples.size() - 100], 0.5f * 0.3f + 0.3f * 0.3f, 0.01f);
 }
 
@@ -386,7 +389,8 @@ TEST_F(UnifiedAudioRecorderTest, AConfigurationChangeRebuildsCaptureIntoTheSameF
     // left to carry over and the new mixer keeps a reserve of its own.
     feedMicrophone(0.6f, 24000);
     const int64_t secondFrames = mixFor(*recorder, 0.5);
-    EXPECT_EQ(secondFrames, 24000 - kJitterFrames);
+    // Less the reserve; the steering resampler's look-ahead may reach half a kernel into it.
+    EXPECT_NEAR(secondFrames, 24000 - kJitterFrames, VariableRatioResampler::kTaps / 2);
     EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
                               "Carried over 0 microphone frames and 0 system audio frames into the restarted capture"));
     recorder->stop();

@@ -1,0 +1,116 @@
+#include "signal/DriftController.hpp"
+
+#include <algorithm>
+#include <cmath>
+
+namespace velto {
+
+namespace {
+
+constexpr double kForgetSeconds = 30.0;
+constexpr double kErrorFilterSeconds = 1.0;
+// The loop starts quick enough to take out what the estimate missed while it
+// formed, then narrows so that delivery jitter moves the sources less.
+constexpr double kAcquiringRadiansPerSecond = 0.15;
+constexpr double kTrackingRadiansPerSecond = 0.05;
+constexpr double kNarrowingFromSeconds = 20.0;
+constexpr double kNarrowingOverSeconds = 20.0;
+// The integrator waits for the first estimate: what it gathered meanwhile would
+// have to be unwound later, moving the source long after it had settled.
+constexpr double kIntegratorFromSeconds = 3.0;
+// Beyond the largest skew, room for the loop to bring the fill back.
+constexpr double kLargestCorrection = DriftController::kLargestSkew * 1.5;
+// A line through fewer stamps, or a shorter span, says little about a rate.
+constexpr double kMinimumWeight = 8.0;
+constexpr double kMinimumSpanSeconds = 1.0;
+// Out of range only once the estimate is settled, not on a start-up transient.
+constexpr double kOutOfRangeJudgedAfterSeconds = 5.0;
+
+}  // namespace
+
+DriftController::DriftController(double nominalRateHertz, std::optional<double> carriedSkew)
+    : nominalRateHertz_(nominalRateHertz), carriedSkew_(carriedSkew) {
+    if (carriedSkew_) correction_ = std::clamp(*carriedSkew_, -kLargestSkew, kLargestSkew);
+}
+
+void DriftController::addDelivery(int64_t producedFrames, double atSeconds) {
+    if (producedFrames == lastStampFrames_) return;  // nothing new since the last tick
+    if (!firstStampSeconds_) {
+        firstStampSeconds_ = atSeconds;
+        firstStampFrames_ = producedFrames;
+    } else {
+        const double decay = std::exp(-std::max(0.0, atSeconds - lastStampSeconds_) / kForgetSeconds);
+        weightSum_ *= decay;
+        xSum_ *= decay;
+        ySum_ *= decay;
+        xxSum_ *= decay;
+        xySum_ *= decay;
+    }
+    lastStampSeconds_ = atSeconds;
+    lastStampFrames_ = producedFrames;
+    // Relative to the first stamp, and y as the deviation from the nominal rate,
+    // so that the sums stay small and keep their precision over hours.
+    const double x = atSeconds - *firstStampSeconds_;
+    const double y = static_cast<double>(producedFrames - firstStampFrames_) / nominalRateHertz_ - x;
+    weightSum_ += 1.0;
+    xSum_ += x;
+    ySum_ += y;
+    xxSum_ += x * x;
+    xySum_ += x * y;
+}
+
+double DriftController::regressionSpanSeconds() const {
+    return firstStampSeconds_ ? lastStampSeconds_ - *firstStampSeconds_ : 0.0;
+}
+
+double DriftController::regressionSlope() const {
+    const double denominator = weightSum_ * xxSum_ - xSum_ * xSum_;
+    if (weightSum_ < kMinimumWeight || regressionSpanSeconds() < kMinimumSpanSeconds || denominator <= 0) return 0.0;
+    return (weightSum_ * xySum_ - xSum_ * ySum_) / denominator;
+}
+
+double DriftController::estimatedSkew() const {
+    const double own = regressionSlope();
+    if (!carriedSkew_) return own;
+    // A carried estimate hands over to this run's own as its stamps accumulate.
+    const double weight = std::min(1.0, regressionSpanSeconds() / kOwnEstimateSeconds);
+    return weight * own + (1.0 - weight) * *carriedSkew_;
+}
+
+double DriftController::update(double nowSeconds, int64_t producedFrames, double deliveredAtSeconds,
+                               int64_t readFrames) {
+    addDelivery(producedFrames, deliveredAtSeconds);
+    // The fill now: what the source has made by now (at its nominal rate since
+    // the last stamp) less what was read. Smooth between deliveries.
+    const double fillFrames = static_cast<double>(producedFrames - readFrames) +
+                              std::max(0.0, nowSeconds - deliveredAtSeconds) * nominalRateHertz_;
+    if (!setpointFrames_) {
+        setpointFrames_ = fillFrames;
+        lastUpdateSeconds_ = nowSeconds;
+    }
+    const double dt = std::clamp(nowSeconds - *lastUpdateSeconds_, 0.0, 1.0);
+    lastUpdateSeconds_ = nowSeconds;
+    const double errorSeconds = (fillFrames - *setpointFrames_) / nominalRateHertz_;
+    filteredErrorSeconds_ += (errorSeconds - filteredErrorSeconds_) * std::min(1.0, dt / kErrorFilterSeconds);
+
+    const double skew = estimatedSkew();
+    if (std::abs(skew) > kLargestSkew && regressionSpanSeconds() >= kOutOfRangeJudgedAfterSeconds) {
+        skewOutOfRange_ = true;
+    }
+    const double feedForward = std::clamp(skew, -kLargestSkew, kLargestSkew);
+    const double span = regressionSpanSeconds();
+    const double narrowing = std::clamp((span - kNarrowingFromSeconds) / kNarrowingOverSeconds, 0.0, 1.0);
+    const double loopRadiansPerSecond =
+        kAcquiringRadiansPerSecond + (kTrackingRadiansPerSecond - kAcquiringRadiansPerSecond) * narrowing;
+    const double proportionalGain = 2.0 * loopRadiansPerSecond;  // critically damped
+    const double integralGain = loopRadiansPerSecond * loopRadiansPerSecond;
+    const double headroom = kLargestCorrection - std::abs(feedForward);
+    if (span >= kIntegratorFromSeconds || carriedSkew_) {
+        integral_ = std::clamp(integral_ + integralGain * filteredErrorSeconds_ * dt, -headroom, headroom);
+    }
+    correction_ = std::clamp(feedForward + proportionalGain * filteredErrorSeconds_ + integral_, -kLargestCorrection,
+                             kLargestCorrection);
+    return correction_;
+}
+
+}  // namespace velto

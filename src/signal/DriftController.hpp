@@ -1,0 +1,75 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+namespace velto {
+
+// Keeps one capture source in step with the mixer's clock (the system clock):
+// every tick it learns how far the source's ring has filled beyond the level it
+// held when mixing began, and answers with the correction to the rate at which
+// the source is read (+0.0005: read 500 ppm faster).
+//
+// Two parts, as a delay-locked loop has them:
+// - the source's own rate, from a least-squares line through its delivery
+//   stamps (frames written against the time they arrived), over a window that
+//   forgets with a 30 s time constant: this is the skew, and it is fed forward;
+// - a slow PI loop on the fill error (low-passed over 1 s, critically damped,
+//   0.15 rad/s narrowing to 0.05 once the estimate has 40 s behind it) that
+//   takes out what the estimate leaves.
+// Delivery jitter of a few milliseconds then moves the read position by well
+// under a millisecond, and the correction changes by a few ppm per tick:
+// smooth enough that the fine resampler never makes an audible step.
+//
+// Corrections stay within ±(kLargestSkew + half again for the loop); a source that
+// drifts further is reported once and keeps the largest correction, its ring
+// then filling or draining as it would without correction.
+//
+// Not thread-safe: the mixer's ticks only.
+class DriftController {
+public:
+    static constexpr double kLargestSkew = 0.002;  // 2000 ppm
+
+    // `carriedSkew`: the estimate of an earlier run on the same device, used until
+    // this run's own stamps have shown the rate.
+    DriftController(double nominalRateHertz, std::optional<double> carriedSkew = std::nullopt);
+
+    // `producedFrames`: all the source has delivered up to `deliveredAtSeconds`;
+    // `readFrames`: all the mixer has taken by `nowSeconds`. Returns the correction.
+    double update(double nowSeconds, int64_t producedFrames, double deliveredAtSeconds, int64_t readFrames);
+
+    double correction() const { return correction_; }
+    // The source's estimated skew against the mixer's clock (+: its clock runs fast).
+    double estimatedSkew() const;
+    // True once the estimate rests on this run's own stamps rather than a carried one.
+    bool hasOwnEstimate() const { return regressionSpanSeconds() >= kOwnEstimateSeconds; }
+    // Set once the skew has been seen beyond the range (reported by the owner).
+    bool skewOutOfRange() const { return skewOutOfRange_; }
+    // Seconds the fill lies from where it was held (the source's delay change).
+    double fillErrorSeconds() const { return filteredErrorSeconds_; }
+
+private:
+    static constexpr double kOwnEstimateSeconds = 10.0;
+    void addDelivery(int64_t producedFrames, double atSeconds);
+    double regressionSlope() const;
+    double regressionSpanSeconds() const;
+
+    const double nominalRateHertz_;
+    const std::optional<double> carriedSkew_;
+
+    // Least-squares sums over (x = stamp time, y = produced seconds − x), forgetting.
+    double weightSum_ = 0, xSum_ = 0, ySum_ = 0, xxSum_ = 0, xySum_ = 0;
+    std::optional<double> firstStampSeconds_;
+    int64_t firstStampFrames_ = 0;
+    double lastStampSeconds_ = 0;
+    int64_t lastStampFrames_ = -1;
+
+    std::optional<double> setpointFrames_;
+    std::optional<double> lastUpdateSeconds_;
+    double filteredErrorSeconds_ = 0;
+    double integral_ = 0;
+    double correction_ = 0;
+    bool skewOutOfRange_ = false;
+};
+
+}  // namespace velto
