@@ -162,6 +162,7 @@ void AudioMixer::start(const MixerInputs& inputs) {
     }
     outputPaused_ = inputs.startPaused;
     pacer_.start(clock_->nowSeconds(), mixingRate);
+    paceFromFirstBlock_ = inputs.driftCorrection;
     // Mixing before the timer starts: its first tick may come at once, and a tick
     // that found the mixer not yet mixing would be lost.
     isMixing_ = true;
@@ -219,6 +220,7 @@ void AudioMixer::setOutputPaused(bool paused) {
             if (systemRing) system_.discardCaptured(*systemRing);
             if (microphoneRing) microphone_.discardCaptured(*microphoneRing);
             pacer_.restartAt(clock_->nowSeconds());
+            paceFromFirstBlock_ = system_.isSteered() || microphone_.isSteered();
         }
         outputPaused_ = paused;
     });
@@ -342,6 +344,17 @@ void AudioMixer::logSkews() {
 
 int64_t AudioMixer::framesToProcess(const std::shared_ptr<FloatRingBuffer>& systemRing,
                                     const std::shared_ptr<FloatRingBuffer>& microphoneRing) {
+    // Steered sources wait for the reserve once: from then on their controllers
+    // hold the fill they had, and a block only never reads what is not there. The
+    // reserve floor would otherwise cut blocks short whenever a burst is due, and
+    // a mixer held back by its sources could not keep them on its clock.
+    const bool steered = system_.isSteered() || microphone_.isSteered();
+    if (steered && !paceFromFirstBlock_) {
+        int64_t frames = std::min(pacer_.framesDue(clock_->nowSeconds()), blockFrameLimit_);
+        if (systemRing) frames = std::min(frames, system_.mixingFramesWithin(systemRing->availableFrames(), 0));
+        if (microphoneRing) frames = std::min(frames, microphone_.mixingFramesWithin(microphoneRing->availableFrames(), 0));
+        return frames < kMinimumBlockFrames ? 0 : frames;
+    }
     if (systemRing && microphoneRing) {
         if (systemRing->availableFrames() < jitterBufferFrames_ ||
             microphoneRing->availableFrames() < jitterBufferFrames_) {
@@ -362,6 +375,12 @@ int64_t AudioMixer::framesToProcess(const std::shared_ptr<FloatRingBuffer>& syst
             }
             return 0;
         }
+    }
+    if (paceFromFirstBlock_) {
+        // The wait for the reserve is not owed: the steered sources are held at the
+        // fill they have now, which the mixer could never read down to the reserve.
+        pacer_.restartAt(clock_->nowSeconds());
+        paceFromFirstBlock_ = false;
     }
     int64_t frames = std::min(pacer_.framesDue(clock_->nowSeconds()), blockFrameLimit_);
     if (systemRing) frames = std::min(frames, system_.mixingFramesWithin(systemRing->availableFrames(), jitterBufferFrames_));

@@ -188,6 +188,7 @@ private:
     int64_t echoLatencyFramesToSkip_ = 0;
     float maxPeakSinceStart_ = 0.0f;
     bool skewOutOfRangeReported_ = false;
+    bool paceFromFirstBlock_ = false;  // the pacer restarts when the reserve is first there
     SkewEstimates skewEstimates_;  // mixing context
 
     mutable std::mutex counterLock_;

@@ -94,7 +94,8 @@ double DriftController::update(double nowSeconds, int64_t producedFrames, double
     filteredErrorSeconds_ += (errorSeconds - filteredErrorSeconds_) * std::min(1.0, dt / kErrorFilterSeconds);
 
     const double skew = estimatedSkew();
-    if (std::abs(skew) > kLargestSkew && regressionSpanSeconds() >= kOutOfRangeJudgedAfterSeconds) {
+    // A source at the very edge of the range is estimated a little either side of it.
+    if (std::abs(skew) > kLargestSkew * 1.05 && regressionSpanSeconds() >= kOutOfRangeJudgedAfterSeconds) {
         skewOutOfRange_ = true;
     }
     const double feedForward = std::clamp(skew, -kLargestSkew, kLargestSkew);
