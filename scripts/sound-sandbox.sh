@@ -12,6 +12,13 @@
 #                             quieter (default 6); play the near end into velto_mic_in as usual
 #   sound-sandbox.sh echo-path off
 #                             headphones again: the loop goes
+#   sound-sandbox.sh skewed-mic on PPM
+#                             a microphone whose clock runs PPM off the system's (e.g. 500,
+#                             -2000): velto_skewed_mic, a pipe source fed at 16000 × (1 +
+#                             PPM/10^6) samples per second with a 440 Hz tone and a marker
+#                             burst on every whole second (scripts/paced-source.c)
+#   sound-sandbox.sh skewed-mic off
+#                             the skewed microphone goes
 #
 # Devices:
 #   velto_speakers   default sink (the speakers; its monitor is what system audio captures)
@@ -145,10 +152,66 @@ echo_path() {
 }
 # --- end of echo path --------------------------------------------------------------
 
+# --- skewed microphone: a device on a clock of its own ------------------------------
+# Null sinks all run on the system clock, so a second clock is made by hand: a pipe
+# source hands on whatever its pipe receives, and a writer paces the samples by the
+# monotonic clock at a skewed rate. The writer is built on first use.
+paced_source_binary() {
+    local binary="$dir/paced-source" source_file
+    source_file="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)/paced-source.c"
+    if [[ ! -x "$binary" || "$source_file" -nt "$binary" ]]; then
+        cc -O2 -o "$binary" "$source_file" -lm || { echo "skewed-mic: cannot build $source_file" >&2; return 1; }
+    fi
+    echo "$binary"
+}
+
+skewed_mic_off() {
+    if [[ -f "$dir/skewed-mic.pid" ]]; then
+        kill "$(cat "$dir/skewed-mic.pid")" 2>/dev/null || true
+        rm -f "$dir/skewed-mic.pid"
+    fi
+    if [[ -f "$dir/skewed-mic.module" ]]; then
+        PULSE_SERVER="$server" pactl unload-module "$(cat "$dir/skewed-mic.module")" 2>/dev/null || true
+        rm -f "$dir/skewed-mic.module"
+    fi
+    rm -f "$dir/skewed-mic.fifo"
+}
+
+skewed_mic() {
+    is_running || { echo "sound sandbox not running; start it first" >&2; return 1; }
+    case "${1:-}" in
+        on)
+            local ppm="${2:-}" binary module
+            [[ "$ppm" =~ ^[-+]?[0-9]+([.][0-9]+)?$ ]] || { echo "skewed-mic: PPM must be a number" >&2; return 2; }
+            binary="$(paced_source_binary)" || return 1
+            skewed_mic_off
+            module="$(PULSE_SERVER="$server" pactl load-module module-pipe-source source_name=velto_skewed_mic \
+                file="$dir/skewed-mic.fifo" format=float32le rate=16000 channels=1 \
+                source_properties=device.description=Velto-Skewed-Microphone)"
+            echo "$module" >"$dir/skewed-mic.module"
+            # The writer outlives this script; it stops with skewed-mic off or the server.
+            setsid "$binary" 16000 "$ppm" >"$dir/skewed-mic.fifo" 2>/dev/null </dev/null &
+            echo $! >"$dir/skewed-mic.pid"
+            echo "skewed microphone on: velto_skewed_mic, clock ${ppm} ppm off the system clock"
+            ;;
+        off)
+            skewed_mic_off
+            echo "skewed microphone off"
+            ;;
+        *)
+            echo "usage: $0 skewed-mic on PPM | skewed-mic off" >&2
+            return 2
+            ;;
+    esac
+}
+# --- end of skewed microphone -------------------------------------------------------
+
 case "${1:-}" in
     start) start ;;
     echo-path) shift; echo_path "$@" ;;
+    skewed-mic) shift; skewed_mic "$@" ;;
     stop)
+        skewed_mic_off
         stop_quietly
         echo "sound sandbox stopped"
         ;;
@@ -162,7 +225,7 @@ case "${1:-}" in
         fi
         ;;
     *)
-        echo "usage: $0 start|stop|env|status|echo-path" >&2
+        echo "usage: $0 start|stop|env|status|echo-path|skewed-mic" >&2
         exit 2
         ;;
 esac

@@ -332,7 +332,7 @@ void AudioMixer::logSkews() {
     if (!system_.isSteered() && !microphone_.isSteered()) return;
     skewEstimates_ = {system_.estimatedSkew(), microphone_.estimatedSkew()};
     const auto ppm = [](double skew) {
-        const double rounded = std::round(skew * 1e7) / 10;
+        const double rounded = std::round(skew * 1e7) / 10 + 0.0;  // + 0.0: no "-0.0"
         return (rounded >= 0 ? "+" : "") + formatDouble(rounded) + " ppm";
     };
     std::string line = "Clock drift against the system clock:";
@@ -474,13 +474,15 @@ void AudioMixer::mixWhatTheRingsHold(const std::shared_ptr<FloatRingBuffer>& sys
 
 // Steered sources are in step: what one holds beyond the other at the end was
 // captured while the other's audio was still on its way, so the file ends when
-// both have given their last, give or take a tick, rather than with one alone.
+// both have given their last, give or take half a tick, rather than with one alone.
 int64_t AudioMixer::framesToDrain(const std::shared_ptr<FloatRingBuffer>& systemRing,
                                   const std::shared_ptr<FloatRingBuffer>& microphoneRing) const {
     const int64_t systemFrames = systemRing ? system_.mixingFramesLeftToDrain() : 0;
     const int64_t microphoneFrames = microphoneRing ? microphone_.mixingFramesLeftToDrain() : 0;
     if (!systemRing || !microphoneRing) return std::max(systemFrames, microphoneFrames);
-    const auto tickFrames = static_cast<int64_t>(pacer_.mixingSampleRateHertz() * kMixingIntervalSeconds);
+    // Half a tick of one source alone at most: the last blocks of both sources
+    // arrive within a tick of each other.
+    const auto tickFrames = static_cast<int64_t>(pacer_.mixingSampleRateHertz() * kMixingIntervalSeconds / 2);
     const int64_t shorter = std::min(systemFrames, microphoneFrames);
     const int64_t longer = std::max(systemFrames, microphoneFrames);
     if (longer - shorter > tickFrames) {

@@ -24,13 +24,18 @@ constexpr double kLargestCorrection = DriftController::kLargestSkew * 1.5;
 constexpr double kMinimumWeight = 8.0;
 constexpr double kMinimumSpanSeconds = 1.0;
 // Out of range only once the estimate is settled, not on a start-up transient.
-constexpr double kOutOfRangeJudgedAfterSeconds = 5.0;
+constexpr double kOutOfRangeJudgedAfterSeconds = 10.0;
+// A delivery this far off the line through the others is a jump, not jitter.
+constexpr double kLineSettledSeconds = 5.0;
+constexpr double kDiscontinuitySeconds = 0.05;
+// The fill is held from when the line has this much behind it.
+constexpr double kLineReadySeconds = 2.0;
 
 }  // namespace
 
 DriftController::DriftController(double nominalRateHertz, std::optional<double> carriedSkew)
-    : nominalRateHertz_(nominalRateHertz), carriedSkew_(carriedSkew) {
-    if (carriedSkew_) correction_ = std::clamp(*carriedSkew_, -kLargestSkew, kLargestSkew);
+    : nominalRateHertz_(nominalRateHertz), priorSkew_(carriedSkew) {
+    if (priorSkew_) correction_ = std::clamp(*priorSkew_, -kLargestSkew, kLargestSkew);
 }
 
 void DriftController::addDelivery(int64_t producedFrames, double atSeconds) {
@@ -48,6 +53,21 @@ void DriftController::addDelivery(int64_t producedFrames, double atSeconds) {
     }
     lastStampSeconds_ = atSeconds;
     lastStampFrames_ = producedFrames;
+    if (regressionSpanSeconds() >= kLineSettledSeconds) {
+        const double x = atSeconds - *firstStampSeconds_;
+        const double y = static_cast<double>(producedFrames - firstStampFrames_) / nominalRateHertz_ - x;
+        const double slope = regressionSlope();
+        const double intercept = (ySum_ - slope * xSum_) / weightSum_;
+        if (std::abs(y - (intercept + slope * x)) > kDiscontinuitySeconds) {
+            // The source jumped: what came before says nothing about its rate from
+            // here, nor about the fill to hold.
+            priorSkew_ = estimatedSkew();
+            setpointFrames_.reset();
+            weightSum_ = xSum_ = ySum_ = xxSum_ = xySum_ = 0;
+            firstStampSeconds_ = atSeconds;
+            firstStampFrames_ = producedFrames;
+        }
+    }
     // Relative to the first stamp, and y as the deviation from the nominal rate,
     // so that the sums stay small and keep their precision over hours.
     const double x = atSeconds - *firstStampSeconds_;
@@ -71,22 +91,34 @@ double DriftController::regressionSlope() const {
 
 double DriftController::estimatedSkew() const {
     const double own = regressionSlope();
-    if (!carriedSkew_) return own;
-    // A carried estimate hands over to this run's own as its stamps accumulate.
+    if (!priorSkew_) return own;
+    // An earlier estimate hands over to this line's own as its stamps accumulate.
     const double weight = std::min(1.0, regressionSpanSeconds() / kOwnEstimateSeconds);
-    return weight * own + (1.0 - weight) * *carriedSkew_;
+    return weight * own + (1.0 - weight) * *priorSkew_;
 }
 
 double DriftController::update(double nowSeconds, int64_t producedFrames, double deliveredAtSeconds,
                                int64_t readFrames) {
+    if (!firstUpdateSeconds_) firstUpdateSeconds_ = nowSeconds;
+    if (nowSeconds - *firstUpdateSeconds_ < kWarmUpSeconds) return correction_;
     addDelivery(producedFrames, deliveredAtSeconds);
-    // The fill now: what the source has made by now (at its nominal rate since
-    // the last stamp) less what was read. Smooth between deliveries.
-    const double fillFrames = static_cast<double>(producedFrames - readFrames) +
-                              std::max(0.0, nowSeconds - deliveredAtSeconds) * nominalRateHertz_;
+    if (regressionSpanSeconds() < kLineReadySeconds) {
+        setpointFrames_.reset();
+        return correction_;
+    }
+    // The fill now: where the line through the stamps puts the source now, less
+    // what was read. The line, not the last stamp: a device that hands its audio
+    // on in uneven batches moves the last stamp by whole batches, the line not.
+    const double lineSeconds = nowSeconds - *firstStampSeconds_;
+    const double slope = regressionSlope();
+    const double intercept = (ySum_ - slope * xSum_) / weightSum_;
+    const double predictedFrames = static_cast<double>(firstStampFrames_) +
+                                   (lineSeconds + intercept + slope * lineSeconds) * nominalRateHertz_;
+    const double fillFrames = predictedFrames - static_cast<double>(readFrames);
     if (!setpointFrames_) {
         setpointFrames_ = fillFrames;
         lastUpdateSeconds_ = nowSeconds;
+        filteredErrorSeconds_ = 0;
     }
     const double dt = std::clamp(nowSeconds - *lastUpdateSeconds_, 0.0, 1.0);
     lastUpdateSeconds_ = nowSeconds;
@@ -106,7 +138,7 @@ double DriftController::update(double nowSeconds, int64_t producedFrames, double
     const double proportionalGain = 2.0 * loopRadiansPerSecond;  // critically damped
     const double integralGain = loopRadiansPerSecond * loopRadiansPerSecond;
     const double headroom = kLargestCorrection - std::abs(feedForward);
-    if (span >= kIntegratorFromSeconds || carriedSkew_) {
+    if (span >= kIntegratorFromSeconds || priorSkew_) {
         integral_ = std::clamp(integral_ + integralGain * filteredErrorSeconds_ * dt, -headroom, headroom);
     }
     correction_ = std::clamp(feedForward + proportionalGain * filteredErrorSeconds_ + integral_, -kLargestCorrection,

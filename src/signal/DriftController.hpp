@@ -21,6 +21,12 @@ namespace velto {
 // under a millisecond, and the correction changes by a few ppm per tick:
 // smooth enough that the fine resampler never makes an audible step.
 //
+// A stream's first deliveries come in bursts (what the device held when the
+// stream connected, then a catch-up faster than real time): the controller
+// watches only from 3 s after its first tick, and holds the fill once a line
+// through 2 s of stamps places the source. A delivery far off that line (a
+// stall, a device that caught up at once) starts the line afresh.
+//
 // Corrections stay within ±(kLargestSkew + half again for the loop); a source that
 // drifts further is reported once and keeps the largest correction, its ring
 // then filling or draining as it would without correction.
@@ -43,6 +49,7 @@ public:
     double estimatedSkew() const;
     // True once the estimate rests on this run's own stamps rather than a carried one.
     bool hasOwnEstimate() const { return regressionSpanSeconds() >= kOwnEstimateSeconds; }
+    static constexpr double kWarmUpSeconds = 3.0;
     // Set once the skew has been seen beyond the range (reported by the owner).
     bool skewOutOfRange() const { return skewOutOfRange_; }
     // Seconds the fill lies from where it was held (the source's delay change).
@@ -55,7 +62,9 @@ private:
     double regressionSpanSeconds() const;
 
     const double nominalRateHertz_;
-    const std::optional<double> carriedSkew_;
+    // An earlier estimate to start from: a carried one, or this run's own before a restart of the line.
+    std::optional<double> priorSkew_;
+    std::optional<double> firstUpdateSeconds_;
 
     // Least-squares sums over (x = stamp time, y = produced seconds − x), forgetting.
     double weightSum_ = 0, xSum_ = 0, ySum_ = 0, xxSum_ = 0, xySum_ = 0;
