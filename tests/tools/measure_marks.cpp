@@ -48,13 +48,14 @@ std::vector<double> findMarks(const std::vector<float>& x, double rate) {
     double energy = 0;
     for (const double v : shape) energy += v * v;
     std::vector<double> marks;
-    const long step = static_cast<long>(rate * 0.9);  // marks are a second apart
+    // Marks are a second apart: each search spans one second from halfway to the next.
+    const long step = static_cast<long>(rate * 0.5);
     long n = half;
     while (n < static_cast<long>(x.size()) - half) {
-        // The best match in the next 1.1 s.
+        // The best match in the next second.
         long best = -1;
         double bestValue = 0;
-        const long end = std::min<long>(static_cast<long>(x.size()) - half, n + static_cast<long>(rate * 1.1));
+        const long end = std::min<long>(static_cast<long>(x.size()) - half, n + static_cast<long>(rate));
         for (long c = n; c < end; ++c) {
             const double v = correlate(c);
             if (v > bestValue) {
@@ -62,7 +63,10 @@ std::vector<double> findMarks(const std::vector<float>& x, double rate) {
                 best = c;
             }
         }
-        if (best < 0 || bestValue < 0.5 * energy) break;  // no (whole) mark left
+        if (best < 0 || bestValue < 0.5 * energy) {
+            n = end;  // none here (silence before a source starts, or a lost mark): look further on
+            continue;
+        }
         const double before = correlate(best - 1), at = bestValue, after = correlate(best + 1);
         const double denominator = before - 2 * at + after;
         marks.push_back(static_cast<double>(best) + (denominator != 0 ? 0.5 * (before - after) / denominator : 0.0));
