@@ -41,6 +41,8 @@ public:
                                                       std::shared_ptr<PulseStreamHandover> handover = nullptr);
     PulseAudioHardware(std::shared_ptr<PulseConnection> connection, std::shared_ptr<PulseStreamHandover> handover);
     ~PulseAudioHardware() override;
+    PulseAudioHardware(const PulseAudioHardware&) = delete;
+    PulseAudioHardware& operator=(const PulseAudioHardware&) = delete;
 
     // One snapshot of the server: a single round trip.
     platform::OSStatus readSystemSnapshot(platform::AudioSystemSnapshot& outSnapshot) override;
