@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <system_error>
 
 namespace velto::cli {
@@ -30,7 +29,7 @@ std::string outputPathProblem(const fs::path& path, bool overwrite) {
         }
         if (!overwrite) return quoted(path) + " already exists; choose another name or add --overwrite";
         if (::access(path.c_str(), W_OK) != 0) {
-            return "cannot replace " + quoted(path) + ": " + std::strerror(errno) + "; choose another output file";
+            return "cannot replace " + quoted(path) + ": " + std::generic_category().message(errno) + "; choose another output file";
         }
     }
     fs::path directory = path.parent_path();
@@ -44,7 +43,7 @@ std::string outputPathProblem(const fs::path& path, bool overwrite) {
     }
     // access() also reports a read-only file system, which permission bits do not show.
     if (::access(directory.c_str(), W_OK | X_OK) != 0) {
-        return "cannot write to the folder " + quoted(directory) + ": " + std::strerror(errno) +
+        return "cannot write to the folder " + quoted(directory) + ": " + std::generic_category().message(errno) +
                "; choose another output file";
     }
     return {};

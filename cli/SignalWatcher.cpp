@@ -5,9 +5,9 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstring>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace velto::cli {
 
@@ -37,7 +37,7 @@ SignalWatcher::SignalWatcher(std::function<void(int signalNumber)> onSignal, std
     : onSignal_(std::move(onSignal)), signalNumbers_(signalNumbers) {
     int fds[2];
     if (::pipe2(fds, O_CLOEXEC) != 0) {
-        throw std::runtime_error(std::string("cannot create the signal pipe: ") + std::strerror(errno));
+        throw std::runtime_error("cannot create the signal pipe: " + std::generic_category().message(errno));
     }
     pipeReadFd_ = fds[0];
     pipeWriteFd_ = fds[1];

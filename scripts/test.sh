@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, builds, and runs every test in a
-# normal build, under ThreadSanitizer (the library is threads and callbacks) and under
-# AddressSanitizer + UndefinedBehaviorSanitizer.
+# normal build (then clang-tidy over the files changed since main), under
+# ThreadSanitizer (the library is threads and callbacks) and under AddressSanitizer +
+# UndefinedBehaviorSanitizer.
 #   scripts/test.sh            all three
 #   scripts/test.sh --quick    normal build only
 set -euo pipefail
@@ -31,6 +32,16 @@ run_suite() {  # name, cmake args...
 }
 
 run_suite normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
+# clang-tidy over what this branch changed (VELTO_TIDY_BASE, default main): under a
+# minute for a usual change, where the whole tree takes several.
+tidy_base=${VELTO_TIDY_BASE:-main}
+if git rev-parse -q --verify "$tidy_base^{commit}" >/dev/null; then
+  command -v clang-tidy-14 >/dev/null || VELTO_WITH_CLANG=1 bash scripts/setup.sh
+  echo "== clang-tidy (changes since $tidy_base)"
+  VELTO_TIDY_BUILD_DIR="$root/build-test-normal" bash scripts/clang-tidy.sh --changed "$tidy_base"
+else
+  echo "== clang-tidy skipped: no $tidy_base to compare with (set VELTO_TIDY_BASE)"
+fi
 if ((with_tsan)); then
   # Halt on the first report so a race fails the run instead of scrolling by.
   TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$root/tests/tsan.supp ${TSAN_OPTIONS:-}" \

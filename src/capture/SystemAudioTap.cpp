@@ -82,9 +82,15 @@ void SystemAudioTap::start() {
     }
     logger().info("Starting real PulseAudio system audio tap");
     try {
-        createProcessTap();
+        // One read of the system serves the whole start: on a sound server every read is
+        // a round trip.
+        AudioSystemSnapshot system;
+        if (const OSStatus status = hardware_->readSystemSnapshot(system); status != noErr) {
+            throw RecordingError::systemAudioTapCreationFailed(status);
+        }
+        createProcessTap(std::move(system.processes));
         readTapFormat();
-        createAggregateDevice();
+        createAggregateDevice(system);
         createIOBlock();
         startAggregateDevice();
     } catch (...) {
@@ -112,21 +118,7 @@ void SystemAudioTap::stop() {
     logger().debug("System audio tap stopped");
 }
 
-std::vector<AudioObjectID> SystemAudioTap::readProcessList(AudioObjectID object) {
-    if (object != kAudioObjectSystemObject) throw RecordingError::invalidSystemAudioConfiguration();
-    const AudioObjectPropertyAddress address{kAudioHardwarePropertyProcessObjectList};
-    std::uint32_t dataSizeBytes = 0;
-    OSStatus status = hardware_->getPropertyDataSize(object, address, dataSizeBytes);
-    if (status != noErr) throw RecordingError::systemAudioTapCreationFailed(status);
-    std::vector<AudioObjectID> processes;
-    if (dataSizeBytes < sizeof(AudioObjectID)) return processes;
-    status = hardware_->getObjectListProperty(object, address, dataSizeBytes, processes);
-    if (status != noErr) throw RecordingError::systemAudioTapCreationFailed(status);
-    return processes;
-}
-
-void SystemAudioTap::createProcessTap() {
-    auto processes = readProcessList(kAudioObjectSystemObject);
+void SystemAudioTap::createProcessTap(std::vector<AudioObjectID> processes) {
     logger().debug("Found " + std::to_string(processes.size()) + " audio processes for tapping");
     if (processes.empty()) {
         logger().error("No audio processes found for tapping - system audio capture may not work as expected");
@@ -163,22 +155,11 @@ std::string SystemAudioTap::readTapUID() {
     return uid.value_or("");
 }
 
-void SystemAudioTap::createAggregateDevice() {
+void SystemAudioTap::createAggregateDevice(const AudioSystemSnapshot& system) {
     if (tapID_ == 0) throw RecordingError::invalidSystemAudioConfiguration();
-
-    const AudioObjectPropertyAddress outputAddress{kAudioHardwarePropertyDefaultSystemOutputDevice};
-    std::uint32_t dataSizeBytes = 0;
-    OSStatus status = hardware_->getPropertyDataSize(kAudioObjectSystemObject, outputAddress, dataSizeBytes);
-    AudioObjectID outputDevice = 0;
-    if (status == noErr) status = hardware_->getObjectProperty(kAudioObjectSystemObject, outputAddress, outputDevice);
-    if (status != noErr) throw RecordingError::systemAudioTapCreationFailed(status);
-
-    const AudioObjectPropertyAddress uidAddress{kAudioDevicePropertyDeviceUID};
-    status = hardware_->getPropertyDataSize(outputDevice, uidAddress, dataSizeBytes);
-    std::optional<std::string> outputUIDText;
-    if (status == noErr) status = hardware_->getStringProperty(outputDevice, uidAddress, outputUIDText);
-    if (status != noErr) throw RecordingError::systemAudioTapCreationFailed(status);
-    const std::string outputUID = outputUIDText.value_or("");
+    const auto outputUIDText = system.uidOf(system.defaultSystemOutputDevice);
+    if (!outputUIDText) throw RecordingError::systemAudioTapCreationFailed(kAudioHardwareBadDeviceError);
+    const std::string& outputUID = *outputUIDText;
     clockDeviceUID_ = outputUID;
 
     const std::string tapUID = readTapUID();
@@ -198,7 +179,7 @@ void SystemAudioTap::createAggregateDevice() {
     logger().debug("Aggregate device configuration:");
     for (const auto& [key, value] : description.entries()) logger().debug("  " + key + ": " + value.description());
 
-    status = hardware_->createAggregateDevice(description, aggregateID_);
+    const OSStatus status = hardware_->createAggregateDevice(description, aggregateID_);
     if (status != noErr) throw statusError("AudioHardwareCreateAggregateDevice", status);
     logger().info("Created aggregate device with ID: " + std::to_string(aggregateID_));
     if (aggregateID_ == 0) {

@@ -52,10 +52,9 @@ public:
     void handleInput(const platform::AudioBufferList& bufferList);
 
 private:
-    std::vector<platform::AudioObjectID> readProcessList(platform::AudioObjectID object);
-    void createProcessTap();
+    void createProcessTap(std::vector<platform::AudioObjectID> processes);
     void readTapFormat();
-    void createAggregateDevice();
+    void createAggregateDevice(const platform::AudioSystemSnapshot& system);
     std::string readTapUID();
     void createIOBlock();
     void startAggregateDevice();

@@ -47,6 +47,8 @@ public:
                                                  platform::PlatformServices services,
                                                  std::shared_ptr<Clock> clock = Clock::system());
     ~AudioRecorder() override;
+    AudioRecorder(const AudioRecorder&) = delete;
+    AudioRecorder& operator=(const AudioRecorder&) = delete;
 
     EventStream<RecordingEvent> events() override;
     AudioBufferStream audioStream() override;

@@ -17,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace velto::platform {
@@ -24,9 +25,32 @@ namespace velto::platform {
 // Called once per IO cycle with the captured input. Must only move samples.
 using AudioDeviceIOBlock = std::function<void(const AudioBufferList& inputData)>;
 
+// What a start needs to know of the system at one moment: the processes that play, the
+// devices with their UIDs, and the default output. Each lookup then reads this value
+// rather than asking the hardware again.
+struct AudioSystemSnapshot {
+    struct Device {
+        AudioObjectID id = kAudioObjectUnknown;
+        std::string uid;
+    };
+    std::vector<AudioObjectID> processes;
+    std::vector<Device> devices;  // in the hardware's order; a device that cannot tell its UID is left out
+    AudioObjectID defaultSystemOutputDevice = kAudioObjectUnknown;
+
+    // The first device with this UID.
+    std::optional<AudioObjectID> deviceWithUID(std::string_view uid) const;
+    std::optional<std::string> uidOf(AudioObjectID device) const;
+};
+
 class AudioHardware {
 public:
     virtual ~AudioHardware() = default;
+
+    // One read of the system's state. The default asks property by property (on Core
+    // Audio each read is a call into the process's own HAL client); a layer over a
+    // server overrides it to ask once. A failed list or default read answers its status;
+    // a device that cannot tell its UID is skipped, for it may be going away.
+    virtual OSStatus readSystemSnapshot(AudioSystemSnapshot& outSnapshot);
 
     // Byte size of a property's value (AudioObjectGetPropertyDataSize).
     virtual OSStatus getPropertyDataSize(AudioObjectID object, const AudioObjectPropertyAddress& address,

@@ -20,29 +20,12 @@ std::vector<CaptureDevice> discoverAudioCaptureDevices(CaptureDeviceDiscovery& d
 }
 
 std::optional<AudioObjectID> audioDeviceID(AudioHardware& hardware, const std::string& uid, LoggerCompat& logger) {
-    const AudioObjectPropertyAddress devicesAddress{kAudioHardwarePropertyDevices};
-    std::uint32_t dataSizeBytes = 0;
-    OSStatus status = hardware.getPropertyDataSize(kAudioObjectSystemObject, devicesAddress, dataSizeBytes);
-    if (status != noErr) {
-        logger.critical("Failed to get audio devices data size: OSStatus = " + describeStatusCode(status));
-        return std::nullopt;
-    }
-    std::vector<AudioObjectID> devices;
-    status = hardware.getObjectListProperty(kAudioObjectSystemObject, devicesAddress, dataSizeBytes, devices);
-    if (status != noErr) {
+    AudioSystemSnapshot snapshot;
+    if (const OSStatus status = hardware.readSystemSnapshot(snapshot); status != noErr) {
         logger.critical("Failed to get audio devices: OSStatus = " + describeStatusCode(status));
         return std::nullopt;
     }
-    const AudioObjectPropertyAddress uidAddress{kAudioDevicePropertyDeviceUID};
-    for (AudioObjectID device : devices) {
-        // A device that cannot describe itself is skipped, not fatal: it may be going away.
-        std::uint32_t uidSizeBytes = 0;
-        if (hardware.getPropertyDataSize(device, uidAddress, uidSizeBytes) != noErr) continue;
-        std::optional<std::string> deviceUID;
-        if (hardware.getStringProperty(device, uidAddress, deviceUID) != noErr || !deviceUID) continue;
-        if (*deviceUID == uid) return device;
-    }
-    return std::nullopt;
+    return snapshot.deviceWithUID(uid);
 }
 
 std::optional<AudioObjectID> configureInputDevice(const MicrophoneDevice& device, CaptureDeviceDiscovery& discovery,

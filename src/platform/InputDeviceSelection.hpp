@@ -22,7 +22,8 @@ std::vector<CaptureDeviceType> audioCaptureDeviceTypes();
 // The audio capture devices of those types, in discovery order.
 std::vector<CaptureDevice> discoverAudioCaptureDevices(CaptureDeviceDiscovery& discovery);
 
-// The audio device whose UID is `uid`; read failures are logged at critical and give nullopt.
+// The audio device whose UID is `uid`, from one snapshot of the hardware; a failed read is
+// logged at critical and gives nullopt.
 std::optional<AudioObjectID> audioDeviceID(AudioHardware& hardware, const std::string& uid, LoggerCompat& logger);
 
 // Logs every step (info on the way, critical on the failure) and answers the selected

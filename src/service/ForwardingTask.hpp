@@ -24,6 +24,8 @@ class ForwardingTask {
 public:
     explicit ForwardingTask(std::uint64_t sessionGeneration) : sessionGeneration_(sessionGeneration) {}
     ~ForwardingTask();
+    ForwardingTask(const ForwardingTask&) = delete;
+    ForwardingTask& operator=(const ForwardingTask&) = delete;
 
     std::uint64_t sessionGeneration() const { return sessionGeneration_; }
 

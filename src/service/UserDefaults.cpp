@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <system_error>
+#include <vector>
 
 #include "logging/LoggerCompat.hpp"
 #include "logging/NumberFormat.hpp"
@@ -129,7 +130,15 @@ std::string numberText(const Json& value) {
 
 std::filesystem::path homeDirectory() {
     if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') return home;
-    if (const passwd* entry = ::getpwuid(::getuid()); entry != nullptr && entry->pw_dir != nullptr) return entry->pw_dir;
+    // The reentrant lookup: the static record of getpwuid() could be overwritten by
+    // another thread's lookup while it is read.
+    passwd entry{};
+    passwd* found = nullptr;
+    std::vector<char> storage(16384);
+    if (::getpwuid_r(::getuid(), &entry, storage.data(), storage.size(), &found) == 0 && found != nullptr &&
+        found->pw_dir != nullptr) {
+        return found->pw_dir;
+    }
     return std::filesystem::temp_directory_path();
 }
 

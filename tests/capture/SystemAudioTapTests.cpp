@@ -50,8 +50,10 @@ TEST_F(SystemAudioTapTest, StartTapsEveryProcessAudiblyOnAnOutputClockedDevice) 
     const auto aggregate = fakes.audioHardware->lastAggregateDescription();
     ASSERT_TRUE(aggregate.has_value());
     EXPECT_EQ(aggregate->string("master"), "BuiltInSpeakerDevice");
-    ASSERT_NE(aggregate->find("taps"), nullptr);
-    EXPECT_EQ(aggregate->find("taps")->description(), "[[\"drift\": true, \"uid\": \"TAP-UID-1\"]]");
+    const PropertyValue* taps = aggregate->find("taps");
+    ASSERT_TRUE(taps != nullptr && taps->list() != nullptr && taps->list()->size() == 1);
+    EXPECT_EQ(taps->list()->front().string("uid"), "TAP-UID-1");
+    EXPECT_EQ(taps->list()->front().boolean("drift"), true);
 
     fakes.audioHardware->clearCalls();
     tap->start();

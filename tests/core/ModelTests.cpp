@@ -23,27 +23,6 @@ TEST(BufferConfiguration, RaisesEachSizeToItsMinimumAndKeepsLargeOnes) {
     EXPECT_EQ(BufferConfiguration(INT64_MAX, INT64_MAX, INT64_MAX).ringBufferCapacity(), INT64_MAX);
 }
 
-TEST(AudioFormat, OnlyWavSettingsCarryByteOrderAndLayout) {
-    auto wav = makeAudioSettings(AudioFormat::wav);
-    auto flac = makeAudioSettings(AudioFormat::flac);
-    EXPECT_FALSE(flac.contains(AVLinearPCMIsBigEndianKey) || flac.contains(AVLinearPCMIsNonInterleaved));
-    EXPECT_FALSE(std::get<bool>(wav.at(AVLinearPCMIsBigEndianKey)));
-    EXPECT_TRUE(std::get<bool>(wav.at(AVLinearPCMIsNonInterleaved)));
-    EXPECT_EQ(std::string(fileExtension(AudioFormat::wav)) + fileExtension(AudioFormat::flac), "wavflac");
-}
-
-TEST(AudioSources, DerivedPropertiesFollowTheCase) {
-    auto mic = AudioSources::microphoneOnly();
-    auto system = AudioSources::systemAudioOnly(CaptureTarget::systemWide);
-    auto both = AudioSources::both(CaptureTarget::systemWide);
-    EXPECT_FALSE(mic.systemAudioTarget().has_value());
-    EXPECT_EQ(system.systemAudioTarget(), CaptureTarget::systemWide);
-    EXPECT_EQ(both.systemAudioTarget(), CaptureTarget::systemWide);
-    EXPECT_TRUE(mic.includeMicrophone() && !mic.includeSystemAudio());
-    EXPECT_TRUE(!system.includeMicrophone() && system.includeSystemAudio());
-    EXPECT_TRUE(both.includeMicrophone() && both.includeSystemAudio());
-}
-
 TEST(ValueTypes, PermissionsEqualityAndHashingUseEveryField) {
     EXPECT_TRUE((PermissionStatus{PermissionState::notRequired, PermissionState::granted}).allGranted());
     PermissionStatus pending{PermissionState::granted, PermissionState::notDetermined};

@@ -2,6 +2,7 @@
 // Known signals for the sandbox tests: a sine played into a sandbox sink with pacat, and
 // the measures that tell whether it arrived (level, frequency, no gaps).
 
+#include <atomic>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
@@ -11,11 +12,14 @@
 
 namespace velto::testing {
 
-// Plays `seconds` of a sine into `device` (a sink name); blocks until pacat has played it.
-// A generous playback latency keeps a loaded machine from starving pacat, whose
-// underruns would put gaps into the very signal the tests check for gaps.
-inline bool playSine(const std::string& device, double frequencyHertz, float amplitude, double seconds,
-                     std::uint32_t channels = 2, std::uint32_t rateHertz = 48000) {
+// Plays `seconds` of `sample(t)` into `device` (a sink name) with pacat, 32-bit float,
+// every channel alike; blocks until pacat has played it, or until `stop` is set (what
+// pacat holds then still plays out). A generous playback latency keeps a loaded machine
+// from starving pacat, whose underruns would put gaps into the very signal the tests
+// check for gaps (a recorder beside it, parec, hears them at 20 ms and none at 200 ms).
+template <class Sample>
+bool playInto(const std::string& device, std::uint32_t channels, double seconds, Sample sample,
+              const std::atomic<bool>* stop = nullptr, std::uint32_t rateHertz = 48000) {
     const std::string command = "pacat --playback --raw --device=" + device +
                                 " --format=float32le --rate=" + std::to_string(rateHertz) +
                                 " --channels=" + std::to_string(channels) + " --latency-msec=200";
@@ -26,9 +30,8 @@ inline bool playSine(const std::string& device, double frequencyHertz, float amp
     if (pipe == nullptr) return false;
     const auto frames = static_cast<std::size_t>(seconds * rateHertz);
     std::vector<float> block;
-    for (std::size_t f = 0; f < frames; ++f) {
-        const float value = amplitude * static_cast<float>(std::sin(2.0 * std::numbers::pi * frequencyHertz *
-                                                                    static_cast<double>(f) / rateHertz));
+    for (std::size_t f = 0; f < frames && !(stop && *stop); ++f) {
+        const float value = sample(static_cast<double>(f) / rateHertz);
         for (std::uint32_t c = 0; c < channels; ++c) block.push_back(value);
         if (block.size() >= 4800) {
             if (std::fwrite(block.data(), sizeof(float), block.size(), pipe) != block.size()) break;
@@ -37,6 +40,15 @@ inline bool playSine(const std::string& device, double frequencyHertz, float amp
     }
     std::fwrite(block.data(), sizeof(float), block.size(), pipe);
     return pclose(pipe) == 0;
+}
+
+inline auto sine(double frequencyHertz, float amplitude) {
+    return [=](double t) { return amplitude * static_cast<float>(std::sin(2.0 * std::numbers::pi * frequencyHertz * t)); };
+}
+
+inline bool playSine(const std::string& device, double frequencyHertz, float amplitude, double seconds,
+                     std::uint32_t channels = 2) {
+    return playInto(device, channels, seconds, sine(frequencyHertz, amplitude));
 }
 
 struct ToneMeasure {

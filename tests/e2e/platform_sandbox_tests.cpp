@@ -55,16 +55,12 @@ TEST(PlatformSandboxTest, VirtualMicrophoneIsListedAsTheDefaultAndMonitorsAreNot
     EXPECT_TRUE(discovery->requestAccess());
 }
 
-TEST(PlatformSandboxTest, DefaultOutputIsTheSpeakersSink) {
-    auto hardware = PlatformServices::pulse().audioHardware;
-    AudioObjectID output = 0;
-    ASSERT_EQ(hardware->getObjectProperty(kAudioObjectSystemObject,
-                                          AudioObjectPropertyAddress{kAudioHardwarePropertyDefaultSystemOutputDevice},
-                                          output),
-              noErr);
-    std::optional<std::string> uid;
-    ASSERT_EQ(hardware->getStringProperty(output, AudioObjectPropertyAddress{kAudioDevicePropertyDeviceUID}, uid), noErr);
-    EXPECT_EQ(uid, "velto_speakers");
+TEST(PlatformSandboxTest, OneSnapshotHoldsTheDefaultOutputAndEveryDevice) {
+    AudioSystemSnapshot system;
+    ASSERT_EQ(PlatformServices::pulse().audioHardware->readSystemSnapshot(system), noErr);
+    EXPECT_EQ(system.uidOf(system.defaultSystemOutputDevice), "velto_speakers");
+    EXPECT_TRUE(system.deviceWithUID("velto_mic").has_value());
+    EXPECT_TRUE(system.deviceWithUID("velto_speakers.monitor").has_value());
 }
 
 // Loading or unloading a device (a sink, its monitor and a server change) and moving the

@@ -64,7 +64,6 @@ TEST_F(AudioRecorderTest, RecordsEveryDeliveredFrameAtSixteenKilohertzAndFinishe
     EXPECT_EQ(drained.count(Kind::progress), 5);  // one per written block
     const auto file = directory.path() / "take.wav";
     EXPECT_EQ(drained.events.back().fileURL, file);
-    EXPECT_FALSE(logs.containsPrefix("AudioRecorder", "Sample rate conversion enabled"));
 
     // A ramp read back unchanged: no frame dropped, duplicated or reordered.
     const auto recorded = readRecording(file);
@@ -106,9 +105,6 @@ TEST_F(AudioRecorderTest, ConvertsA48KilohertzMicrophoneToSixteenKilohertzFlac) 
     EXPECT_EQ(drained.error, nullptr);
     ASSERT_EQ(drained.events.back().kind, Kind::finished);
     EXPECT_EQ(drained.events.back().fileURL, directory.path() / "take.flac");
-    EXPECT_TRUE(logs.contains(LogLevel::info, "AudioRecorder", "Sample rate conversion enabled: 48000.0 Hz -> 16000.0 Hz"));
-    EXPECT_TRUE(logs.contains(LogLevel::info, "AudioRecorder", "Input format: 48000.0 Hz, 1 channels"));
-    EXPECT_TRUE(logs.contains(LogLevel::info, "AudioRecorder", "Recording format: flac"));
 
     const auto recorded = readRecording(directory.path() / "take.flac");
     ASSERT_TRUE(recorded.opened);
@@ -209,35 +205,29 @@ TEST_F(AudioRecorderTest, AudioTheEngineStillHoldsCountsForTheStateItWasCaptured
     EXPECT_FLOAT_EQ(recorded.samples[4095], rampAt(5119));
 }
 
-TEST_F(AudioRecorderTest, CancelRemovesTheFileAndEndsWithoutAnEvent) {
-    auto recorder = makeRecorder(directory.path() / "take.wav", AudioFormat::wav);
-    deliverRamp(*recorder, 48000.0, 3);
-    ASSERT_TRUE(std::filesystem::exists(directory.path() / "take.wav"));
-    recorder->cancel();
-    recorder->stop();  // over: nothing
-
-    auto drained = drainUntilEnd(events);
-    ASSERT_TRUE(drained.ended);
-    EXPECT_EQ(drained.error, nullptr);
-    EXPECT_EQ(drained.count(Kind::cancelled), 0);
-    EXPECT_EQ(drained.count(Kind::finished), 0);
-    EXPECT_FALSE(std::filesystem::exists(directory.path() / "take.wav"));
-    EXPECT_EQ(recorder->state(), State::cancelled);
-    EXPECT_TRUE(logs.contains(LogLevel::info, "AudioRecorder", "Cancelling recording"));
-}
-
-TEST_F(AudioRecorderTest, ReaderWalkingAwayStopsTheEngineAndRemovesTheFile) {
-    auto recorder = makeRecorder(directory.path() / "take.wav", AudioFormat::wav);
-    deliverRamp(*recorder, 48000.0, 2);
-    events.cancel();
-    recorder->state();  // the cancellation handling has run
-
-    EXPECT_EQ(recorder->state(), State::finished);
-    EXPECT_FALSE(std::filesystem::exists(directory.path() / "take.wav"));
-    EXPECT_FALSE(engine()->isRunning());
-    EXPECT_TRUE(logs.contains(LogLevel::info, "AudioRecorder", "Recording cancelled"));
-    recorder->stop();  // finished: nothing more happens
-    EXPECT_FALSE(logs.contains(LogLevel::info, "AudioRecorder", "Stopping recording"));
+// A cancel, or a reader that walks away, ends the recording without finished or
+// cancelled and takes the file away; the engine stops either way.
+TEST_F(AudioRecorderTest, CancelAndAReaderWalkingAwayRemoveTheFileWithoutAnEvent) {
+    for (const bool readerLeaves : {false, true}) {
+        SCOPED_TRACE(readerLeaves ? "reader leaves" : "cancel");
+        auto recorder = makeRecorder(directory.path() / "take.wav", AudioFormat::wav);
+        deliverRamp(*recorder, 48000.0, 3);
+        ASSERT_TRUE(std::filesystem::exists(directory.path() / "take.wav"));
+        if (readerLeaves) {
+            events.cancel();
+            recorder->state();  // the cancellation handling has run
+        } else {
+            recorder->cancel();
+            auto drained = drainUntilEnd(events);
+            ASSERT_TRUE(drained.ended);
+            EXPECT_EQ(drained.error, nullptr);
+            EXPECT_EQ(drained.count(Kind::cancelled) + drained.count(Kind::finished), 0);
+        }
+        recorder->stop();  // over: nothing
+        EXPECT_EQ(recorder->state(), readerLeaves ? State::finished : State::cancelled);
+        EXPECT_FALSE(std::filesystem::exists(directory.path() / "take.wav"));
+        EXPECT_FALSE(engine()->isRunning());
+    }
 }
 
 TEST_F(AudioRecorderTest, StartFailuresEndTheStreamWithTheirOwnError) {
@@ -245,8 +235,7 @@ TEST_F(AudioRecorderTest, StartFailuresEndTheStreamWithTheirOwnError) {
         std::string name;
         std::function<void(AudioRecorderTest&)> script;
         std::optional<MicrophoneDevice> microphone;
-        std::string expectedDescription;
-        std::string expectedCriticalLog;
+        std::string expectedDescription;  // empty: the file system's own words
     };
     const std::vector<Case> cases = {
         {"engine refuses to start",
@@ -255,18 +244,16 @@ TEST_F(AudioRecorderTest, StartFailuresEndTheStreamWithTheirOwnError) {
              script.startFailure = "Connection refused";
              t.fakes.audioEngineFactory = platform::FakeAudioEngineFactory::create(script);
          },
-         std::nullopt, "Connection refused", "Failed to start recording: Connection refused"},
+         std::nullopt, "Connection refused"},
         {"preferred microphone not discovered", [](AudioRecorderTest&) {},
-         MicrophoneDevice{"missing-mic", "Missing", false}, "Unknown recording error occurred",
-         "Could not find AVCaptureDevice for microphone ID: missing-mic"},
+         MicrophoneDevice{"missing-mic", "Missing", false}, "Unknown recording error occurred"},
         // Last: it takes the output directory away.
         {"output directory missing",
          [](AudioRecorderTest& t) { std::filesystem::remove_all(t.directory.path()); },
-         std::nullopt, "", "Failed to start recording: "},
+         std::nullopt, ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        logs.clear();
         fakes = platform::FakePlatformServices{};
         c.script(*this);
         auto recorder = makeRecorder(directory.path() / "take.wav", AudioFormat::wav, c.microphone);
@@ -277,7 +264,6 @@ TEST_F(AudioRecorderTest, StartFailuresEndTheStreamWithTheirOwnError) {
         if (!c.expectedDescription.empty()) {
             EXPECT_EQ(describeError(drained.error), c.expectedDescription);
         }
-        EXPECT_TRUE(logs.containsPrefix("AudioRecorder", c.expectedCriticalLog));
         EXPECT_EQ(recorder->state(), State::idle);
     }
 }
@@ -304,7 +290,6 @@ TEST_F(AudioRecorderTest, StopReportsAMissingOrEmptyFileInsteadOfFinished) {
         EXPECT_EQ(drained.count(Kind::finished), 0);
         ASSERT_NE(drained.error, nullptr);
         EXPECT_EQ(describeError(drained.error), description);
-        EXPECT_TRUE(logs.contains(LogLevel::critical, "AudioRecorder", description));
     }
 }
 
@@ -327,7 +312,6 @@ TEST_F(AudioRecorderTest, AFileThatCanNoLongerBeWrittenEndsTheRecordingAfterFini
     EXPECT_EQ(velto::testing::recordingErrorCode(drained.error), RecordingError::Code::fileSystemError);
     EXPECT_THAT(describeError(drained.error), ::testing::StartsWith("File system error: "));
     EXPECT_FALSE(engine()->isRunning());
-    EXPECT_TRUE(logs.containsPrefix("AudioRecorder", "Failed to write audio buffer: "));
     // What was written before the failure is still a readable recording.
     const auto recorded = readRecording(directory.path() / "take.wav");
     ASSERT_TRUE(recorded.opened);

@@ -7,6 +7,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <csignal>
@@ -66,26 +67,24 @@ inline int64_t framesUntilEnd(AudioBufferStream& stream) {
     return frames;
 }
 
+// The kinds with consecutive progress events collapsed into one.
+inline std::vector<RecordingEvent::Kind> shapeOf(const std::vector<RecordingEvent>& events) {
+    std::vector<RecordingEvent::Kind> result;
+    for (const auto& e : events) {
+        if (e.kind != RecordingEvent::Kind::progress || result.empty() || result.back() != e.kind) result.push_back(e.kind);
+    }
+    return result;
+}
+inline int countOf(const std::vector<RecordingEvent>& events, RecordingEvent::Kind kind) {
+    return static_cast<int>(std::count_if(events.begin(), events.end(), [&](const auto& e) { return e.kind == kind; }));
+}
+
 struct DrainedEvents {
     std::vector<RecordingEvent> events;
     std::exception_ptr error;   // the stream's error, if it ended with one
     bool ended = false;         // false: gave up waiting
-    // The kinds with consecutive progress events collapsed into one.
-    std::vector<RecordingEvent::Kind> shape() const {
-        std::vector<RecordingEvent::Kind> result;
-        for (const auto& e : events) {
-            if (e.kind == RecordingEvent::Kind::progress && !result.empty() &&
-                result.back() == RecordingEvent::Kind::progress)
-                continue;
-            result.push_back(e.kind);
-        }
-        return result;
-    }
-    int count(RecordingEvent::Kind kind) const {
-        int n = 0;
-        for (const auto& e : events) n += e.kind == kind;
-        return n;
-    }
+    std::vector<RecordingEvent::Kind> shape() const { return shapeOf(events); }
+    int count(RecordingEvent::Kind kind) const { return countOf(events, kind); }
 };
 
 // Reads until the stream ends, waiting at most `timeout` for each element.

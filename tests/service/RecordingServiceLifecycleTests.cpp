@@ -56,11 +56,8 @@ protected:
     bool becomesIdle() {
         return eventually([&] { return service().recordingState() == RecordingState::idle; });
     }
-    bool logged(LogLevel level, const std::string& message) {
-        return logs.contains(level, "RecordingService", message);
-    }
 
-    CapturedLogs logs;
+    CapturedLogs logs;  // quiet, and every debug line is built
     ServiceHarness harness;
 };
 
@@ -73,11 +70,9 @@ TEST_F(RecordingServiceTest, restartWithoutAStartAndASecondStartAreRefused) {
     auto session = start(false);
     EXPECT_EQ(thrownCode([&] { service().startRecording(makeConfiguration(AudioSources::microphoneOnly())); }),
               Code::invalidState);
-    EXPECT_TRUE(logged(LogLevel::critical, "Recording start failed - invalid state transition from starting"));
 
     reachRecordingState(session.recorder);
     EXPECT_EQ(thrownCode([&] { service().startRecording(); }), Code::invalidState);
-    EXPECT_TRUE(logged(LogLevel::critical, "Recording start failed - invalid state transition from recording"));
     EXPECT_EQ(harness.recorderCount(), 1u);
 }
 
@@ -164,7 +159,6 @@ TEST_F(RecordingServiceTest, systemAudioNeedsTheNewerSystemButNoPermissionCheckA
     harness.tcc->status = PermissionState::denied;
     auto stream = service().startRecording(makeConfiguration(AudioSources::systemAudioOnly()));
     EXPECT_NE(harness.recorder(), nullptr);
-    EXPECT_TRUE(logged(LogLevel::debug, "System audio requested - permission will be validated during tap creation"));
     EXPECT_EQ(harness.tcc->statusQueries.load(), 0);
     EXPECT_EQ(harness.microphoneStatusQueries.load(), 0);
     EXPECT_TRUE(harness.sessionManager->configuredMicrophones().empty());
@@ -172,18 +166,15 @@ TEST_F(RecordingServiceTest, systemAudioNeedsTheNewerSystemButNoPermissionCheckA
 
 TEST_F(RecordingServiceTest, recorderIsChosenByTheSystemVersionAlone) {
     start(false);
-    EXPECT_TRUE(logged(LogLevel::info, "Using UnifiedAudioRecorder for multi-source recording"));
     service().cancelRecording();
 
     harness.setVersion(14, 3);
     harness.storage->setSelectedMicrophoneId("usb-1");
     auto session = start(false);
-    EXPECT_TRUE(logged(LogLevel::info, "Using AudioRecorder for microphone-only recording"));
     EXPECT_THAT(harness.recorderKinds(), ElementsAre("unified", "microphone"));
     // The microphone recorder gets the resolved device: the stored preference.
     EXPECT_THAT(harness.microphoneRecorderDevices(), ElementsAre(std::optional<MicrophoneDevice>(kUsb)));
     EXPECT_EQ(harness.sessionManager->configuredMicrophones().back(), std::optional<MicrophoneDevice>(kUsb));
-    EXPECT_TRUE(logged(LogLevel::debug, "Audio session configured successfully"));
     EXPECT_EQ(harness.sessionManager->deviceInformationLogs(), 2);
 }
 
@@ -215,10 +206,6 @@ TEST_F(RecordingServiceTest, eventsAreRelayedInOrderAndStopDeliversFinishedBefor
     EXPECT_EQ(service().recordingState(), RecordingState::idle);
     EXPECT_FALSE(service().audioStream().has_value());
     EXPECT_THAT(recorder->calls(), ElementsAre("events", "stop"));
-    EXPECT_TRUE(logged(LogLevel::info, "Recording stream completed successfully"));
-    EXPECT_TRUE(logged(LogLevel::debug, "Recording stream stopped successfully"));
-    // The forwarding task cleaned up first; the stop's own cleanup found nothing to do.
-    EXPECT_TRUE(logged(LogLevel::debug, "Cleanup called but already in idle state"));
 }
 
 TEST_F(RecordingServiceTest, stopAlwaysDeliversFinishedWhateverTheInterleaving) {
@@ -234,19 +221,14 @@ TEST_F(RecordingServiceTest, stopAlwaysDeliversFinishedWhateverTheInterleaving) 
     }
 }
 
-TEST_F(RecordingServiceTest, normalEndLogsTheTransitionsAndAllowsARestartIntoANewFile) {
+TEST_F(RecordingServiceTest, normalEndAllowsARestartIntoANewFile) {
     auto [stream, recorder] = start();
     recorder->end();
     EXPECT_EQ(drain(stream).error, nullptr);
     ASSERT_TRUE(becomesIdle());
     EXPECT_FALSE(service().audioStream().has_value());
-    EXPECT_THAT(logs.messages("RecordingService"),
-                ::testing::IsSupersetOf({"State transition: idle -> starting", "State transition: starting -> recording",
-                                         "Starting cleanup from state: recording", "State transition: recording -> idle",
-                                         "Cleanup completed"}));
 
     auto restarted = service().restartRecording();
-    EXPECT_TRUE(logged(LogLevel::info, "Restarting recording session"));
     auto second = harness.recorder(1);
     ASSERT_NE(second, nullptr);
     auto files = harness.generatedFiles();
@@ -263,7 +245,6 @@ TEST_F(RecordingServiceTest, recorderFailureEndsTheStreamWithTheRecordersOwnErro
     ASSERT_NE(error, nullptr);
     EXPECT_THROW(std::rethrow_exception(error), RecordingError);
     EXPECT_EQ(describeError(error), "Failed to start system audio device (error: -50, invalid parameter).");
-    EXPECT_TRUE(logged(LogLevel::debug, "State transition: recording -> error"));
     ASSERT_TRUE(becomesIdle());
 }
 
@@ -344,12 +325,10 @@ TEST_F(RecordingServiceTest, controlOperationsInStartingFollowTheTable) {
 TEST_F(RecordingServiceTest, cancelInStartingIsAcceptedAndRelaysTheCancelledEvent) {
     auto session = start(false);
     service().cancelRecording();
-    EXPECT_TRUE(logged(LogLevel::debug, "State transition: starting -> cancelling"));
-    EXPECT_TRUE(logged(LogLevel::debug, "Recording stream cancelled successfully"));
     EXPECT_THAT(drain(session.stream).kinds(), ElementsAre(Kind::cancelled));
     EXPECT_EQ(service().recordingState(), RecordingState::idle);
-    service().cancelRecording();
-    EXPECT_TRUE(logged(LogLevel::error, "Cannot cancel recording - invalid state: idle"));
+    service().cancelRecording();  // idle: refused
+    EXPECT_EQ(service().recordingState(), RecordingState::idle);
 }
 
 TEST_F(RecordingServiceTest, restartDuringARecordingReleasesTheOldRecorderAndKeepsTheNewSession) {

@@ -25,7 +25,6 @@ using platform::TCCPermissionProvider;
 using platform::TccLibrary;
 using ::testing::ElementsAre;
 
-constexpr const char* kProviderCategory = "TCCPermissionProvider";
 constexpr const char* kManagerCategory = "SystemAudioPermissionManager";
 
 // What the scripted library's functions answer (they are plain C functions).
@@ -91,17 +90,15 @@ protected:
 
 TEST_F(SystemAudioPermissionTest, preflightResultsMapToStates) {
     auto tcc = provider();
-    const std::tuple<int, PermissionState, const char*> cases[] = {
-        {0, PermissionState::granted, "System audio permission granted"},
-        {1, PermissionState::denied, "System audio permission denied"},
-        {2, PermissionState::notDetermined, "System audio permission undetermined (result: 2)"},
-        {-7, PermissionState::notDetermined, "System audio permission undetermined (result: -7)"},
+    const std::pair<int, PermissionState> cases[] = {
+        {0, PermissionState::granted},
+        {1, PermissionState::denied},
+        {2, PermissionState::notDetermined},
+        {-7, PermissionState::notDetermined},
     };
-    for (const auto& [result, state, message] : cases) {
-        logs.clear();
+    for (const auto& [result, state] : cases) {
         gPreflightResult = result;
         EXPECT_EQ(tcc->checkPermissionStatus(), state) << result;
-        EXPECT_THAT(logs.messages(kProviderCategory), ElementsAre(message));
     }
     // Loaded once, asked every time.
     EXPECT_EQ(loader->opens.load(), 1);
@@ -112,7 +109,6 @@ TEST_F(SystemAudioPermissionTest, preflightResultsMapToStates) {
 TEST_F(SystemAudioPermissionTest, missingLibraryOrFunctionsAreLookedForOnceAndNeverRetried) {
     for (const bool libraryMissing : {true, false}) {
         SCOPED_TRACE(libraryMissing ? "library missing" : "functions missing");
-        logs.clear();
         loader = std::make_shared<ScriptedLoader>();
         loader->libraryPresent = !libraryMissing;
         loader->preflightPresent = loader->requestPresent = false;
@@ -127,10 +123,6 @@ TEST_F(SystemAudioPermissionTest, missingLibraryOrFunctionsAreLookedForOnceAndNe
         }
         EXPECT_EQ(loader->opens.load(), 1);
         EXPECT_EQ(loader->lookUps.load(), libraryMissing ? 0 : 2);
-        EXPECT_EQ(logs.count(kProviderCategory, "Failed to dlopen the permission library"), libraryMissing ? 1 : 0);
-        EXPECT_EQ(libraryMissing, logs.contains(LogLevel::critical, kProviderCategory, "Failed to dlopen the permission library"));
-        EXPECT_EQ(logs.count(kProviderCategory, "Permission preflight not available - returning notDetermined"), 2);
-        EXPECT_TRUE(logs.contains(LogLevel::error, kProviderCategory, "Permission request not available"));
     }
 }
 
@@ -149,9 +141,6 @@ TEST_F(SystemAudioPermissionTest, requestWaitsForTheCompletionOnAnotherThread) {
     EXPECT_FALSE(tcc->requestAudioCapturePermission());
     gRequestAnswer = true;
     EXPECT_TRUE(tcc->requestAudioCapturePermission());
-    EXPECT_THAT(logs.messages(kProviderCategory),
-                ElementsAre("System audio permission request completed with result: false",
-                            "System audio permission request completed with result: true"));
 }
 
 // MARK: - Manager
@@ -160,8 +149,6 @@ TEST_F(SystemAudioPermissionTest, olderSystemsAreRefusedWithoutAskingTheProvider
     auto scripted = std::make_shared<ScriptedTccProvider>();
     EXPECT_FALSE(manager(scripted, {14, 3, 0}).requestPermission());
     EXPECT_EQ(scripted->requests.load(), 0);
-    EXPECT_TRUE(logs.contains(LogLevel::info, kManagerCategory,
-                              "System audio recording not available on this system"));
 }
 
 TEST_F(SystemAudioPermissionTest, aUserRefusalIsFinalWithoutTheTapFallback) {
@@ -174,10 +161,6 @@ TEST_F(SystemAudioPermissionTest, aUserRefusalIsFinalWithoutTheTapFallback) {
 TEST_F(SystemAudioPermissionTest, missingLibraryFallsBackToAThrowAwayTap) {
     loader->libraryPresent = false;
     EXPECT_TRUE(manager(provider()).requestPermission());
-    EXPECT_TRUE(logs.contains(LogLevel::error, kManagerCategory,
-                              "System audio permission request failed or unavailable (cannotUseTCC - falling back to tap "
-                              "creation method"));
-    EXPECT_TRUE(logs.contains(LogLevel::info, kManagerCategory, "Permission dialog triggered and granted"));
     EXPECT_THAT(hardware->calls(), ElementsAre("createProcessTap", "destroyProcessTap(77)"));
     auto tap = hardware->lastTapDescription();
     ASSERT_TRUE(tap.has_value());
@@ -194,23 +177,17 @@ TEST_F(SystemAudioPermissionTest, anyProviderFailureLeadsToTheTapWhoseStatusDeci
     scripted->requestError = std::make_exception_ptr(RecordingError::notRecording());
 
     hardware->setStatus("createProcessTap", platform::kAudioHardwareNotRunningError);
-    EXPECT_FALSE(manager(scripted).requestPermission());
-    EXPECT_TRUE(logs.contains(LogLevel::critical, kManagerCategory,
-                              "Permission dialog triggered but denied or system error: 1937010544 'stop', sound server not running"));
-    EXPECT_TRUE(logs.contains(LogLevel::critical, kManagerCategory,
-                              "Permission request failed: systemAudioPermissionDenied"));
-    EXPECT_TRUE(logs.containsPrefix(kManagerCategory, "System audio permission request failed or unavailable (notRecording"));
-
-    hardware->setStatus("createProcessTap", platform::kAudioHardwareBadObjectError);
-    EXPECT_FALSE(manager(scripted).triggerPermissionDialog());
-    EXPECT_TRUE(logs.contains(LogLevel::critical, kManagerCategory,
-                              "Permission dialog triggered but denied or system error: 560947818 '!obj', no such object"));
-
-    hardware->setStatus("createProcessTap", platform::kAudio_ParamError);
-    EXPECT_FALSE(manager(scripted).triggerPermissionDialog());
-    EXPECT_TRUE(logs.contains(LogLevel::critical, kManagerCategory, "Failed to trigger permission dialog: -50, invalid parameter"));
-    EXPECT_TRUE(logs.contains(LogLevel::critical, kManagerCategory,
-                              "Permission request failed: systemAudioTapCreationFailed(-50)"));
+    // Which error the status means shows only in the log: the manager answers false.
+    const std::pair<platform::OSStatus, std::string> cases[] = {
+        {platform::kAudioHardwareNotRunningError, "systemAudioPermissionDenied"},
+        {platform::kAudioHardwareBadObjectError, "systemAudioPermissionDenied"},
+        {platform::kAudio_ParamError, "systemAudioTapCreationFailed(-50)"}};
+    for (const auto& [status, error] : cases) {
+        logs.clear();
+        hardware->setStatus("createProcessTap", status);
+        EXPECT_FALSE(manager(scripted).requestPermission()) << status;
+        EXPECT_TRUE(logs.contains(LogLevel::critical, kManagerCategory, "Permission request failed: " + error));
+    }
     // A tap that was never made is never destroyed.
     for (const auto& call : hardware->calls()) EXPECT_EQ(call, "createProcessTap");
 }

@@ -93,7 +93,7 @@ public:
 TEST_F(UnifiedAudioRecorderTest, MicrophoneOnlyRecordingMixesAtHalfGainIntoASixteenKilohertzFile) {
     auto recorder = start(AudioSources::microphoneOnly());
     ASSERT_EQ(recorder->state(), State::recording);
-    // The gains show in the mixed value and the log; the reserve and block size only here.
+    // The gains show in the mixed value; the reserve and block size only here.
     ASSERT_NE(recorder->mixer(), nullptr);
     EXPECT_EQ(recorder->mixer()->jitterBufferFrames(), kJitterFrames);
     EXPECT_EQ(recorder->mixer()->bufferFrameCapacity(), 1024);
@@ -123,12 +123,6 @@ TEST_F(UnifiedAudioRecorderTest, MicrophoneOnlyRecordingMixesAtHalfGainIntoASixt
     // A constant 0.8 at gain 0.5 is written as 0.4 once the resampler has settled.
     EXPECT_NEAR(recorded.samples[recorded.samples.size() / 2], 0.4f, 0.01f);
     EXPECT_EQ(velto::testing::permissionsOf(file()), 0600u);
-
-    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", "Initialized only microphone capture"));
-    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
-                              "Configured mixer for microphone capture only - mic: 0.5"));
-    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
-                              "Starting microphone audio only mixing: 48000.0Hz -> output (16000.0Hz, 1ch)"));
     EXPECT_FALSE(microphoneEngine()->isRunning());
 }
 
@@ -136,18 +130,10 @@ TEST_F(UnifiedAudioRecorderTest, EachSourceCaseMixesItsSourcesAtItsGains) {
     struct Case {
         AudioSources sources;
         float mixedValue;  // microphone 0.5 and system (0.4, 0.2) folded to 0.3, times the gains
-        std::string mixerLog;
-        std::string mixingLog;
     };
-    const std::vector<Case> cases = {
-        {AudioSources::systemAudioOnly(), 0.3f * 0.5f, "Configured mixer for system audio only - system: 0.5, mic: 0.0",
-         "Starting system audio only mixing: 48000.0Hz, 2ch -> output (16000.0Hz, 1ch)"},
-        {AudioSources::both(), 0.5f * 0.3f + 0.3f * 0.3f, "Configured mixer for dual-source - system: 0.3, mic: 0.3",
-         "Starting dual-source mixing: system (48000.0Hz, 2ch) + microphone (48000.0Hz) -> output (16000.0Hz, 1ch)"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.mixerLog);
-        logs.clear();
+    for (const auto& c : {Case{AudioSources::systemAudioOnly(), 0.3f * 0.5f},
+                          Case{AudioSources::both(), 0.5f * 0.3f + 0.3f * 0.3f}}) {
+        SCOPED_TRACE(c.sources.includeMicrophone());
         auto recorder = start(c.sources);
         ASSERT_EQ(recorder->state(), State::recording);
         EXPECT_TRUE(fakes.audioHardware->hasIOBlock());
@@ -157,9 +143,6 @@ TEST_F(UnifiedAudioRecorderTest, EachSourceCaseMixesItsSourcesAtItsGains) {
         recorder->stop();
         EXPECT_FALSE(fakes.audioHardware->hasIOBlock());
         drainUntilEnd(events);
-
-        EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", c.mixerLog));
-        EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", c.mixingLog));
         const auto recorded = readRecording(file());
         ASSERT_GT(recorded.samples.size(), 4000u);
         EXPECT_NEAR(recorded.samples[recorded.samples.size() / 2], c.mixedValue, 0.01f);
@@ -335,8 +318,6 @@ TEST_F(UnifiedAudioRecorderTest, StartFailuresEndTheStreamWithTheErrorAndLeaveNo
     EXPECT_THAT(drained.shape(), ElementsAre(Kind::starting));
     ASSERT_NE(drained.error, nullptr);
     EXPECT_EQ(caseDescriptionOf(drained.error), "systemAudioDeviceStartFailed(-50)");
-    EXPECT_TRUE(logs.contains(LogLevel::critical, "UnifiedAudioRecorder",
-                              "Failed to start modern recording: systemAudioDeviceStartFailed(-50)"));
     EXPECT_EQ(recorder->state(), State::finished);
     EXPECT_EQ(recorder->mixer(), nullptr);
     EXPECT_FALSE(fakes.audioHardware->hasIOBlock());
@@ -378,12 +359,6 @@ TEST_F(UnifiedAudioRecorderTest, AConfigurationChangeRebuildsCaptureIntoTheSameF
     EXPECT_EQ(afterRestart.back().kind, Kind::progress);
     // The file's length: the first mixer wrote out all it had when it stopped.
     EXPECT_NEAR(afterRestart.back().elapsedSeconds, (24000 + kJitterFrames) / 3.0 / 16000.0, 1e-3);
-    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
-                              "Audio configuration changed, restarting recording seamlessly"));
-    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder", "Stopped audio components for restart"));
-    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
-                              "Successfully restarted recording after configuration change"));
-    EXPECT_EQ(logs.count("MicrophoneCapture", "Stopping microphone capture"), 1);
 
     // The first mixer wrote out its jitter reserve when it stopped, so nothing was
     // left to carry over and the new mixer keeps a reserve of its own.
@@ -391,8 +366,6 @@ TEST_F(UnifiedAudioRecorderTest, AConfigurationChangeRebuildsCaptureIntoTheSameF
     const int64_t secondFrames = mixFor(*recorder, 0.5);
     // Less the reserve; the steering resampler's look-ahead may reach half a kernel into it.
     EXPECT_NEAR(secondFrames, 24000 - kJitterFrames, VariableRatioResampler::kTaps / 2);
-    EXPECT_TRUE(logs.contains(LogLevel::debug, "UnifiedAudioRecorder",
-                              "Carried over 0 microphone frames and 0 system audio frames into the restarted capture"));
     recorder->stop();
     auto drained = drainUntilEnd(events);
     EXPECT_EQ(drained.events.back().kind, Kind::finished);
@@ -420,8 +393,6 @@ TEST_F(UnifiedAudioRecorderTest, AFailedRestartFinishesWithTheFileThenEndsWithTh
     EXPECT_EQ(drained.events.back().fileURL, file());
     ASSERT_NE(drained.error, nullptr);
     EXPECT_EQ(caseDescriptionOf(drained.error), "systemAudioDeviceStartFailed(-50)");
-    EXPECT_TRUE(logs.contains(LogLevel::critical, "UnifiedAudioRecorder",
-                              "Failed to restart recording after configuration change: systemAudioDeviceStartFailed(-50)"));
     EXPECT_EQ(recorder->state(), State::finished);
     // The file holds what was mixed before the restart.
     EXPECT_GT(readRecording(file()).samples.size(), 7000u);

@@ -1,7 +1,9 @@
 #pragma once
 // Scriptable stand-in for the audio hardware: every status, list and format can be set
 // beforehand, every call is recorded in order (so tests can check teardown order), and
-// the installed IO block is driven from the test with deliverInput().
+// the installed IO block is driven from the test with deliverInput(). Snapshots are read
+// property by property through AudioHardware's own readSystemSnapshot(), as on Core Audio,
+// so the statuses scripted for each property also fail the snapshot.
 //
 // Threads: all methods are thread-safe. deliverInput() runs the IO block on the calling
 // thread, which plays the sound server's delivery thread (as PulseAudio runs it on its

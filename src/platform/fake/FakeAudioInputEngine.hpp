@@ -50,6 +50,8 @@ public:
     // delivers it.
     void holdBack(std::shared_ptr<PcmBuffer> buffer);
     ~FakeAudioInputEngine() override;
+    FakeAudioInputEngine(const FakeAudioInputEngine&) = delete;
+    FakeAudioInputEngine& operator=(const FakeAudioInputEngine&) = delete;
 
     PcmFormat inputFormat(std::uint32_t bus) override;
     PcmFormat outputFormat(std::uint32_t bus) override;

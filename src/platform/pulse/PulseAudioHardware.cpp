@@ -7,6 +7,7 @@
 #include "veltoaudio/Error.hpp"
 
 #include <algorithm>
+#include <limits>
 
 namespace velto::pulse {
 namespace {
@@ -58,16 +59,26 @@ OSStatus PulseAudioHardware::statusOf(int pulseError) const {
     }
 }
 
-OSStatus PulseAudioHardware::readDevices(std::vector<std::pair<AudioObjectID, std::string>>& outDevices) {
-    auto sinks = connection_->sinks();
-    if (!sinks) return statusOf(sinks.error);
-    auto sources = connection_->sources();
-    if (!sources) return statusOf(sources.error);
-    outDevices.clear();
-    for (const auto& sink : *sinks.value) outDevices.emplace_back(makeObjectID(PulseObjectKind::sink, sink.index), sink.name);
-    for (const auto& source : *sources.value) {
-        outDevices.emplace_back(makeObjectID(PulseObjectKind::source, source.index), source.name);
+OSStatus PulseAudioHardware::readSystemSnapshot(AudioSystemSnapshot& outSnapshot) {
+    auto server = connection_->snapshot();
+    if (!server) return statusOf(server.error);
+    AudioSystemSnapshot snapshot;
+    for (std::uint32_t index : server.value->sinkInputs) {
+        snapshot.processes.push_back(makeObjectID(PulseObjectKind::sinkInput, index));
     }
+    // Devices in index order: sinks, then sources.
+    for (const auto& sink : server.value->sinks) {
+        snapshot.devices.push_back({makeObjectID(PulseObjectKind::sink, sink.index), sink.name});
+    }
+    for (const auto& source : server.value->sources) {
+        snapshot.devices.push_back({makeObjectID(PulseObjectKind::source, source.index), source.name});
+    }
+    // No default sink is a machine without outputs, not a failure: the lookups that need
+    // one say so.
+    if (const PulseSinkInfo* sink = server.value->defaultSink()) {
+        snapshot.defaultSystemOutputDevice = makeObjectID(PulseObjectKind::sink, sink->index);
+    }
+    outSnapshot = std::move(snapshot);
     return noErr;
 }
 
@@ -75,16 +86,15 @@ OSStatus PulseAudioHardware::getPropertyDataSize(AudioObjectID object, const Aud
                                                  std::uint32_t& outDataSizeBytes) {
     if (object == kAudioObjectSystemObject) {
         switch (address.mSelector) {
-            case kAudioHardwarePropertyProcessObjectList: {
-                auto inputs = connection_->sinkInputs();
-                if (!inputs) return statusOf(inputs.error);
-                outDataSizeBytes = static_cast<std::uint32_t>(inputs.value->size() * sizeof(AudioObjectID));
-                return noErr;
-            }
+            case kAudioHardwarePropertyProcessObjectList:
             case kAudioHardwarePropertyDevices: {
-                std::vector<std::pair<AudioObjectID, std::string>> devices;
-                if (const OSStatus status = readDevices(devices); status != noErr) return status;
-                outDataSizeBytes = static_cast<std::uint32_t>(devices.size() * sizeof(AudioObjectID));
+                std::vector<AudioObjectID> objects;
+                if (const OSStatus status =
+                        getObjectListProperty(object, address, std::numeric_limits<std::uint32_t>::max(), objects);
+                    status != noErr) {
+                    return status;
+                }
+                outDataSizeBytes = static_cast<std::uint32_t>(objects.size() * sizeof(AudioObjectID));
                 return noErr;
             }
             case kAudioHardwarePropertyDefaultSystemOutputDevice:
@@ -116,17 +126,16 @@ OSStatus PulseAudioHardware::getPropertyDataSize(AudioObjectID object, const Aud
 OSStatus PulseAudioHardware::getObjectListProperty(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                                    std::uint32_t dataSizeBytes, std::vector<AudioObjectID>& outObjects) {
     if (object != kAudioObjectSystemObject) return kAudioHardwareBadObjectError;
-    std::vector<AudioObjectID> all;
-    if (address.mSelector == kAudioHardwarePropertyProcessObjectList) {
-        auto inputs = connection_->sinkInputs();
-        if (!inputs) return statusOf(inputs.error);
-        for (std::uint32_t index : *inputs.value) all.push_back(makeObjectID(PulseObjectKind::sinkInput, index));
-    } else if (address.mSelector == kAudioHardwarePropertyDevices) {
-        std::vector<std::pair<AudioObjectID, std::string>> devices;
-        if (const OSStatus status = readDevices(devices); status != noErr) return status;
-        for (const auto& device : devices) all.push_back(device.first);
-    } else {
+    if (address.mSelector != kAudioHardwarePropertyProcessObjectList &&
+        address.mSelector != kAudioHardwarePropertyDevices) {
         return kAudioHardwareUnknownPropertyError;
+    }
+    AudioSystemSnapshot snapshot;
+    if (const OSStatus status = readSystemSnapshot(snapshot); status != noErr) return status;
+    std::vector<AudioObjectID> all = snapshot.processes;
+    if (address.mSelector == kAudioHardwarePropertyDevices) {
+        all.clear();
+        for (const auto& device : snapshot.devices) all.push_back(device.id);
     }
     const std::size_t count = std::min<std::size_t>(all.size(), dataSizeBytes / sizeof(AudioObjectID));
     outObjects.assign(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(count));
@@ -137,17 +146,11 @@ OSStatus PulseAudioHardware::getObjectProperty(AudioObjectID object, const Audio
                                                AudioObjectID& outObject) {
     if (object != kAudioObjectSystemObject) return kAudioHardwareBadObjectError;
     if (address.mSelector != kAudioHardwarePropertyDefaultSystemOutputDevice) return kAudioHardwareUnknownPropertyError;
-    auto server = connection_->serverInfo();
-    if (!server) return statusOf(server.error);
-    auto sinks = connection_->sinks();
-    if (!sinks) return statusOf(sinks.error);
-    for (const auto& sink : *sinks.value) {
-        if (sink.name == server.value->defaultSinkName) {
-            outObject = makeObjectID(PulseObjectKind::sink, sink.index);
-            return noErr;
-        }
-    }
-    return kAudioHardwareBadDeviceError;
+    AudioSystemSnapshot snapshot;
+    if (const OSStatus status = readSystemSnapshot(snapshot); status != noErr) return status;
+    if (snapshot.defaultSystemOutputDevice == kAudioObjectUnknown) return kAudioHardwareBadDeviceError;
+    outObject = snapshot.defaultSystemOutputDevice;
+    return noErr;
 }
 
 OSStatus PulseAudioHardware::getStringProperty(AudioObjectID object, const AudioObjectPropertyAddress& address,
@@ -171,15 +174,12 @@ OSStatus PulseAudioHardware::getStringProperty(AudioObjectID object, const Audio
     if (!objectIndex(object, PulseObjectKind::sink) && !objectIndex(object, PulseObjectKind::source)) {
         return kAudioHardwareBadObjectError;
     }
-    std::vector<std::pair<AudioObjectID, std::string>> devices;
-    if (const OSStatus status = readDevices(devices); status != noErr) return status;
-    for (const auto& [id, name] : devices) {
-        if (id == object) {
-            outText = name;
-            return noErr;
-        }
-    }
-    return kAudioHardwareBadObjectError;
+    AudioSystemSnapshot snapshot;
+    if (const OSStatus status = readSystemSnapshot(snapshot); status != noErr) return status;
+    auto uid = snapshot.uidOf(object);
+    if (!uid) return kAudioHardwareBadObjectError;
+    outText = std::move(uid);
+    return noErr;
 }
 
 OSStatus PulseAudioHardware::getStreamDescriptionProperty(AudioObjectID object,
@@ -195,13 +195,10 @@ OSStatus PulseAudioHardware::getStreamDescriptionProperty(AudioObjectID object,
 }
 
 OSStatus PulseAudioHardware::createProcessTap(const TapDescription& description, AudioObjectID& outTapID) {
-    auto server = connection_->serverInfo();
+    auto server = connection_->snapshot();
     if (!server) return statusOf(server.error);
-    auto sinks = connection_->sinks();
-    if (!sinks) return statusOf(sinks.error);
-    const auto sink = std::find_if(sinks.value->begin(), sinks.value->end(),
-                                   [&](const PulseSinkInfo& s) { return s.name == server.value->defaultSinkName; });
-    if (sink == sinks.value->end() || sink->monitorSourceName.empty()) {
+    const PulseSinkInfo* sink = server.value->defaultSink();
+    if (sink == nullptr || sink->monitorSourceName.empty()) {
         logger().error("No default output to tap: the server has no default sink with a monitor");
         return kAudioHardwareBadDeviceError;
     }

@@ -41,7 +41,11 @@ public:
                                                       std::shared_ptr<PulseStreamHandover> handover = nullptr);
     PulseAudioHardware(std::shared_ptr<PulseConnection> connection, std::shared_ptr<PulseStreamHandover> handover);
     ~PulseAudioHardware() override;
+    PulseAudioHardware(const PulseAudioHardware&) = delete;
+    PulseAudioHardware& operator=(const PulseAudioHardware&) = delete;
 
+    // One snapshot of the server: a single round trip.
+    platform::OSStatus readSystemSnapshot(platform::AudioSystemSnapshot& outSnapshot) override;
     platform::OSStatus getPropertyDataSize(platform::AudioObjectID object,
                                            const platform::AudioObjectPropertyAddress& address,
                                            std::uint32_t& outDataSizeBytes) override;
@@ -89,8 +93,6 @@ private:
         std::unique_ptr<PulseCaptureStream> stream;  // present while started
     };
 
-    // The device list as identifiers with their UIDs, in index order: sinks, then sources.
-    platform::OSStatus readDevices(std::vector<std::pair<platform::AudioObjectID, std::string>>& outDevices);
     platform::OSStatus statusOf(int pulseError) const;
 
     std::shared_ptr<PulseConnection> connection_;

@@ -31,18 +31,12 @@ std::uint64_t PulseAudioInputEngine::droppedFrames() const {
 }
 
 PcmFormat PulseAudioInputEngine::inputFormat(std::uint32_t) {
+    auto server = connection_->snapshot();
+    if (!server) return PcmFormat{};
     std::string name = currentSourceName();
-    if (name.empty()) {
-        auto server = connection_->serverInfo();
-        if (!server) return PcmFormat{};
-        name = server.value->defaultSourceName;
-    }
-    auto sources = connection_->sources();
-    if (!sources) return PcmFormat{};
-    for (const auto& source : *sources.value) {
-        if (source.name == name) return PcmFormat{source.sampleRateHertz, source.channels, false};
-    }
-    return PcmFormat{};
+    if (name.empty()) name = server.value->server.defaultSourceName;
+    const PulseSourceInfo* source = server.value->source(name);
+    return source != nullptr ? PcmFormat{source->sampleRateHertz, source->channels, false} : PcmFormat{};
 }
 
 PcmFormat PulseAudioInputEngine::outputFormat(std::uint32_t bus) {
@@ -56,9 +50,9 @@ PcmFormat PulseAudioInputEngine::outputFormat(std::uint32_t bus) {
 OSStatus PulseAudioInputEngine::setCurrentDevice(AudioObjectID deviceID) {
     const auto index = objectIndex(deviceID, PulseObjectKind::source);
     if (!index) return kAudioHardwareBadObjectError;
-    auto sources = connection_->sources();
-    if (!sources) return sources.error == PA_ERR_NOENTITY ? kAudioHardwareBadDeviceError : kAudioHardwareNotRunningError;
-    for (const auto& source : *sources.value) {
+    auto server = connection_->snapshot();
+    if (!server) return server.error == PA_ERR_NOENTITY ? kAudioHardwareBadDeviceError : kAudioHardwareNotRunningError;
+    for (const auto& source : server.value->sources) {
         if (source.index == *index) {
             MutexLock lock(controlMutex_);
             sourceName_ = source.name;

@@ -32,6 +32,8 @@ public:
                                                          std::shared_ptr<PulseStreamHandover> handover = nullptr);
     PulseAudioInputEngine(std::shared_ptr<PulseConnection> connection, std::shared_ptr<PulseStreamHandover> handover);
     ~PulseAudioInputEngine() override;
+    PulseAudioInputEngine(const PulseAudioInputEngine&) = delete;
+    PulseAudioInputEngine& operator=(const PulseAudioInputEngine&) = delete;
 
     PcmFormat inputFormat(std::uint32_t bus) override;
     PcmFormat outputFormat(std::uint32_t bus) override;

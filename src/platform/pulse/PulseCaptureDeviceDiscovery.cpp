@@ -32,12 +32,12 @@ CaptureDeviceType PulseCaptureDeviceDiscovery::deviceType(const PulseSourceInfo&
 
 std::vector<CaptureDevice> PulseCaptureDeviceDiscovery::devices(std::span<const CaptureDeviceType> deviceTypes) {
     std::vector<CaptureDevice> found;
-    auto sources = connection_->sources();
-    if (!sources) {
-        logger().error("Cannot list the input devices: " + pulseErrorText(sources.error));
+    auto server = connection_->snapshot();
+    if (!server) {
+        logger().error("Cannot list the input devices: " + pulseErrorText(server.error));
         return found;
     }
-    for (const auto& source : *sources.value) {
+    for (const auto& source : server.value->sources) {
         if (source.isMonitor) continue;
         const CaptureDeviceType type = deviceType(source);
         const bool wanted = std::any_of(deviceTypes.begin(), deviceTypes.end(), [&](CaptureDeviceType asked) {
@@ -49,27 +49,25 @@ std::vector<CaptureDevice> PulseCaptureDeviceDiscovery::devices(std::span<const 
 }
 
 std::optional<CaptureDevice> PulseCaptureDeviceDiscovery::defaultAudioDevice() {
-    auto server = connection_->serverInfo();
+    auto server = connection_->snapshot();
     if (!server) return std::nullopt;
-    auto sources = connection_->sources();
-    if (!sources) return std::nullopt;
-    for (const auto& source : *sources.value) {
-        if (source.name == server.value->defaultSourceName && !source.isMonitor) return captureDevice(source);
-    }
-    return std::nullopt;
+    const PulseSourceInfo* source = server.value->source(server.value->server.defaultSourceName);
+    if (source == nullptr || source->isMonitor) return std::nullopt;
+    return captureDevice(*source);
 }
 
 AuthorizationStatus PulseCaptureDeviceDiscovery::authorizationStatus() {
     const int error = connection_->ensureConnected();
     if (error == PA_ERR_ACCESS || error == PA_ERR_AUTHKEY) return AuthorizationStatus::denied;
     if (error != PA_OK) return AuthorizationStatus::notDetermined;
-    auto sources = connection_->sources();
-    if (!sources) return sources.error == PA_ERR_ACCESS ? AuthorizationStatus::denied : AuthorizationStatus::notDetermined;
-    auto server = connection_->serverInfo();
+    auto server = connection_->snapshot();
+    if (!server) {
+        return server.error == PA_ERR_ACCESS ? AuthorizationStatus::denied : AuthorizationStatus::notDetermined;
+    }
     const PulseSourceInfo* candidate = nullptr;
-    for (const auto& source : *sources.value) {
+    for (const auto& source : server.value->sources) {
         if (source.isMonitor) continue;
-        if (candidate == nullptr || (server && source.name == server.value->defaultSourceName)) candidate = &source;
+        if (candidate == nullptr || source.name == server.value->server.defaultSourceName) candidate = &source;
     }
     if (candidate == nullptr) return AuthorizationStatus::notDetermined;
     // Opening the source is the honest test: a server that keeps the microphone from us refuses the stream.

@@ -36,6 +36,8 @@ public:
     explicit PulseConfigurationChangeCenter(std::shared_ptr<PulseConnection> connection,
                                             std::shared_ptr<PulseStreamHandover> handover = nullptr);
     ~PulseConfigurationChangeCenter() override;
+    PulseConfigurationChangeCenter(const PulseConfigurationChangeCenter&) = delete;
+    PulseConfigurationChangeCenter& operator=(const PulseConfigurationChangeCenter&) = delete;
 
     platform::ConfigurationChangeObserverToken addObserver(std::function<void()> block) override;
     void removeObserver(platform::ConfigurationChangeObserverToken token) override;

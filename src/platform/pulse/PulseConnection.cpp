@@ -2,6 +2,8 @@
 
 #include "logging/LoggerCompat.hpp"
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdlib>
 
@@ -18,14 +20,6 @@ std::chrono::milliseconds toDuration(double seconds) {
 }
 
 std::string text(const char* value) { return value == nullptr ? std::string() : std::string(value); }
-
-// What a list request collects on the main-loop thread.
-template <class T>
-struct ListRequest {
-    PulseConnection::Completion completion;
-    std::vector<T> items;
-    bool failed = false;
-};
 
 }  // namespace
 
@@ -185,6 +179,11 @@ int PulseConnection::ensureConnected() {
 }
 
 bool PulseConnection::await(pa_operation* operation, Completion& completion) {
+    return await(std::span<pa_operation* const>(&operation, 1), completion);
+}
+
+bool PulseConnection::await(std::span<pa_operation* const> operations, Completion& completion) {
+    ++roundTrips_;
     bool completed = false;
     {
         std::unique_lock lock(completion.mutex);
@@ -197,9 +196,11 @@ bool PulseConnection::await(pa_operation* operation, Completion& completion) {
             std::lock_guard doneLock(completion.mutex);
             completed = completion.done;
         }
-        if (!completed) pa_operation_cancel(operation);
+        if (!completed) {
+            for (pa_operation* operation : operations) pa_operation_cancel(operation);
+        }
     }
-    pa_operation_unref(operation);
+    for (pa_operation* operation : operations) pa_operation_unref(operation);
     return completed;
 }
 
@@ -230,97 +231,107 @@ PulseResult<PulseServerInfo> PulseConnection::serverInfo() {
     return {request.info, PA_OK};
 }
 
-PulseResult<std::vector<PulseSourceInfo>> PulseConnection::sources() {
-    if (const int error = ensureConnected(); error != PA_OK) return {std::nullopt, error};
-    ListRequest<PulseSourceInfo> request;
-    pa_operation* operation = nullptr;
-    {
-        MainloopLock lock(*this);
-        if (context_ == nullptr) return {std::nullopt, PA_ERR_CONNECTIONTERMINATED};
-        operation = pa_context_get_source_info_list(
-            context_,
-            [](pa_context*, const pa_source_info* info, int eol, void* userdata) {
-                auto* request = static_cast<ListRequest<PulseSourceInfo>*>(userdata);
-                if (eol != 0) {
-                    request->failed = eol < 0;
-                    request->completion.signal();
-                    return;
-                }
-                PulseSourceInfo source;
-                source.index = info->index;
-                source.name = text(info->name);
-                source.description = text(info->description);
-                source.sampleRateHertz = info->sample_spec.rate;
-                source.channels = info->sample_spec.channels;
-                source.isMonitor = info->monitor_of_sink != PA_INVALID_INDEX;
-                source.bus = text(pa_proplist_gets(info->proplist, PA_PROP_DEVICE_BUS));
-                request->items.push_back(std::move(source));
-            },
-            &request);
-        if (operation == nullptr) return {std::nullopt, pa_context_errno(context_)};
+const PulseSinkInfo* PulseServerSnapshot::defaultSink() const {
+    for (const auto& sink : sinks) {
+        if (sink.name == server.defaultSinkName) return &sink;
     }
-    if (!await(operation, request.completion)) return {std::nullopt, PA_ERR_TIMEOUT};
-    if (request.failed) return {std::nullopt, PA_ERR_UNKNOWN};
-    return {std::move(request.items), PA_OK};
+    return nullptr;
 }
 
-PulseResult<std::vector<PulseSinkInfo>> PulseConnection::sinks() {
+const PulseSourceInfo* PulseServerSnapshot::source(std::string_view name) const {
+    for (const auto& source : sources) {
+        if (source.name == name) return &source;
+    }
+    return nullptr;
+}
+
+PulseResult<PulseServerSnapshot> PulseConnection::snapshot() {
     if (const int error = ensureConnected(); error != PA_OK) return {std::nullopt, error};
-    ListRequest<PulseSinkInfo> request;
-    pa_operation* operation = nullptr;
+    // The callbacks all run on the main-loop thread, one at a time; only the count of
+    // answers still due is shared with the waiting caller.
+    struct Request {
+        Completion completion;
+        int pending = 0;
+        bool failed = false;
+        PulseServerSnapshot snapshot;
+        void answered(bool failure) {
+            std::lock_guard lock(completion.mutex);
+            failed = failed || failure;
+            if (--pending == 0) {
+                completion.done = true;
+                completion.condition.notify_all();
+            }
+        }
+    } request;
+    std::array<pa_operation*, 4> operations{};
     {
         MainloopLock lock(*this);
         if (context_ == nullptr) return {std::nullopt, PA_ERR_CONNECTIONTERMINATED};
-        operation = pa_context_get_sink_info_list(
+        operations[0] = pa_context_get_server_info(
+            context_,
+            [](pa_context*, const pa_server_info* info, void* userdata) {
+                auto* request = static_cast<Request*>(userdata);
+                if (info != nullptr) {
+                    request->snapshot.server.defaultSinkName = text(info->default_sink_name);
+                    request->snapshot.server.defaultSourceName = text(info->default_source_name);
+                }
+                request->answered(info == nullptr);
+            },
+            &request);
+        operations[1] = pa_context_get_sink_info_list(
             context_,
             [](pa_context*, const pa_sink_info* info, int eol, void* userdata) {
-                auto* request = static_cast<ListRequest<PulseSinkInfo>*>(userdata);
+                auto* request = static_cast<Request*>(userdata);
                 if (eol != 0) {
-                    request->failed = eol < 0;
-                    request->completion.signal();
+                    request->answered(eol < 0);
                     return;
                 }
-                PulseSinkInfo sink;
-                sink.index = info->index;
-                sink.name = text(info->name);
-                sink.description = text(info->description);
-                sink.sampleRateHertz = info->sample_spec.rate;
-                sink.channels = info->sample_spec.channels;
-                sink.monitorSourceName = text(info->monitor_source_name);
-                request->items.push_back(std::move(sink));
+                request->snapshot.sinks.push_back(PulseSinkInfo{
+                    info->index, text(info->name), text(info->description), static_cast<double>(info->sample_spec.rate),
+                    info->sample_spec.channels, text(info->monitor_source_name)});
             },
             &request);
-        if (operation == nullptr) return {std::nullopt, pa_context_errno(context_)};
-    }
-    if (!await(operation, request.completion)) return {std::nullopt, PA_ERR_TIMEOUT};
-    if (request.failed) return {std::nullopt, PA_ERR_UNKNOWN};
-    return {std::move(request.items), PA_OK};
-}
-
-PulseResult<std::vector<std::uint32_t>> PulseConnection::sinkInputs() {
-    if (const int error = ensureConnected(); error != PA_OK) return {std::nullopt, error};
-    ListRequest<std::uint32_t> request;
-    pa_operation* operation = nullptr;
-    {
-        MainloopLock lock(*this);
-        if (context_ == nullptr) return {std::nullopt, PA_ERR_CONNECTIONTERMINATED};
-        operation = pa_context_get_sink_input_info_list(
+        operations[2] = pa_context_get_source_info_list(
+            context_,
+            [](pa_context*, const pa_source_info* info, int eol, void* userdata) {
+                auto* request = static_cast<Request*>(userdata);
+                if (eol != 0) {
+                    request->answered(eol < 0);
+                    return;
+                }
+                request->snapshot.sources.push_back(PulseSourceInfo{
+                    info->index, text(info->name), text(info->description), static_cast<double>(info->sample_spec.rate),
+                    info->sample_spec.channels, info->monitor_of_sink != PA_INVALID_INDEX,
+                    text(pa_proplist_gets(info->proplist, PA_PROP_DEVICE_BUS))});
+            },
+            &request);
+        operations[3] = pa_context_get_sink_input_info_list(
             context_,
             [](pa_context*, const pa_sink_input_info* info, int eol, void* userdata) {
-                auto* request = static_cast<ListRequest<std::uint32_t>*>(userdata);
+                auto* request = static_cast<Request*>(userdata);
                 if (eol != 0) {
-                    request->failed = eol < 0;
-                    request->completion.signal();
+                    request->answered(eol < 0);
                     return;
                 }
-                request->items.push_back(info->index);
+                request->snapshot.sinkInputs.push_back(info->index);
             },
             &request);
-        if (operation == nullptr) return {std::nullopt, pa_context_errno(context_)};
+        const auto sent =
+            std::count_if(operations.begin(), operations.end(), [](pa_operation* o) { return o != nullptr; });
+        if (sent < static_cast<std::ptrdiff_t>(operations.size())) {
+            // A context that refuses one request refuses the rest: give back what went out.
+            for (pa_operation* operation : operations) {
+                if (operation == nullptr) continue;
+                pa_operation_cancel(operation);
+                pa_operation_unref(operation);
+            }
+            return {std::nullopt, pa_context_errno(context_)};
+        }
+        request.pending = static_cast<int>(operations.size());
     }
-    if (!await(operation, request.completion)) return {std::nullopt, PA_ERR_TIMEOUT};
+    if (!await(operations, request.completion)) return {std::nullopt, PA_ERR_TIMEOUT};
     if (request.failed) return {std::nullopt, PA_ERR_UNKNOWN};
-    return {std::move(request.items), PA_OK};
+    return {std::move(request.snapshot), PA_OK};
 }
 
 std::uint64_t PulseConnection::addEventListener(EventListener listener) {

@@ -19,7 +19,9 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace velto::pulse {
@@ -46,6 +48,20 @@ struct PulseSinkInfo {
     double sampleRateHertz = 0.0;
     std::uint32_t channels = 0;
     std::string monitorSourceName;
+};
+
+// One look at the server: its defaults, sinks, sources and playing streams, as they were
+// at one moment. Lookups that need several of these take them from one snapshot, which
+// costs a single round trip (the requests go out together), instead of asking again for
+// every device they compare.
+struct PulseServerSnapshot {
+    PulseServerInfo server;
+    std::vector<PulseSinkInfo> sinks;
+    std::vector<PulseSourceInfo> sources;
+    std::vector<std::uint32_t> sinkInputs;
+
+    const PulseSinkInfo* defaultSink() const;
+    const PulseSourceInfo* source(std::string_view name) const;
 };
 
 // A request's answer: the value, or the PulseAudio error that prevented it.
@@ -89,9 +105,10 @@ public:
     double timeoutSeconds() const { return timeoutSeconds_; }
 
     PulseResult<PulseServerInfo> serverInfo();
-    PulseResult<std::vector<PulseSourceInfo>> sources();
-    PulseResult<std::vector<PulseSinkInfo>> sinks();
-    PulseResult<std::vector<std::uint32_t>> sinkInputs();
+    PulseResult<PulseServerSnapshot> snapshot();
+    // Requests answered by the server so far, a batch sent together counting once: what a
+    // lookup costs in waiting on the server.
+    std::uint64_t roundTrips() const { return roundTrips_.load(); }
 
     // Server events (sources and sinks added or removed, server changes) and connection
     // losses and recoveries. The subscription is renewed on every reconnection.
@@ -113,6 +130,8 @@ public:
         void signal();
     };
     bool await(pa_operation* operation, Completion& completion);
+    // The same for operations sent together; `completion` is signalled when the last one ends.
+    bool await(std::span<pa_operation* const> operations, Completion& completion);
 
 private:
     static void contextStateCallback(pa_context* context, void* userdata);
@@ -131,6 +150,7 @@ private:
     std::condition_variable stateChanged_;
     std::atomic<int> contextState_{PA_CONTEXT_UNCONNECTED};
     std::atomic<bool> connected_{false};
+    std::atomic<std::uint64_t> roundTrips_{0};
 
     std::mutex listenersMutex_;
     std::uint64_t nextListenerToken_ = 1;

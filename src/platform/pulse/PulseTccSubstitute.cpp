@@ -25,13 +25,10 @@ int systemAudioAccess() {
     if (isRefusal(error)) return kDenied;
     if (error != PA_OK) return kUndetermined;
 
-    auto server = connection->serverInfo();
-    auto sinks = connection->sinks();
-    if (!server || !sinks) return isRefusal(server ? sinks.error : server.error) ? kDenied : kUndetermined;
-    const PulseSinkInfo* output = nullptr;
-    for (const auto& sink : *sinks.value) {
-        if (output == nullptr || sink.name == server.value->defaultSinkName) output = &sink;
-    }
+    auto server = connection->snapshot();
+    if (!server) return isRefusal(server.error) ? kDenied : kUndetermined;
+    const PulseSinkInfo* output = server.value->defaultSink();
+    if (output == nullptr && !server.value->sinks.empty()) output = &server.value->sinks.front();
     if (output == nullptr || output->monitorSourceName.empty()) return kUndetermined;
 
     // Opening the monitor is the honest test: it is what a system-audio recording does.
