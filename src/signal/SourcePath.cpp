@@ -126,9 +126,10 @@ int64_t SourcePath::mixingFramesWithin(int64_t availableFrames, int64_t reserveF
     const int64_t nominalFrames =
         scaleFramesDown(sourceFramesConsumed_ + spareFrames, mixingSampleRateHertz_, sampleRateHertz_) -
         mixingFramesAccounted_;
-    // The fine resampler's look-ahead may reach into the reserve: a kernel's worth
-    // of frames is nothing to the jitter the reserve is there for.
-    return drift_ ? steeredFrames(nominalFrames + VariableRatioResampler::kTaps) : nominalFrames;
+    // The fine resampler's look-ahead may reach into the reserve (a kernel's worth
+    // of frames is nothing to the jitter the reserve is there for), never beyond the ring.
+    const int64_t lookAheadFrames = std::min<int64_t>(VariableRatioResampler::kTaps, reserveFrames);
+    return drift_ ? steeredFrames(nominalFrames + lookAheadFrames) : nominalFrames;
 }
 
 bool SourcePath::process(FloatRingBuffer& ring, int64_t frames, bool draining) {

@@ -100,7 +100,8 @@ TEST_F(UnifiedAudioRecorderTest, MicrophoneOnlyRecordingMixesAtHalfGainIntoASixt
 
     auto audio = recorder->audioStream();
     feedMicrophone(0.8f, 48000 + kJitterFrames);
-    EXPECT_EQ(mixFor(*recorder, 1.0), 48000);
+    // The steered mixer's clock starts at the tick that finds the reserve there.
+    EXPECT_EQ(mixFor(*recorder, 1.0), 48000 - 800);
     recorder->stop();
     // The live stream carries exactly the blocks written to the file, then ends.
     const auto streamedFrames = velto::testing::framesUntilEnd(audio);
@@ -360,12 +361,12 @@ TEST_F(UnifiedAudioRecorderTest, AConfigurationChangeRebuildsCaptureIntoTheSameF
     // The file's length: the first mixer wrote out all it had when it stopped.
     EXPECT_NEAR(afterRestart.back().elapsedSeconds, (24000 + kJitterFrames) / 3.0 / 16000.0, 1e-3);
 
-    // The first mixer wrote out its jitter reserve when it stopped, so nothing was
-    // left to carry over and the new mixer keeps a reserve of its own.
+    // The first mixer wrote out everything when it stopped: nothing is carried over.
     feedMicrophone(0.6f, 24000);
     const int64_t secondFrames = mixFor(*recorder, 0.5);
-    // Less the reserve; the steering resampler's look-ahead may reach half a kernel into it.
-    EXPECT_NEAR(secondFrames, 24000 - kJitterFrames, VariableRatioResampler::kTaps / 2);
+    // Once mixing has begun, steered sources are held at their fill rather than above
+    // the reserve: with no more deliveries the mixer reads all but the resampler's look-ahead.
+    EXPECT_NEAR(secondFrames, 24000 - VariableRatioResampler::kTaps, VariableRatioResampler::kTaps);
     recorder->stop();
     auto drained = drainUntilEnd(events);
     EXPECT_EQ(drained.events.back().kind, Kind::finished);
