@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstring>
 #include <string>
+#include <system_error>
 #include <variant>
 
 #include "logging/LoggerCompat.hpp"
@@ -112,7 +113,7 @@ std::shared_ptr<AudioFile> AudioFile::openForWriting(const std::filesystem::path
     const int fileDescriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fileDescriptor < 0) {
         const int error = errno;
-        throw PlatformError(kPosixDomain, error, std::strerror(error));
+        throw PlatformError(kPosixDomain, error, std::generic_category().message(error));
     }
     const auto abandon = [&](SNDFILE* opened) {
         if (opened) sf_close(opened);

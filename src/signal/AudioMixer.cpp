@@ -130,7 +130,14 @@ void AudioMixer::start(const MixerInputs& inputs) {
                            : bufferFrameCapacity_;
     skewEstimates_ = {};
     skewOutOfRangeReported_ = false;
-    if (inputs.driftCorrection) {
+    // The echo canceller learns where the loudspeakers' echo lies in the microphone;
+    // a steered source's ratio follows its controller, and on devices that hand their
+    // audio on unevenly the two sources' ratios wander apart by enough to move that
+    // echo under the canceller. While it runs, the sources are read as captured.
+    const bool echoWillRun = cancelEcho && mixingRate == static_cast<double>(EchoCanceller::kSampleRateHertz);
+    if (inputs.driftCorrection && echoWillRun) {
+        logger().info("Drift correction off: the echo canceller needs the sources as they were captured");
+    } else if (inputs.driftCorrection) {
         if (system) system_.steer(system->carriedSkew);
         if (microphone) microphone_.steer(microphone->carriedSkew);
         // A steered block reads up to a fine resampler's kernel and a few per mille
@@ -311,6 +318,7 @@ void AudioMixer::followClocks(double nowSeconds, const std::shared_ptr<FloatRing
     const bool caughtUp = pacer_.framesDue(nowSeconds) < kMinimumBlockFrames;
     if (systemRing) system_.followClock(nowSeconds, *systemRing, caughtUp);
     if (microphoneRing) microphone_.followClock(nowSeconds, *microphoneRing, caughtUp);
+
     if (!skewOutOfRangeReported_ && (system_.skewOutOfRange() || microphone_.skewOutOfRange())) {
         skewOutOfRangeReported_ = true;
         const bool microphoneOut = microphone_.skewOutOfRange();

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <system_error>
 
 #include "logging/LoggerCompat.hpp"
 
@@ -46,7 +47,7 @@ DiskSpaceReserve::Renewal DiskSpaceReserve::renew(std::int64_t fileEndBytes) {
     if (meansDiskFull(error)) return Renewal::diskFull;
     // Some file systems cannot reserve (no fallocate, or not without growing the file):
     // the file is written as it would be without a reserve.
-    logger().debug("Disk space cannot be reserved for this file: " + std::string(std::strerror(error)));
+    logger().debug("Disk space cannot be reserved for this file: " + std::generic_category().message(error));
     active_ = false;
     return Renewal::unsupported;
 }
@@ -58,7 +59,7 @@ void DiskSpaceReserve::release(std::int64_t fileEndBytes) {
     // do so) and changes nothing else.
     if (::ftruncate(fileDescriptor_, fileEndBytes) != 0) {
         logger().error("Failed to give back the disk space reserved past the end of a file: " +
-                       std::string(std::strerror(errno)));
+                       std::generic_category().message(errno));
     }
 }
 

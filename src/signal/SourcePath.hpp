@@ -41,8 +41,11 @@ public:
     // `label` names the source in log lines ("system audio", "microphone").
     SourcePath(std::string label, std::string conversionFailureMessage, AudioMixerError (*inputFormatFailure)(),
                int64_t bufferFrameCapacity);
+    ~SourcePath() = default;
     SourcePath(const SourcePath&) = delete;
     SourcePath& operator=(const SourcePath&) = delete;
+    SourcePath(SourcePath&&) = delete;
+    SourcePath& operator=(SourcePath&&) = delete;
 
     // Takes the source for a run at `mixingSampleRateHertz`; creates its resampler
     // when the rates differ. Throws AudioMixerError or AudioConverterError.

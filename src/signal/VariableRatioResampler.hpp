@@ -29,8 +29,11 @@ public:
 
     // Holds what `maximumOutputFrames` output frames can need at the largest step.
     explicit VariableRatioResampler(int64_t maximumOutputFrames);
+    ~VariableRatioResampler() = default;
     VariableRatioResampler(const VariableRatioResampler&) = delete;
     VariableRatioResampler& operator=(const VariableRatioResampler&) = delete;
+    VariableRatioResampler(VariableRatioResampler&&) = delete;
+    VariableRatioResampler& operator=(VariableRatioResampler&&) = delete;
 
     // Input frames still to be pushed before process() can make `outputFrames`.
     int64_t inputFramesNeeded(int64_t outputFrames, double step) const;

@@ -9,6 +9,7 @@
 #include <ctime>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "logging/LoggerCompat.hpp"
 
@@ -23,7 +24,14 @@ LoggerCompat& logger() {
 
 std::filesystem::path homeDirectory() {
     if (const char* home = std::getenv("HOME"); home != nullptr && home[0] != '\0') return home;
-    if (const passwd* entry = getpwuid(getuid()); entry != nullptr && entry->pw_dir != nullptr) return entry->pw_dir;
+    // The reentrant lookup: getpwuid()'s static record may be overwritten by another thread's.
+    passwd entry{};
+    passwd* found = nullptr;
+    std::vector<char> storage(16384);
+    if (::getpwuid_r(::getuid(), &entry, storage.data(), storage.size(), &found) == 0 && found != nullptr &&
+        found->pw_dir != nullptr) {
+        return found->pw_dir;
+    }
     // Nowhere better to go: the working directory keeps the recording rather than losing it.
     return std::filesystem::current_path();
 }

@@ -71,10 +71,10 @@ std::shared_ptr<UnifiedAudioRecorder> UnifiedAudioRecorder::create(std::filesyst
                                                                    std::shared_ptr<Clock> clock,
                                                                    std::shared_ptr<SerialQueue> workQueue,
                                                                    MixingTicks mixingTicks) {
-    auto recorder = std::make_shared<UnifiedAudioRecorder>(
-        Private{}, std::move(fileURL), std::move(configuration), std::move(services),
-        clock ? std::move(clock) : Clock::system(), workQueue ? std::move(workQueue) : sharedWorkQueue(),
-        mixingTicks);
+    if (!workQueue) workQueue = sharedWorkQueue();
+    auto recorder = std::make_shared<UnifiedAudioRecorder>(Private{}, std::move(fileURL), std::move(configuration),
+                                                           std::move(services), clock ? std::move(clock) : Clock::system(),
+                                                           std::move(workQueue), mixingTicks);
 
     std::weak_ptr<UnifiedAudioRecorder> weak = recorder;
     auto queue = recorder->queue_;

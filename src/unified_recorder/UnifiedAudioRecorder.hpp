@@ -71,6 +71,10 @@ public:
                                                         std::shared_ptr<SerialQueue> workQueue = nullptr,
                                                         MixingTicks mixingTicks = MixingTicks::timer);
     ~UnifiedAudioRecorder() override;
+    UnifiedAudioRecorder(const UnifiedAudioRecorder&) = delete;
+    UnifiedAudioRecorder& operator=(const UnifiedAudioRecorder&) = delete;
+    UnifiedAudioRecorder(UnifiedAudioRecorder&&) = delete;
+    UnifiedAudioRecorder& operator=(UnifiedAudioRecorder&&) = delete;
 
     // Taking the events schedules the start (it runs once, from idle).
     EventStream<RecordingEvent> events() override;
