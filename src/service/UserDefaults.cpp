@@ -1,7 +1,6 @@
 #include "service/UserDefaults.hpp"
 
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 
 #include "logging/LoggerCompat.hpp"
 #include "logging/NumberFormat.hpp"
+#include "platform/HomeDirectory.hpp"
 
 namespace velto {
 
@@ -128,20 +128,6 @@ std::string numberText(const Json& value) {
     return formatDouble(number);
 }
 
-std::filesystem::path homeDirectory() {
-    if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') return home;
-    // The reentrant lookup: the static record of getpwuid() could be overwritten by
-    // another thread's lookup while it is read.
-    passwd entry{};
-    passwd* found = nullptr;
-    std::vector<char> storage(16384);
-    if (::getpwuid_r(::getuid(), &entry, storage.data(), storage.size(), &found) == 0 && found != nullptr &&
-        found->pw_dir != nullptr) {
-        return found->pw_dir;
-    }
-    return std::filesystem::temp_directory_path();
-}
-
 }  // namespace
 
 std::filesystem::path UserDefaults::standardFilePath() {
@@ -150,7 +136,7 @@ std::filesystem::path UserDefaults::standardFilePath() {
     if (const char* config = std::getenv("XDG_CONFIG_HOME"); config != nullptr && config[0] == '/') {
         base = config;
     } else {
-        base = homeDirectory() / ".config";
+        base = platform::homeDirectory().value_or(std::filesystem::temp_directory_path()) / ".config";
     }
     return base / kIdentifierPrefix / "preferences.json";
 }

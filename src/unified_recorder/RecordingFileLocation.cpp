@@ -1,6 +1,5 @@
 #include "unified_recorder/RecordingFileLocation.hpp"
 
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "logging/LoggerCompat.hpp"
+#include "platform/HomeDirectory.hpp"
 
 namespace velto {
 
@@ -20,20 +20,6 @@ namespace {
 LoggerCompat& logger() {
     static LoggerCompat l{kLogSubsystem, "FileStorage"};
     return l;
-}
-
-std::filesystem::path homeDirectory() {
-    if (const char* home = std::getenv("HOME"); home != nullptr && home[0] != '\0') return home;
-    // The reentrant lookup: getpwuid()'s static record may be overwritten by another thread's.
-    passwd entry{};
-    passwd* found = nullptr;
-    std::vector<char> storage(16384);
-    if (::getpwuid_r(::getuid(), &entry, storage.data(), storage.size(), &found) == 0 && found != nullptr &&
-        found->pw_dir != nullptr) {
-        return found->pw_dir;
-    }
-    // Nowhere better to go: the working directory keeps the recording rather than losing it.
-    return std::filesystem::current_path();
 }
 
 std::string timestampText(std::chrono::system_clock::time_point now) {
@@ -55,7 +41,8 @@ bool pathExists(const std::filesystem::path& path) {
 std::filesystem::path applicationSupportDirectory() {
     // The XDG rule: a relative XDG_DATA_HOME is invalid and ignored.
     if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg != nullptr && xdg[0] == '/') return xdg;
-    return homeDirectory() / ".local" / "share";
+    // Nowhere better to go without a home: the working directory keeps the recording rather than losing it.
+    return platform::homeDirectory().value_or(std::filesystem::current_path()) / ".local" / "share";
 }
 
 std::filesystem::path recordingsDirectory() { return recordingsDirectory(applicationSupportDirectory()); }
