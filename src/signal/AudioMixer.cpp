@@ -169,7 +169,7 @@ void AudioMixer::start(const MixerInputs& inputs) {
     }
     outputPaused_ = inputs.startPaused;
     pacer_.start(clock_->nowSeconds(), mixingRate);
-    paceFromFirstBlock_ = inputs.driftCorrection;
+    paceFromFirstBlock_ = system_.isSteered() || microphone_.isSteered();
     // Mixing before the timer starts: its first tick may come at once, and a tick
     // that found the mixer not yet mixing would be lost.
     isMixing_ = true;
