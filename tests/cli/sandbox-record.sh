@@ -43,6 +43,14 @@ lead_in=$(awk -v a="$seconds" -v b="$(soxi -D "$velto_sandbox_work/trimmed.wav")
 # SIGUSR1 pauses and resumes: the events say so with the recorded time, which stands
 # still meanwhile, and --duration counts recorded time only.
 paused_output="$velto_sandbox_work/paused.flac"
+# Twice (once in CI) the sandbox server did not answer here, right after the first
+# recording, for ten seconds; the cause is not found yet. What is tested here is the
+# pause, so a server that went away is started again, saying so with its log.
+if ! bash "$2/scripts/sound-sandbox.sh" status >/dev/null 2>&1; then
+    echo "note: the sandbox server stopped answering after the first recording; its log:" >&2
+    tail -20 "$VELTO_SANDBOX_DIR/pulseaudio.log" >&2 || true
+    bash "$2/scripts/sound-sandbox.sh" start >/dev/null || fail "the sandbox server cannot be started again"
+fi
 # Without timeout(1) in between: it would die of the SIGUSR1 meant for velto.
 "$velto" record --duration 2 --json --output "$paused_output" \
     >"$velto_sandbox_work/events" 2>"$velto_sandbox_work/err" &
