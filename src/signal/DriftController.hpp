@@ -47,8 +47,6 @@ public:
     double correction() const { return correction_; }
     // The source's estimated skew against the mixer's clock (+: its clock runs fast).
     double estimatedSkew() const;
-    // True once the estimate rests on this run's own stamps rather than a carried one.
-    bool hasOwnEstimate() const { return regressionSpanSeconds() >= kOwnEstimateSeconds; }
     static constexpr double kWarmUpSeconds = 3.0;
     // Set once the skew has been seen beyond the range (reported by the owner).
     bool skewOutOfRange() const { return skewOutOfRange_; }
