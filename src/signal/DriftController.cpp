@@ -20,8 +20,14 @@ constexpr double kNarrowingOverSeconds = 20.0;
 constexpr double kIntegratorFromSeconds = 3.0;
 // Beyond the largest skew, room for the loop to bring the fill back.
 constexpr double kLargestCorrection = DriftController::kLargestSkew * 1.5;
-// A line through fewer stamps, or a shorter span, says little about a rate.
-constexpr double kMinimumWeight = 8.0;
+// The line's points: the earliest delivery of each half second while the line
+// is young, of every two seconds once it has enough behind it to let the
+// points come slower and cleaner (fewer of them fall in a stretch of late ones).
+constexpr double kYoungBinSeconds = 0.5;
+constexpr double kSettledBinSeconds = 2.0;
+constexpr double kYoungLineSeconds = 10.0;
+// A line through fewer points, or a shorter span, says little about a rate.
+constexpr double kMinimumWeight = 2.5;
 constexpr double kMinimumSpanSeconds = 1.0;
 // Out of range only once the estimate is settled, not on a start-up transient.
 constexpr double kOutOfRangeJudgedAfterSeconds = 10.0;
@@ -40,38 +46,52 @@ DriftController::DriftController(double nominalRateHertz, std::optional<double> 
 
 void DriftController::addDelivery(int64_t producedFrames, double atSeconds) {
     if (producedFrames == lastStampFrames_) return;  // nothing new since the last tick
+    lastStampFrames_ = producedFrames;
     if (!firstStampSeconds_) {
         firstStampSeconds_ = atSeconds;
         firstStampFrames_ = producedFrames;
-    } else {
-        const double decay = std::exp(-std::max(0.0, atSeconds - lastStampSeconds_) / kForgetSeconds);
-        weightSum_ *= decay;
-        xSum_ *= decay;
-        ySum_ *= decay;
-        xxSum_ *= decay;
-        xySum_ *= decay;
-    }
-    lastStampSeconds_ = atSeconds;
-    lastStampFrames_ = producedFrames;
-    if (regressionSpanSeconds() >= kLineSettledSeconds) {
-        const double x = atSeconds - *firstStampSeconds_;
-        const double y = static_cast<double>(producedFrames - firstStampFrames_) / nominalRateHertz_ - x;
-        const double slope = regressionSlope();
-        const double intercept = (ySum_ - slope * xSum_) / weightSum_;
-        if (std::abs(y - (intercept + slope * x)) > kDiscontinuitySeconds) {
-            // The source jumped: what came before says nothing about its rate from
-            // here, nor about the fill to hold.
-            priorSkew_ = estimatedSkew();
-            setpointFrames_.reset();
-            weightSum_ = xSum_ = ySum_ = xxSum_ = xySum_ = 0;
-            firstStampSeconds_ = atSeconds;
-            firstStampFrames_ = producedFrames;
-        }
     }
     // Relative to the first stamp, and y as the deviation from the nominal rate,
     // so that the sums stay small and keep their precision over hours.
     const double x = atSeconds - *firstStampSeconds_;
     const double y = static_cast<double>(producedFrames - firstStampFrames_) / nominalRateHertz_ - x;
+    const double binSeconds = regressionSpanSeconds() < kYoungLineSeconds ? kYoungBinSeconds : kSettledBinSeconds;
+    if (binStartSeconds_ && atSeconds - *binStartSeconds_ >= binSeconds) {
+        addLinePoint(binBestX_, binBestY_);
+        binStartSeconds_.reset();
+    }
+    if (!binStartSeconds_) {
+        binStartSeconds_ = atSeconds;
+        binBestX_ = x;
+        binBestY_ = y;
+    } else if (y > binBestY_) {
+        binBestX_ = x;
+        binBestY_ = y;
+    }
+}
+
+void DriftController::addLinePoint(double x, double y) {
+    if (pointCount_ > 0) {
+        if (regressionSpanSeconds() >= kLineSettledSeconds &&
+            std::abs(y - (lineIntercept() + regressionSlope() * x)) > kDiscontinuitySeconds) {
+            // The source jumped: what came before says nothing about its rate from
+            // here, nor about the fill to hold.
+            priorSkew_ = estimatedSkew();
+            setpointFrames_.reset();
+            weightSum_ = xSum_ = ySum_ = xxSum_ = xySum_ = 0;
+            pointCount_ = 0;
+        } else {
+            const double decay = std::exp(-std::max(0.0, x - lastPointSeconds_) / kForgetSeconds);
+            weightSum_ *= decay;
+            xSum_ *= decay;
+            ySum_ *= decay;
+            xxSum_ *= decay;
+            xySum_ *= decay;
+        }
+    }
+    if (pointCount_ == 0) linePointsFromSeconds_ = x;
+    ++pointCount_;
+    lastPointSeconds_ = x;
     weightSum_ += 1.0;
     xSum_ += x;
     ySum_ += y;
@@ -80,7 +100,11 @@ void DriftController::addDelivery(int64_t producedFrames, double atSeconds) {
 }
 
 double DriftController::regressionSpanSeconds() const {
-    return firstStampSeconds_ ? lastStampSeconds_ - *firstStampSeconds_ : 0.0;
+    return pointCount_ > 0 ? lastPointSeconds_ - linePointsFromSeconds_ : 0.0;
+}
+
+double DriftController::lineIntercept() const {
+    return weightSum_ > 0 ? (ySum_ - regressionSlope() * xSum_) / weightSum_ : 0.0;
 }
 
 double DriftController::regressionSlope() const {
@@ -106,12 +130,12 @@ double DriftController::update(double nowSeconds, int64_t producedFrames, double
         setpointFrames_.reset();
         return correction_;
     }
-    // The fill now: where the line through the stamps puts the source now, less
-    // what was read. The line, not the last stamp: a device that hands its audio
-    // on in uneven batches moves the last stamp by whole batches, the line not.
+    // The fill now: where the line through the deliveries puts the source now,
+    // less what was read. The line, not the last stamp: a device that hands its
+    // audio on in uneven batches moves the last stamp by whole batches, the line not.
     const double lineSeconds = nowSeconds - *firstStampSeconds_;
     const double slope = regressionSlope();
-    const double intercept = (ySum_ - slope * xSum_) / weightSum_;
+    const double intercept = lineIntercept();
     const double predictedFrames = static_cast<double>(firstStampFrames_) +
                                    (lineSeconds + intercept + slope * lineSeconds) * nominalRateHertz_;
     const double fillFrames = predictedFrames - static_cast<double>(readFrames);

@@ -11,9 +11,13 @@ namespace velto {
 // the source is read (+0.0005: read 500 ppm faster).
 //
 // Two parts, as a delay-locked loop has them:
-// - the source's own rate, from a least-squares line through its delivery
-//   stamps (frames written against the time they arrived), over a window that
-//   forgets with a 30 s time constant: this is the skew, and it is fed forward;
+// - the source's own rate, from a least-squares line through its deliveries
+//   (frames written against the time they arrived), over a window that forgets
+//   with a 30 s time constant: this is the skew, and it is fed forward. A
+//   delivery can come late, never early, and how late wanders (a sound server
+//   hands a monitor's audio on a block behind for seconds, then on time): so
+//   each second gives the line one point, its earliest delivery, and the line
+//   follows the envelope of the deliveries, which is where the device's clock is;
 // - a slow PI loop on the fill error (low-passed over 1 s, critically damped,
 //   0.15 rad/s narrowing to 0.05 once the estimate has 40 s behind it) that
 //   takes out what the estimate leaves.
@@ -56,6 +60,9 @@ public:
 private:
     static constexpr double kOwnEstimateSeconds = 10.0;
     void addDelivery(int64_t producedFrames, double atSeconds);
+    void addLinePoint(double x, double y);
+    void restartLine(int64_t producedFrames, double atSeconds);
+    double lineIntercept() const;
     double regressionSlope() const;
     double regressionSpanSeconds() const;
 
@@ -68,8 +75,12 @@ private:
     double weightSum_ = 0, xSum_ = 0, ySum_ = 0, xxSum_ = 0, xySum_ = 0;
     std::optional<double> firstStampSeconds_;
     int64_t firstStampFrames_ = 0;
-    double lastStampSeconds_ = 0;
+    double linePointsFromSeconds_ = 0, lastPointSeconds_ = 0;  // x of the line's first and latest points
+    int64_t pointCount_ = 0;
     int64_t lastStampFrames_ = -1;
+    // The second being gathered: its earliest delivery (highest y) so far.
+    std::optional<double> binStartSeconds_;
+    double binBestX_ = 0, binBestY_ = 0;
 
     std::optional<double> setpointFrames_;
     std::optional<double> lastUpdateSeconds_;
