@@ -101,8 +101,9 @@ void MicrophoneCapture::setupEngine(std::uint32_t bufferSizeFrames) {
     logger().info("Hardware input format: " + hardwareFormat.description());
 
     std::weak_ptr<MicrophoneCapture> weakSelf = weak_from_this();
-    audioEngine_->installTap(kInputBus, bufferSizeFrames, hardwareFormat, [weakSelf](const PcmBuffer& buffer) {
-        if (auto self = weakSelf.lock()) self->handleTapBuffer(buffer);
+    audioEngine_->installTap(kInputBus, bufferSizeFrames, hardwareFormat, [weakSelf](const PcmBuffer& buffer,
+                                                                                     double lastFrameAgeSeconds) {
+        if (auto self = weakSelf.lock()) self->handleTapBuffer(buffer, lastFrameAgeSeconds);
     });
     inputFormat_ = audioEngine_->outputFormat(kInputBus);
 
@@ -127,7 +128,7 @@ void MicrophoneCapture::cleanup() {
     logger().debug("Cleanup completed");
 }
 
-void MicrophoneCapture::handleTapBuffer(const PcmBuffer& buffer) {
+void MicrophoneCapture::handleTapBuffer(const PcmBuffer& buffer, double lastFrameAgeSeconds) {
     const auto channelData = buffer.floatChannelData();
     const std::uint32_t inputChannels = buffer.channelCount();
     const std::uint32_t frames = buffer.frameLength();
@@ -149,7 +150,8 @@ void MicrophoneCapture::handleTapBuffer(const PcmBuffer& buffer) {
                    " source pointers";
         });
     }
-    const std::int64_t written = ringBuffer_->write(std::span<const float* const>(sources.data(), ringChannels), frames);
+    const std::int64_t written =
+        ringBuffer_->write(std::span<const float* const>(sources.data(), ringChannels), frames, lastFrameAgeSeconds);
     // A full ring means the mixer has stalled; every block would overrun from then on, so
     // the line is sampled like the other callback lines rather than written per block.
     if (written < static_cast<std::int64_t>(frames) && oneIn(100)) {

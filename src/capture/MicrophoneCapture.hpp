@@ -50,7 +50,7 @@ public:
     const std::string& clockDeviceUID() const { return clockDeviceUID_; }
 
     // One tapped block; runs on the engine's delivery thread (public so that tests can drive it).
-    void handleTapBuffer(const PcmBuffer& buffer);
+    void handleTapBuffer(const PcmBuffer& buffer, double lastFrameAgeSeconds);
 
 private:
     void setupEngine(std::uint32_t bufferSizeFrames);

@@ -193,8 +193,8 @@ void SystemAudioTap::createIOBlock() {
     std::weak_ptr<SystemAudioTap> weakSelf = weak_from_this();
     AudioDeviceIOProcID procID = 0;
     const OSStatus status = hardware_->createIOProcIDWithBlock(
-        procID, aggregateID_, [weakSelf](const AudioBufferList& inputData) {
-            if (auto self = weakSelf.lock()) self->handleInput(inputData);
+        procID, aggregateID_, [weakSelf](const AudioBufferList& inputData, double lastFrameAgeSeconds) {
+            if (auto self = weakSelf.lock()) self->handleInput(inputData, lastFrameAgeSeconds);
         });
     if (status != noErr) throw statusError("AudioDeviceCreateIOProcIDWithBlock", status);
     procID_ = procID;
@@ -230,7 +230,7 @@ void SystemAudioTap::cleanup() {
     ringBuffer_->reset();
 }
 
-void SystemAudioTap::handleInput(const AudioBufferList& bufferList) {
+void SystemAudioTap::handleInput(const AudioBufferList& bufferList, double lastFrameAgeSeconds) {
     // Degradation policy: nothing here fails outward. A malformed or oversized cycle is
     // written as nothing; the mixer reads silence for it.
     if (bufferList.mNumberBuffers == 0 || bufferList.mBuffers == nullptr) {
@@ -263,7 +263,8 @@ void SystemAudioTap::handleInput(const AudioBufferList& bufferList) {
             for (std::uint32_t f = 0; f < frames; ++f) destination[f] = data[static_cast<std::size_t>(f) * channels + c];
             sources[c] = destination;
         }
-        const std::int64_t written = ringBuffer_->write(std::span<const float* const>(sources.data(), use), frames);
+        const std::int64_t written =
+            ringBuffer_->write(std::span<const float* const>(sources.data(), use), frames, lastFrameAgeSeconds);
         if (oneIn(2000)) logWrite("interleaved", written, frames, *ringBuffer_);
         return;
     }
@@ -274,7 +275,8 @@ void SystemAudioTap::handleInput(const AudioBufferList& bufferList) {
         if (bufferList.mBuffers[c].mData == nullptr) return;
         sources[c] = static_cast<const float*>(bufferList.mBuffers[c].mData);
     }
-    const std::int64_t written = ringBuffer_->write(std::span<const float* const>(sources.data(), use), frames);
+    const std::int64_t written =
+            ringBuffer_->write(std::span<const float* const>(sources.data(), use), frames, lastFrameAgeSeconds);
     if (oneIn(2000)) logWrite("non-interleaved", written, frames, *ringBuffer_);
 }
 

@@ -49,7 +49,7 @@ public:
     const std::string& clockDeviceUID() const { return clockDeviceUID_; }
 
     // One IO cycle's input; runs on the IO queue (public so that tests can drive it).
-    void handleInput(const platform::AudioBufferList& bufferList);
+    void handleInput(const platform::AudioBufferList& bufferList, double lastFrameAgeSeconds);
 
 private:
     void createProcessTap(std::vector<platform::AudioObjectID> processes);

@@ -242,7 +242,7 @@ void AudioRecorder::setupRecording() {
     // The tap thread only copies samples into the inlet; the recorder queue collects them.
     auto inlet = tapInlet_;
     audioEngine_->installTap(kInputBus, kTapBufferSizeFrames, inputFormat,
-                             [inlet](const PcmBuffer& buffer) { inlet->push(buffer); });
+                             [inlet](const PcmBuffer& buffer, double) { inlet->push(buffer); });
     tapInstalled_ = true;
 }
 

@@ -23,7 +23,11 @@
 namespace velto::platform {
 
 // Called once per IO cycle with the captured input. Must only move samples.
-using AudioDeviceIOBlock = std::function<void(const AudioBufferList& inputData)>;
+// `lastFrameAgeSeconds`: how long before this call the block's last frame was
+// captured, as far as the device tells (its input time stamp; 0 when it says
+// nothing). A block cut from audio that arrived with more behind it is that much
+// older than the call, which is what keeps a drift estimate off the cutting.
+using AudioDeviceIOBlock = std::function<void(const AudioBufferList& inputData, double lastFrameAgeSeconds)>;
 
 // What a start needs to know of the system at one moment: the processes that play, the
 // devices with their UIDs, and the default output. Each lookup then reads this value

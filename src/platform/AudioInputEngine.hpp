@@ -16,7 +16,8 @@
 namespace velto::platform {
 
 // Receives one block of about the requested frame count; the buffer is valid only during the call.
-using AudioInputTapBlock = std::function<void(const PcmBuffer& buffer)>;
+// `lastFrameAgeSeconds` as for AudioDeviceIOBlock: how long before the call the block's last frame was captured.
+using AudioInputTapBlock = std::function<void(const PcmBuffer& buffer, double lastFrameAgeSeconds)>;
 
 class AudioInputEngine {
 public:

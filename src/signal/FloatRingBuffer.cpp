@@ -41,7 +41,7 @@ FloatRingBuffer::~FloatRingBuffer() {
     logger().debug("Deallocated FloatRingBuffer");
 }
 
-int64_t FloatRingBuffer::write(std::span<const float* const> sources, int64_t frameCount) {
+int64_t FloatRingBuffer::write(std::span<const float* const> sources, int64_t frameCount, double lastFrameAgeSeconds) {
     if (frameCount < 1) {
         return 0;
     }
@@ -65,7 +65,7 @@ int64_t FloatRingBuffer::write(std::span<const float* const> sources, int64_t fr
     }
     positions_.finishedWrite(free.totalFrames());
     if (deliveryClock_) {
-        const double now = deliveryClock_->nowSeconds();
+        const double now = deliveryClock_->nowSeconds() - lastFrameAgeSeconds;
         const uint64_t sequence = deliverySequence_.load(std::memory_order_relaxed);
         deliverySequence_.store(sequence + 1, std::memory_order_relaxed);
         std::atomic_thread_fence(std::memory_order_release);

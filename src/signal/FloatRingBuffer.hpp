@@ -55,8 +55,10 @@ public:
 
     // Producer only. `sources` holds one pointer per channel, each to
     // `frameCount` samples. Returns the frames stored (0 ... frameCount).
-    // Allocates nothing; logs only on a channel-count mismatch.
-    int64_t write(std::span<const float* const> sources, int64_t frameCount);
+    // `lastFrameAgeSeconds`: how long before now the last frame was captured;
+    // the write is stamped that much earlier. Allocates nothing; logs only on a
+    // channel-count mismatch.
+    int64_t write(std::span<const float* const> sources, int64_t frameCount, double lastFrameAgeSeconds = 0.0);
 
     // Consumer only. Every destination receives exactly `frameCount` samples:
     // the stored frames, then zeros. A channel-count mismatch leaves the

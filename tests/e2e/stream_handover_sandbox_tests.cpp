@@ -37,7 +37,7 @@ struct Recording {
     std::mutex mutex;
     std::vector<float> samples;
     PulseCaptureStream::Delivery delivery() {
-        return [this](const float* interleaved, std::uint32_t frames) {
+        return [this](const float* interleaved, std::uint32_t frames, double) {
             std::lock_guard lock(mutex);
             for (std::uint32_t f = 0; f < frames; ++f) samples.push_back(interleaved[f * 2]);
         };

@@ -54,7 +54,7 @@ bool FakeAudioHardware::deliverInput(const AudioBufferList& input) {
         block = ioBlock_;
     }
     if (!block) return false;
-    (*block)(input);
+    (*block)(input, 0.0);
     return true;
 }
 

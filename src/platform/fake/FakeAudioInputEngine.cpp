@@ -37,7 +37,7 @@ bool FakeAudioInputEngine::deliver(const PcmBuffer& buffer) {
         tap = tap_;
     }
     if (!tap) return false;
-    (*tap)(buffer);
+    (*tap)(buffer, 0.0);
     return true;
 }
 

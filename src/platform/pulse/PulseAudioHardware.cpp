@@ -291,11 +291,12 @@ OSStatus PulseAudioHardware::deviceStart(AudioObjectID deviceID, AudioDeviceIOPr
     // returns), and a hop onto another thread would cost two context switches per block.
     auto block = proc->block;
     const std::uint32_t channels = options.channels;
-    const PulseCaptureStream::Delivery delivery = [block, channels](const float* interleaved, std::uint32_t frames) {
+    const PulseCaptureStream::Delivery delivery = [block, channels](const float* interleaved, std::uint32_t frames,
+                                                                     double lastFrameAgeSeconds) {
         AudioBuffer buffer{channels, frames * channels * static_cast<std::uint32_t>(sizeof(float)),
                            const_cast<float*>(interleaved)};
         const AudioBufferList list{1, &buffer};
-        (*block)(list);
+        (*block)(list, lastFrameAgeSeconds);
     };
     std::unique_ptr<PulseCaptureStream> stream = handover_ ? handover_->adopt(options, delivery) : nullptr;
     try {

@@ -106,7 +106,8 @@ void PulseAudioInputEngine::start() {
     options.channels = format.channelCount;
     options.blockFrames = blockFrames;
     options.streamName = "VeltoAudio microphone";
-    const PulseCaptureStream::Delivery delivery = [this](const float* interleaved, std::uint32_t frames) {
+    const PulseCaptureStream::Delivery delivery = [this](const float* interleaved, std::uint32_t frames,
+                                                         double lastFrameAgeSeconds) {
         PcmBuffer& block = *deliveryBuffer_;
         const std::uint32_t channels = block.channelCount();
         const auto destinations = block.floatChannelData();
@@ -116,7 +117,7 @@ void PulseAudioInputEngine::start() {
         }
         block.setFrameLength(frames);
         std::lock_guard lock(tapMutex_);
-        if (tap_) (*tap_)(block);
+        if (tap_) (*tap_)(block, lastFrameAgeSeconds);
     };
     if (handover_) stream_ = handover_->adopt(options, delivery);
     if (!stream_) stream_ = PulseCaptureStream::open(connection_, options, delivery);

@@ -78,7 +78,7 @@ AuthorizationStatus PulseCaptureDeviceDiscovery::authorizationStatus() {
     options.blockFrames = 256;
     options.streamName = "VeltoAudio access check";
     try {
-        auto stream = PulseCaptureStream::open(connection_, options, [](const float*, std::uint32_t) {});
+        auto stream = PulseCaptureStream::open(connection_, options, [](const float*, std::uint32_t, double) {});
         stream->close();
         return AuthorizationStatus::authorized;
     } catch (const PlatformError& failure) {

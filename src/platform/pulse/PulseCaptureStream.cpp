@@ -214,7 +214,7 @@ bool PulseCaptureStream::deliverCapturedSoFar() {
     // shorter, since nothing after it may come before the owner stops.
     if (parked_) return arrived;
     if (const std::uint32_t tailFrames = ring_.readAvailable(block_.data(), options_.blockFrames); tailFrames > 0) {
-        delivery_(block_.data(), tailFrames);
+        delivery_(block_.data(), tailFrames, 0.0);
         deliveredBlocks_.fetch_add(1, std::memory_order_relaxed);
     }
     const int waitedMilliseconds = static_cast<int>((monotonicSeconds() - begunSeconds) * 1000.0);
@@ -334,7 +334,7 @@ void PulseCaptureStream::armTimerAt(double dueSeconds) {
 void PulseCaptureStream::deliverSilence(std::uint32_t blocks) {
     std::fill(block_.begin(), block_.end(), 0.0f);
     for (; blocks > 0; --blocks) {
-        delivery_(block_.data(), options_.blockFrames);
+        delivery_(block_.data(), options_.blockFrames, 0.0);
         silenceBlocks_.fetch_add(1, std::memory_order_relaxed);
     }
 }
@@ -354,7 +354,12 @@ void PulseCaptureStream::deliverDue(bool fromTimer) {
     }
     bool delivered = false;
     while (ring_.read(block_.data(), options_.blockFrames)) {
-        delivery_(block_.data(), options_.blockFrames);
+        // What stays in the ring came in after this block's last frame, no earlier than
+        // in real time: the block is at least that old. A block's end falls anywhere in
+        // what the server hands on at once, and without this its stamp would wander by
+        // up to a block as the two sizes slide past each other.
+        const double lastFrameAgeSeconds = static_cast<double>(ring_.availableFrames()) / options_.sampleRateHertz;
+        delivery_(block_.data(), options_.blockFrames, lastFrameAgeSeconds);
         deliveredBlocks_.fetch_add(1, std::memory_order_relaxed);
         delivered = true;
     }
@@ -381,7 +386,7 @@ void PulseCaptureStream::deliverDue(bool fromTimer) {
         const std::uint32_t tailFrames = wentQuiet ? ring_.readAvailable(block_.data(), options_.blockFrames) : 0;
         if (tailFrames > 0) {
             std::fill(block_.begin() + static_cast<std::ptrdiff_t>(tailFrames) * options_.channels, block_.end(), 0.0f);
-            delivery_(block_.data(), options_.blockFrames);
+            delivery_(block_.data(), options_.blockFrames, 0.0);
             silenceBlocks_.fetch_add(1, std::memory_order_relaxed);
             --silent;
         }

@@ -41,7 +41,9 @@ struct PulseCaptureStreamOptions {
 class PulseCaptureStream {
 public:
     // Called on the main-loop thread with `blockFrames` interleaved frames.
-    using Delivery = std::function<void(const float* interleaved, std::uint32_t frames)>;
+    // `lastFrameAgeSeconds`: how long ago the block's last frame arrived (what arrived
+    // with it and waits for the next block came after it; 0 for silence given).
+    using Delivery = std::function<void(const float* interleaved, std::uint32_t frames, double lastFrameAgeSeconds)>;
 
     // Connects the stream and waits until it records; throws PlatformError (domain
     // "PulseAudio") when the server, the source or the format is refused.

@@ -39,7 +39,7 @@ int systemAudioAccess() {
     options.blockFrames = 256;
     options.streamName = "VeltoAudio system audio access check";
     try {
-        auto stream = PulseCaptureStream::open(connection, options, [](const float*, std::uint32_t) {});
+        auto stream = PulseCaptureStream::open(connection, options, [](const float*, std::uint32_t, double) {});
         stream->close();
         return kGranted;
     } catch (const velto::PlatformError& failure) {
