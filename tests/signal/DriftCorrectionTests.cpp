@@ -8,7 +8,9 @@
 
 #include "MixerTestRig.hpp"
 #include "SignalQuality.hpp"
+#include "dispatch/Clock.hpp"
 #include "signal/DriftController.hpp"
+#include "signal/FloatRingBuffer.hpp"
 #include "signal/VariableRatioResampler.hpp"
 
 // Sources whose clocks disagree with the mixer's: the fine resampler that
@@ -141,6 +143,21 @@ TEST(DriftControllerTest, FollowsTheEarliestDeliveriesWhenHowLateTheOthersComeWa
         EXPECT_LT(run.delayMoveAfterSettling, 0.001) << "skew " << skew * 1e6 << " ppm";
         EXPECT_NEAR(run.finalSkewEstimate, skew, 20e-6) << "skew " << skew * 1e6 << " ppm";
     }
+}
+
+// A block whose last frame came in earlier than the write (cut from a larger
+// delivery) is stamped when that frame came in, not when it was handed on.
+TEST(DriftControllerTest, ARingStampsAWriteWithItsLastFramesAge) {
+    auto clock = std::make_shared<ManualClock>(100.0);
+    FloatRingBuffer ring(1, 4096);
+    const std::vector<float> block(1024, 0.25f);
+    const float* channels[] = {block.data()};
+    EXPECT_FALSE(ring.lastDelivery());
+    ring.stampDeliveriesWith(clock);
+    ring.write(channels, 1024, 0.004);
+    ASSERT_TRUE(ring.lastDelivery());
+    EXPECT_EQ(ring.lastDelivery()->totalWrittenFrames, 1024);
+    EXPECT_DOUBLE_EQ(ring.lastDelivery()->atSeconds, 99.996);
 }
 
 TEST(DriftControllerTest, ReportsASkewBeyondTheRangeAndStartsFromACarriedEstimate) {
