@@ -1,7 +1,7 @@
-// Both recorders on the real sound server: tones played into the sandbox speakers and the
-// virtual microphone must reach the recording file at the levels the gains imply, for the
-// length of the recording; pause, cancel, a muted source and a device appearing
-// mid-recording behave as each recorder promises.
+// The multi-source recorder on the real sound server: tones played into the sandbox
+// speakers and the virtual microphone must reach the recording file at the levels the gains
+// imply, for the length of the recording; pause, cancel, a muted source, a device appearing
+// mid-recording and a server going away behave as the recorder promises.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,21 +11,18 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <optional>
 #include <mutex>
 #include <numbers>
+#include <optional>
 #include <thread>
 
 #include <unistd.h>
 
 #include "../microphone_recorder/RecorderTestSupport.hpp"
 #include "capture_sandbox_signals.hpp"
-#include "microphone_recorder/AudioRecorder.hpp"
 #include "platform/PlatformServices.hpp"
-#include "support/CapturedLogs.hpp"
 #include "unified_recorder/UnifiedAudioRecorder.hpp"
 #include "veltoaudio/RecordingError.hpp"
 
@@ -66,7 +63,7 @@ private:
     std::thread thread_;
 };
 
-// Reads the recorder's events on a thread of its own, noting when each arrived.
+// Reads the recorder's events on a thread of its own.
 class EventLog {
 public:
     explicit EventLog(EventStream<RecordingEvent> stream)
@@ -74,7 +71,7 @@ public:
               try {
                   while (auto event = stream_.next()) {
                       std::lock_guard lock(mutex_);
-                      entries_.push_back({*event, SteadyClock::now()});
+                      events_.push_back(*event);
                   }
               } catch (...) {
                   std::lock_guard lock(mutex_);
@@ -86,49 +83,20 @@ public:
         stream_.cancel();
         reader_.join();
     }
-    struct Entry {
-        RecordingEvent event;
-        SteadyClock::time_point arrival;
-    };
-    std::vector<Entry> entries() {
-        std::lock_guard lock(mutex_);
-        return entries_;
-    }
     std::vector<RecordingEvent> events() {
-        std::vector<RecordingEvent> events;
-        for (const auto& e : entries()) events.push_back(e.event);
-        return events;
-    }
-    // When the first event of that kind arrived; nothing if none came in time.
-    std::optional<SteadyClock::time_point> waitFor(Kind kind, std::chrono::milliseconds timeout = 10s) {
-        for (const auto deadline = SteadyClock::now() + timeout; SteadyClock::now() < deadline;
-             std::this_thread::sleep_for(5ms)) {
-            for (const auto& e : entries()) {
-                if (e.event.kind == kind) return e.arrival;
-            }
-        }
-        return std::nullopt;
-    }
-    bool waitForEnd(std::chrono::milliseconds timeout = 10s) {
-        const auto deadline = SteadyClock::now() + timeout;
-        while (!ended_ && SteadyClock::now() < deadline) std::this_thread::sleep_for(5ms);
-        return ended_;
-    }
-    // From `started` to the first progress that carries mixed levels: how long the
-    // sources took to deliver and the jitter reserve to fill (to within one tick).
-    double startUpSeconds() {
-        std::optional<SteadyClock::time_point> started;
-        for (const auto& e : entries()) {
-            if (e.event.kind == Kind::started) started = e.arrival;
-            if (started && e.event.kind == Kind::progress && e.event.audioLevels.average > -159.0f) {
-                return std::chrono::duration<double>(e.arrival - *started).count();
-            }
-        }
-        return 0.0;
+        std::lock_guard lock(mutex_);
+        return events_;
     }
     std::exception_ptr error() {
         std::lock_guard lock(mutex_);
         return error_;
+    }
+    // Waits for the first event of that kind or, without one, for the end of the stream.
+    bool waitFor(std::optional<Kind> kind, std::chrono::milliseconds timeout = 10s) {
+        for (const auto deadline = SteadyClock::now() + timeout;; std::this_thread::sleep_for(5ms)) {
+            if (kind ? count(*kind) > 0 : ended_.load()) return true;
+            if (SteadyClock::now() >= deadline) return false;
+        }
     }
     int count(Kind kind) { return velto::testing::countOf(events(), kind); }
     std::vector<Kind> shape() { return velto::testing::shapeOf(events()); }
@@ -136,7 +104,7 @@ public:
 private:
     EventStream<RecordingEvent> stream_;
     std::mutex mutex_;
-    std::vector<Entry> entries_;
+    std::vector<RecordingEvent> events_;
     std::exception_ptr error_;
     std::atomic<bool> ended_{false};
     std::thread reader_;
@@ -160,8 +128,32 @@ double seconds(SteadyClock::duration d) { return std::chrono::duration<double>(d
 
 class RecordingSandboxTest : public ::testing::Test {
 protected:
+    // Starts a recording into `name` and waits for its start.
+    std::shared_ptr<UnifiedAudioRecorder> start(const std::string& name, AudioSources sources,
+                                                AudioFormat format = AudioFormat::wav,
+                                                TrackLayout layout = TrackLayout::mixed) {
+        file = directory.path() / name;
+        RecordingConfiguration configuration(format, sources, std::nullopt, BufferConfiguration::defaultConfiguration());
+        configuration.trackLayout = layout;
+        auto recorder = UnifiedAudioRecorder::create(file, configuration, services);
+        events.emplace(recorder->events());
+        EXPECT_TRUE(events->waitFor(Kind::started)) << "the recording did not start";
+        started = SteadyClock::now();
+        return recorder;
+    }
+    // Stops or cancels the recording, which must then end without an error.
+    void end(UnifiedAudioRecorder& recorder, bool cancel = false) {
+        cancel ? recorder.cancel() : recorder.stop();
+        stopped = SteadyClock::now();
+        EXPECT_TRUE(events->waitFor(std::nullopt)) << "the recording did not end";
+        EXPECT_EQ(events->error(), nullptr);
+    }
+
     platform::PlatformServices services = platform::PlatformServices::pulse();
     velto::testing::TemporaryDirectory directory;
+    std::filesystem::path file;
+    std::optional<EventLog> events;
+    SteadyClock::time_point started, stopped;
 };
 
 // Every source case, each format in turn (the formats' own round trips are unit tests).
@@ -179,49 +171,34 @@ TEST_F(RecordingSandboxTest, EverySourceCaseRecordsTheTonesAtTheirGains) {
         {"both", AudioSources::both(), AudioFormat::wav, 0.3 * kToneAmplitude, 0.3 * kToneAmplitude},
     };
     for (const auto& c : cases) {
-        const AudioFormat format = c.format;
-        SCOPED_TRACE(std::string(c.name) + " " + fileExtension(format));
-        const auto file = directory.path() / (std::string(c.name) + "." + fileExtension(format));
+        SCOPED_TRACE(std::string(c.name) + " " + fileExtension(c.format));
         Player microphone(kMicrophoneIn, 1, 5.6, sine(kMicrophoneToneHertz, kToneAmplitude));
         Player speakers(kSpeakers, 2, 5.6, sine(kSystemToneHertz, kToneAmplitude));
         std::this_thread::sleep_for(kPlayerLead);
-        auto recorder = UnifiedAudioRecorder::create(
-            file, RecordingConfiguration(format, c.sources, std::nullopt, BufferConfiguration::defaultConfiguration()),
-            services);
-        EventLog events(recorder->events());
-        const auto startedAt = events.waitFor(Kind::started);
-        ASSERT_TRUE(startedAt);
-        const auto started = *startedAt;
+        auto recorder = start(std::string(c.name) + "." + fileExtension(c.format), c.sources, c.format);
         std::this_thread::sleep_until(started + 4s);
-        recorder->stop();
-        const double wallSeconds = seconds(SteadyClock::now() - started);
-        ASSERT_TRUE(events.waitForEnd());
-        EXPECT_EQ(events.error(), nullptr);
-        EXPECT_THAT(events.shape(), ::testing::ElementsAre(Kind::starting, Kind::started, Kind::progress, Kind::finished));
-        EXPECT_NEAR(events.count(Kind::progress), 40, 4);
+        end(*recorder);
+        EXPECT_THAT(events->shape(), ::testing::ElementsAre(Kind::starting, Kind::started, Kind::progress, Kind::finished));
+        EXPECT_NEAR(events->count(Kind::progress), 40, 4);
 
         const auto recorded = readRecording(file);
         ASSERT_TRUE(recorded.opened);
         EXPECT_EQ(recorded.sampleRate, 16000.0);
         EXPECT_EQ(recorded.channels, 1);
-        const double fileSeconds = static_cast<double>(recorded.samples.size()) / 16000.0;
-        const double startUpSeconds = events.startUpSeconds();
         // The file covers the whole recording: silence where the sources had nothing yet,
         // and at the stop everything captured, down to the resamplers' last frames.
-        EXPECT_NEAR(fileSeconds, wallSeconds, 0.3)
-            << "file " << fileSeconds << " s, wall " << wallSeconds << " s, start-up " << startUpSeconds << " s";
-        EXPECT_LT(startUpSeconds, 1.0);
-        std::printf("[ measure  ] %s %s: file %.3f s for %.3f s wall, %.3f s start-up\n", c.name,
-                    fileExtension(format).c_str(), fileSeconds, wallSeconds, startUpSeconds);
-
+        const double fileSeconds = static_cast<double>(recorded.samples.size()) / 16000.0;
+        EXPECT_NEAR(fileSeconds, seconds(stopped - started), 0.3);
         // The virtual microphone sometimes takes up to a second to carry the first tone
         // after its stream opens; levels are taken from 2 s on.
-        const std::size_t begin = 32000, end = recorded.samples.size() - 1600;
-        ASSERT_GT(end, begin + 8000);
-        const double mic = toneAmplitude(recorded.samples, begin, end, kMicrophoneToneHertz);
-        const double system = toneAmplitude(recorded.samples, begin, end, kSystemToneHertz);
-        std::printf("[ measure  ] %s %s: microphone tone %.4f (want %.4f), system tone %.4f (want %.4f)\n", c.name,
-                    fileExtension(format).c_str(), mic, c.microphoneAmplitude, system, c.systemAmplitude);
+        const std::size_t first = 32000, last = recorded.samples.size() - 1600;
+        ASSERT_GT(last, first + 8000);
+        const double mic = toneAmplitude(recorded.samples, first, last, kMicrophoneToneHertz);
+        const double system = toneAmplitude(recorded.samples, first, last, kSystemToneHertz);
+        std::printf("[ measure  ] %s %s: file %.3f s for %.3f s, microphone tone %.4f (want %.4f), system tone %.4f (want "
+                    "%.4f)\n",
+                    c.name, fileExtension(c.format).c_str(), fileSeconds, seconds(stopped - started), mic,
+                    c.microphoneAmplitude, system, c.systemAmplitude);
         EXPECT_NEAR(mic, c.microphoneAmplitude, 0.1 * kToneAmplitude);
         EXPECT_NEAR(system, c.systemAmplitude, 0.1 * kToneAmplitude);
         EXPECT_TRUE(microphone.played());
@@ -259,50 +236,32 @@ std::vector<int> stepsHeard(const std::vector<float>& samples, int steps) {
 
 // What is played while paused never reaches the file: the steps of the pause are missing,
 // those before and after follow one another; elapsed time stands still meanwhile.
-TEST_F(RecordingSandboxTest, PausingTheMultiSourceRecorderLeavesThePauseOutOfTheFile) {
-    const auto file = directory.path() / "paused.wav";
+TEST_F(RecordingSandboxTest, PausingLeavesThePauseOutOfTheFile) {
     constexpr int kSteps = 28;  // 7 s, up to 3000 Hz
     Player microphone(kMicrophoneIn, 1, kSteps * kStepSeconds, steppedTone(kToneAmplitude));
     std::this_thread::sleep_for(kPlayerLead);
-    auto recorder = UnifiedAudioRecorder::create(
-        file, RecordingConfiguration(AudioFormat::wav, AudioSources::microphoneOnly(), std::nullopt,
-                                     BufferConfiguration::defaultConfiguration()),
-        services);
-    EventLog events(recorder->events());
-    const auto startedAt = events.waitFor(Kind::started);
-    ASSERT_TRUE(startedAt);
-    const auto started = *startedAt;
+    auto recorder = start("paused.wav", AudioSources::microphoneOnly());
     std::this_thread::sleep_until(started + 1500ms);
     recorder->pause();
-    const auto pausedAt = SteadyClock::now();
     std::this_thread::sleep_until(started + 3500ms);
-    const auto resumedAt = SteadyClock::now();
     recorder->resume();
     std::this_thread::sleep_until(started + 4500ms);
-    recorder->stop();
-    const double wallSeconds = seconds(SteadyClock::now() - started);
-    ASSERT_TRUE(events.waitForEnd());
-    EXPECT_EQ(events.error(), nullptr);
+    end(*recorder);
+    const double wallSeconds = seconds(stopped - started);
 
     double pausedElapsed = -1, resumedElapsed = -2, lastProgress = 0;
-    int progressWhilePaused = 0;
-    for (const auto& e : events.entries()) {
-        if (e.event.kind == Kind::paused) pausedElapsed = e.event.elapsedSeconds;
-        if (e.event.kind == Kind::resumed) resumedElapsed = e.event.elapsedSeconds;
-        if (e.event.kind == Kind::progress) {
-            lastProgress = e.event.elapsedSeconds;
-            if (e.arrival > pausedAt + 20ms && e.arrival < resumedAt) ++progressWhilePaused;
-        }
+    for (const auto& event : events->events()) {
+        if (event.kind == Kind::paused) pausedElapsed = event.elapsedSeconds;
+        if (event.kind == Kind::resumed) resumedElapsed = event.elapsedSeconds;
+        if (event.kind == Kind::progress) lastProgress = event.elapsedSeconds;
     }
-    EXPECT_EQ(progressWhilePaused, 0);
     EXPECT_NEAR(pausedElapsed, 1.5, 0.15);
     // A block the mixer was writing as the pause came may still land: at most one tick.
     EXPECT_NEAR(resumedElapsed, pausedElapsed, 0.03);
 
     const auto recorded = readRecording(file);
     const double fileSeconds = static_cast<double>(recorded.samples.size()) / 16000.0;
-    std::printf("[ measure  ] multi-source recorder: file %.3f s for %.3f s wall with a 2 s pause\n", fileSeconds,
-                wallSeconds);
+    std::printf("[ measure  ] file %.3f s for %.3f s with a 2 s pause\n", fileSeconds, wallSeconds);
     EXPECT_NEAR(fileSeconds, wallSeconds - 2.0, 0.3);
     EXPECT_LE(lastProgress, fileSeconds);
 
@@ -323,103 +282,28 @@ TEST_F(RecordingSandboxTest, PausingTheMultiSourceRecorderLeavesThePauseOutOfThe
 }
 
 // A muted microphone: warned about after ten seconds, the recording goes on, and its
-// return is reported too.
-TEST_F(RecordingSandboxTest, AMutedMicrophoneIsReportedAfterTenSecondsAndItsReturnToo) {
-    const auto file = directory.path() / "muted.wav";
+// return is reported too. Cancelled, the recording ends so and keeps its file.
+TEST_F(RecordingSandboxTest, AMutedMicrophoneIsReportedAndACancelledRecordingKeepsItsFile) {
     Player microphone(kMicrophoneIn, 1, 16.0, sine(kMicrophoneToneHertz, kToneAmplitude));
     std::this_thread::sleep_for(kPlayerLead);
-    auto recorder = UnifiedAudioRecorder::create(
-        file, RecordingConfiguration(AudioFormat::wav, AudioSources::microphoneOnly(), std::nullopt,
-                                     BufferConfiguration::defaultConfiguration()),
-        services);
-    EventLog events(recorder->events());
-    ASSERT_TRUE(events.waitFor(Kind::started));
+    auto recorder = start("muted.wav", AudioSources::microphoneOnly());
     std::this_thread::sleep_for(1s);
     ASSERT_EQ(std::system("pactl set-source-mute velto_mic 1"), 0);
-    const bool reported = events.waitFor(Kind::silence, 12s).has_value();
+    const bool reported = events->waitFor(Kind::silence, 12s);
     ASSERT_EQ(std::system("pactl set-source-mute velto_mic 0"), 0);
     EXPECT_TRUE(reported);
-    EXPECT_TRUE(events.waitFor(Kind::signal, 3s));
-    recorder->stop();
-    ASSERT_TRUE(events.waitForEnd());
-    EXPECT_EQ(events.error(), nullptr);
-    for (const auto& e : events.entries()) {
-        if (e.event.kind == Kind::silence) {
-            EXPECT_EQ(e.event.source, RecordingEvent::Source::microphone);
-            EXPECT_LE(e.event.elapsedSeconds, 1.5);  // from the mute, or earlier if the tone came late
+    EXPECT_TRUE(events->waitFor(Kind::signal, 3s));
+    end(*recorder, true);
+    for (const auto& event : events->events()) {
+        if (event.kind == Kind::silence) {
+            EXPECT_EQ(event.source, RecordingEvent::Source::microphone);
+            EXPECT_LE(event.elapsedSeconds, 1.5);  // from the mute, or earlier if the tone came late
         }
     }
-    EXPECT_EQ(events.count(Kind::silence), 1);
-    EXPECT_EQ(events.entries().back().event.kind, Kind::finished);
-}
-
-TEST_F(RecordingSandboxTest, PausingTheMicrophoneRecorderLeavesThePauseOutOfTheFile) {
-    const auto file = directory.path() / "paused.wav";
-    Player microphone(kMicrophoneIn, 1, 4.6, sine(kMicrophoneToneHertz, kToneAmplitude));
-    std::this_thread::sleep_for(kPlayerLead);
-    auto recorder = AudioRecorder::create(file, AudioFormat::wav, std::nullopt, services);
-    EventLog events(recorder->events());
-    const auto startedAt = events.waitFor(Kind::started);
-    ASSERT_TRUE(startedAt);
-    const auto started = *startedAt;
-    std::this_thread::sleep_until(started + 1s);
-    recorder->pause();
-    std::this_thread::sleep_until(started + 2s);
-    recorder->resume();
-    std::this_thread::sleep_until(started + 3s);
-    recorder->stop();
-    ASSERT_TRUE(events.waitForEnd());
-    EXPECT_EQ(events.error(), nullptr);
-    EXPECT_THAT(events.shape(), ::testing::ElementsAre(Kind::starting, Kind::started, Kind::progress, Kind::paused,
-                                                       Kind::resumed, Kind::progress, Kind::finished));
-    double pausedAt = 0, resumedAt = 0;
-    for (const auto& e : events.entries()) {
-        if (e.event.kind == Kind::paused) pausedAt = e.event.elapsedSeconds;
-        if (e.event.kind == Kind::resumed) resumedAt = e.event.elapsedSeconds;
-    }
-    // Recorded time: it stands still while paused.
-    EXPECT_LE(pausedAt, 1.05);
-    EXPECT_DOUBLE_EQ(resumedAt, pausedAt);
-
-    const auto recorded = readRecording(file);
-    const double fileSeconds = static_cast<double>(recorded.samples.size()) / 16000.0;
-    std::printf("[ measure  ] microphone recorder: file %.3f s for 3 s with a 1 s pause\n", fileSeconds);
-    EXPECT_NEAR(fileSeconds, 2.0, 0.3);
-    ASSERT_GT(recorded.samples.size(), 24000u);
-    // The second half of the file is what followed the resume.
-    EXPECT_NEAR(toneAmplitude(recorded.samples, recorded.samples.size() - 14400, recorded.samples.size() - 1600,
-                              kMicrophoneToneHertz),
-                kToneAmplitude, 0.05);
-}
-
-TEST_F(RecordingSandboxTest, CancellingKeepsOrRemovesTheFileAsEachRecorderPromises) {
-    {
-        const auto file = directory.path() / "cancelled-unified.wav";
-        auto recorder = UnifiedAudioRecorder::create(
-            file, RecordingConfiguration(AudioFormat::wav, AudioSources::both(), std::nullopt,
-                                         BufferConfiguration::defaultConfiguration()),
-            services);
-        EventLog events(recorder->events());
-        ASSERT_TRUE(events.waitFor(Kind::started));
-        std::this_thread::sleep_for(500ms);
-        recorder->cancel();
-        ASSERT_TRUE(events.waitForEnd());
-        EXPECT_EQ(events.error(), nullptr);
-        EXPECT_EQ(events.entries().back().event.kind, Kind::cancelled);
-        EXPECT_TRUE(std::filesystem::exists(file));
-    }
-    {
-        const auto file = directory.path() / "cancelled-microphone.wav";
-        auto recorder = AudioRecorder::create(file, AudioFormat::wav, std::nullopt, services);
-        EventLog events(recorder->events());
-        ASSERT_TRUE(events.waitFor(Kind::started));
-        std::this_thread::sleep_for(500ms);
-        recorder->cancel();
-        ASSERT_TRUE(events.waitForEnd());
-        EXPECT_EQ(events.error(), nullptr);
-        EXPECT_EQ(events.count(Kind::cancelled) + events.count(Kind::finished), 0);
-        EXPECT_FALSE(std::filesystem::exists(file));
-    }
+    EXPECT_EQ(events->count(Kind::silence), 1);
+    EXPECT_EQ(events->count(Kind::finished), 0);
+    EXPECT_EQ(events->events().back().kind, Kind::cancelled);
+    EXPECT_TRUE(std::filesystem::exists(file));
 }
 
 // The tone's amplitude rises steadily with wall time, so audio lost at the restart shows
@@ -431,15 +315,10 @@ TEST_F(RecordingSandboxTest, ADeviceLoadedMidRecordingRestartsCaptureWithoutAGap
         const char* sink;  // where the tone is played
         std::uint32_t channels;
         AudioSources sources;
-        const char* takeOver;  // the handover's line: the only sign that the restart took over the stream
     };
-    for (const auto& c : {Case{"microphone", kMicrophoneIn, 1, AudioSources::microphoneOnly(),
-                               "Took over the capture stream of the default source without a gap, "},
-                          Case{"system audio", kSpeakers, 2, AudioSources::systemAudioOnly(),
-                               "Took over the capture stream of velto_speakers.monitor without a gap, "}}) {
+    for (const auto& c : {Case{"microphone", kMicrophoneIn, 1, AudioSources::microphoneOnly()},
+                          Case{"system audio", kSpeakers, 2, AudioSources::systemAudioOnly()}}) {
         SCOPED_TRACE(c.name);
-        velto::testing::CapturedLogs logs;
-        const auto file = directory.path() / ("restart-" + std::to_string(c.channels) + ".wav");
         constexpr double kPlaySeconds = 6.0;
         constexpr double kSlopePerSecond = 0.15;  // played amplitude per second
         // 1 kHz: a whole number of periods in every 20 ms window of the envelope below.
@@ -447,14 +326,7 @@ TEST_F(RecordingSandboxTest, ADeviceLoadedMidRecordingRestartsCaptureWithoutAGap
             return static_cast<float>((0.1 + kSlopePerSecond * t) * std::sin(2.0 * std::numbers::pi * 1000.0 * t));
         });
         std::this_thread::sleep_for(kPlayerLead);
-        auto recorder = UnifiedAudioRecorder::create(
-            file,
-            RecordingConfiguration(AudioFormat::wav, c.sources, std::nullopt, BufferConfiguration::defaultConfiguration()),
-            services);
-        EventLog events(recorder->events());
-        const auto startedAt = events.waitFor(Kind::started);
-        ASSERT_TRUE(startedAt);
-        const auto started = *startedAt;
+        auto recorder = start("restart-" + std::to_string(c.channels) + ".wav", c.sources);
         std::this_thread::sleep_until(started + 2s);
         const auto firstMixer = recorder->mixer();
         const std::string sinkName = "velto_recording_extra_" + std::to_string(::getpid());
@@ -465,10 +337,8 @@ TEST_F(RecordingSandboxTest, ADeviceLoadedMidRecordingRestartsCaptureWithoutAGap
             pclose(load);
         }
         std::this_thread::sleep_until(started + 4s);
-        recorder->stop();
-        ASSERT_TRUE(events.waitForEnd());
+        end(*recorder);
         if (moduleIndex[0] != '\0') std::system(("pactl unload-module " + std::string(moduleIndex)).c_str());
-        EXPECT_EQ(events.error(), nullptr);
 
         // Envelope per 20 ms window (20 periods of the tone), in file time.
         const auto recorded = readRecording(file);
@@ -509,7 +379,6 @@ TEST_F(RecordingSandboxTest, ADeviceLoadedMidRecordingRestartsCaptureWithoutAGap
         // (0.0 to 0.1 ms measured). A new stream instead loses the restart's own time rounded
         // up to the source's 21 ms posting period: 21 to 80 ms.
         EXPECT_LT(std::fabs(lostMilliseconds), 5.0);
-        EXPECT_TRUE(logs.containsPrefix("PulseStreamHandover", c.takeOver));
     }
 }
 
@@ -523,28 +392,23 @@ int sandbox(const std::string& action) {
 }
 
 TEST_F(RecordingSandboxTest, WhenTheSoundServerGoesAwayTheRecordingEndsWithTheFileAndAnError) {
-    const auto file = directory.path() / "server-lost.wav";
     std::optional<Player> microphone;
     microphone.emplace(kMicrophoneIn, 1, 3.0, sine(kMicrophoneToneHertz, kToneAmplitude));
     std::this_thread::sleep_for(kPlayerLead);
-    auto recorder = UnifiedAudioRecorder::create(
-        file, RecordingConfiguration(AudioFormat::wav, AudioSources::both(), std::nullopt,
-                                     BufferConfiguration::defaultConfiguration()),
-        services);
-    EventLog events(recorder->events());
-    ASSERT_TRUE(events.waitFor(Kind::started));
+    auto recorder = start("server-lost.wav", AudioSources::both());
     std::this_thread::sleep_for(1500ms);
     microphone.reset();
     ASSERT_EQ(sandbox("stop"), 0);
-    const bool ended = events.waitForEnd(10s);
+    const bool ended = events->waitFor(std::nullopt, 10s);
     ASSERT_EQ(sandbox("start"), 0);
     ASSERT_TRUE(ended) << "the recording went on without a server";
 
-    ASSERT_FALSE(events.entries().empty());
-    EXPECT_EQ(events.entries().back().event.kind, Kind::finished);
-    EXPECT_EQ(events.entries().back().event.fileURL, file);
-    ASSERT_NE(events.error(), nullptr);
-    std::printf("[ measure  ] server gone: the recording ended with \"%s\"\n", describeError(events.error()).c_str());
+    const auto all = events->events();
+    ASSERT_FALSE(all.empty());
+    EXPECT_EQ(all.back().kind, Kind::finished);
+    EXPECT_EQ(all.back().fileURL, file);
+    ASSERT_NE(events->error(), nullptr);
+    std::printf("[ measure  ] server gone: the recording ended with \"%s\"\n", describeError(events->error()).c_str());
     const auto recorded = readRecording(file);
     ASSERT_TRUE(recorded.opened);
     EXPECT_GT(recorded.samples.size(), 16000u);  // what was captured before the server went
@@ -588,26 +452,16 @@ TEST_F(RecordingSandboxTest, SeparateTracksKeepEachSourceOnItsOwnAlignedChannel)
             return tone(t) + 0.3f * (static_cast<float>(state % 20001u) / 10000.0f - 1.0f);
         };
     };
-    const auto file = directory.path() / "separate.flac";
     Player microphone(kMicrophoneIn, 1, 9.0, withBursts(sine(kMicrophoneToneHertz, kToneAmplitude)));
     Player speakers(kSpeakers, 2, 9.0, withBursts(sine(kSystemToneHertz, kSystemAmplitude)));
     std::this_thread::sleep_for(kPlayerLead);
-    RecordingConfiguration configuration(AudioFormat::flac, AudioSources::both(), std::nullopt,
-                                         BufferConfiguration::defaultConfiguration());
-    configuration.trackLayout = TrackLayout::separate;
-    auto recorder = UnifiedAudioRecorder::create(file, configuration, services);
-    EventLog events(recorder->events());
-    const auto started = events.waitFor(Kind::started);
-    ASSERT_TRUE(started);
-    std::this_thread::sleep_until(*started + 6s);
-    recorder->stop();
-    ASSERT_TRUE(events.waitForEnd());
-    EXPECT_EQ(events.error(), nullptr);
+    auto recorder = start("separate.flac", AudioSources::both(), AudioFormat::flac, TrackLayout::separate);
+    std::this_thread::sleep_until(started + 6s);
+    end(*recorder);
 
     // Progress carries each source's own level beside the recording's.
     int progressWithBoth = 0;
-    for (const auto& entry : events.entries()) {
-        const auto& event = entry.event;
+    for (const auto& event : events->events()) {
         if (event.kind == Kind::progress && event.microphoneLevels && event.systemLevels &&
             event.microphoneLevels->peak > -10.0f && event.systemLevels->peak > -20.0f) {
             ++progressWithBoth;
