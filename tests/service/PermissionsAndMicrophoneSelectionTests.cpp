@@ -98,12 +98,10 @@ TEST_F(PermissionsAndMicrophonesTest, systemAudioRequestGoesThroughTheManagerOnl
     harness.setVersion(14, 3);
     EXPECT_FALSE(service().requestSystemAudioPermission());
     EXPECT_EQ(harness.tcc->requests.load(), 0);
-    EXPECT_TRUE(logs.records().empty());
 
     harness.setVersion(14, 4);
     harness.tcc->requestAnswer = false;
     EXPECT_FALSE(service().requestSystemAudioPermission());
-    EXPECT_TRUE(logs.contains(LogLevel::info, "RecordingService", "Requesting system audio permission"));
     harness.tcc->requestAnswer = true;
     EXPECT_TRUE(service().requestSystemAudioPermission());
     EXPECT_EQ(harness.tcc->requests.load(), 2);

@@ -63,27 +63,28 @@ protected:
 
 // MARK: - Start checks
 
-TEST_F(RecordingServiceTest, restartWithoutAStartAndASecondStartAreRefused) {
+TEST_F(RecordingServiceTest, startsThatCannotRecordAreRefusedAndTheServiceStaysIdle) {
     EXPECT_EQ(thrownCode([&] { service().restartRecording(); }), Code::invalidState);
-    EXPECT_EQ(service().recordingState(), RecordingState::idle);
-
-    auto session = start(false);
-    EXPECT_EQ(thrownCode([&] { service().startRecording(makeConfiguration(AudioSources::microphoneOnly())); }),
-              Code::invalidState);
-
-    reachRecordingState(session.recorder);
-    EXPECT_EQ(thrownCode([&] { service().startRecording(); }), Code::invalidState);
-    EXPECT_EQ(harness.recorderCount(), 1u);
-}
-
-TEST_F(RecordingServiceTest, separateTracksOfOneSourceAreRefusedAndTheServiceStaysIdle) {
     for (const auto& sources : {AudioSources::microphoneOnly(), AudioSources::systemAudioOnly()}) {
         auto configuration = makeConfiguration(sources);
         configuration.trackLayout = TrackLayout::separate;
         EXPECT_EQ(thrownCode([&] { service().startRecording(configuration); }), Code::separateTracksNeedBothSources);
-        EXPECT_EQ(service().recordingState(), RecordingState::idle);
     }
+    harness.setVersion(14, 3);  // system audio needs the newer system, at a start and a restart
+    EXPECT_EQ(thrownCode([&] { service().startRecording(makeConfiguration(AudioSources::systemAudioOnly())); }),
+              Code::systemAudioFormatNotSupported);
+    EXPECT_EQ(thrownCode([&] { service().restartRecording(); }), Code::systemAudioFormatNotSupported);
+    EXPECT_EQ(service().recordingState(), RecordingState::idle);
     EXPECT_EQ(harness.recorderCount(), 0u);
+}
+
+TEST_F(RecordingServiceTest, aSecondStartIsRefusedWhileOneIsStartingOrRecording) {
+    auto session = start(false);
+    EXPECT_EQ(thrownCode([&] { service().startRecording(makeConfiguration(AudioSources::microphoneOnly())); }),
+              Code::invalidState);
+    reachRecordingState(session.recorder);
+    EXPECT_EQ(thrownCode([&] { service().startRecording(); }), Code::invalidState);
+    EXPECT_EQ(harness.recorderCount(), 1u);
 }
 
 // A refused start leaves nothing behind: the service is idle, refuses the control
@@ -111,7 +112,6 @@ TEST_F(RecordingServiceTest, aRefusedStartLeavesTheServiceIdleAndTheNextStartRec
         EXPECT_EQ(error.code(), Code::sessionConfigurationFailed);
         EXPECT_EQ(error.errorDescription(), "Failed to configure audio session: Bad device");
     }
-    EXPECT_EQ(harness.sessionManager->deviceInformationLogs(), 0);
     EXPECT_EQ(service().recordingState(), RecordingState::idle);
 
     harness.sessionManager->failConfigurationWith(nullptr);
@@ -146,15 +146,7 @@ TEST_F(RecordingServiceTest, noSoundServerIsItsOwnErrorAtStartAndForThePermissio
     EXPECT_TRUE(service().isRecording());
 }
 
-TEST_F(RecordingServiceTest, systemAudioNeedsTheNewerSystemButNoPermissionCheckAtStart) {
-    harness.setVersion(14, 3);
-    EXPECT_EQ(thrownCode([&] { service().startRecording(makeConfiguration(AudioSources::systemAudioOnly())); }),
-              Code::systemAudioFormatNotSupported);
-    // A restart fails the same way, and leaves the service idle too.
-    EXPECT_EQ(thrownCode([&] { service().restartRecording(); }), Code::systemAudioFormatNotSupported);
-    EXPECT_EQ(service().recordingState(), RecordingState::idle);
-
-    harness.setVersion(14, 4);
+TEST_F(RecordingServiceTest, systemAudioAloneNeedsNoPermissionCheckAtStart) {
     harness.microphoneStatus = platform::AuthorizationStatus::denied;
     harness.tcc->status = PermissionState::denied;
     auto stream = service().startRecording(makeConfiguration(AudioSources::systemAudioOnly()));
@@ -175,7 +167,6 @@ TEST_F(RecordingServiceTest, recorderIsChosenByTheSystemVersionAlone) {
     // The microphone recorder gets the resolved device: the stored preference.
     EXPECT_THAT(harness.microphoneRecorderDevices(), ElementsAre(std::optional<MicrophoneDevice>(kUsb)));
     EXPECT_EQ(harness.sessionManager->configuredMicrophones().back(), std::optional<MicrophoneDevice>(kUsb));
-    EXPECT_EQ(harness.sessionManager->deviceInformationLogs(), 2);
 }
 
 TEST_F(RecordingServiceTest, configuredMicrophoneAndExplicitFileWinOverTheStoredOneAndAFreshLocation) {
@@ -205,7 +196,6 @@ TEST_F(RecordingServiceTest, eventsAreRelayedInOrderAndStopDeliversFinishedBefor
     EXPECT_EQ(drained.events[2].elapsedSeconds, 0.1);
     EXPECT_EQ(service().recordingState(), RecordingState::idle);
     EXPECT_FALSE(service().audioStream().has_value());
-    EXPECT_THAT(recorder->calls(), ElementsAre("events", "stop"));
 }
 
 TEST_F(RecordingServiceTest, stopAlwaysDeliversFinishedWhateverTheInterleaving) {
@@ -237,7 +227,7 @@ TEST_F(RecordingServiceTest, normalEndAllowsARestartIntoANewFile) {
     EXPECT_EQ(second->fileURL(), files[1]);
 }
 
-TEST_F(RecordingServiceTest, recorderFailureEndsTheStreamWithTheRecordersOwnError) {
+TEST_F(RecordingServiceTest, aRecorderThatFailsOrCannotBeBuiltEndsTheStreamWithItsOwnError) {
     auto [stream, recorder] = start();
     recorder->fail(std::make_exception_ptr(RecordingError::systemAudioDeviceStartFailed(-50)));
     // Not wrapped: the consumer gets the recorder's own error object.
@@ -246,12 +236,10 @@ TEST_F(RecordingServiceTest, recorderFailureEndsTheStreamWithTheRecordersOwnErro
     EXPECT_THROW(std::rethrow_exception(error), RecordingError);
     EXPECT_EQ(describeError(error), "Failed to start system audio device (error: -50, invalid parameter).");
     ASSERT_TRUE(becomesIdle());
-}
 
-TEST_F(RecordingServiceTest, recorderThatCannotBeBuiltEndsTheStreamWithItsError) {
     harness.recorderConstructionFails = true;
-    auto stream = service().startRecording();
-    EXPECT_EQ(describeError(drain(stream).error), "Failed to initialize audio recorder");
+    auto next = service().startRecording();
+    EXPECT_EQ(describeError(drain(next).error), "Failed to initialize audio recorder");
     ASSERT_TRUE(becomesIdle());
 }
 
@@ -259,7 +247,7 @@ TEST_F(RecordingServiceTest, consumerThatStopsListeningReturnsTheServiceToIdleWi
     auto [stream, recorder] = start();
     stream.cancel();
     ASSERT_TRUE(becomesIdle());
-    EXPECT_THAT(recorder->calls(), ElementsAre("events"));
+    EXPECT_FALSE(recorder->wasCalled("stop"));
     // The forwarding task's wait was cancelled, which the recorder sees as its consumer leaving.
     EXPECT_TRUE(eventually([&, r = recorder] { return r->eventsTerminated(); }));
 }
@@ -318,8 +306,6 @@ TEST_F(RecordingServiceTest, controlOperationsInStartingFollowTheTable) {
     EXPECT_TRUE(service().isPaused());
     service().resumeRecording();
     EXPECT_TRUE(service().isRecording());
-    service().resumeRecording();
-    EXPECT_THAT(recorder->calls(), ElementsAre("events", "resume", "pause", "resume"));
 }
 
 TEST_F(RecordingServiceTest, cancelInStartingIsAcceptedAndRelaysTheCancelledEvent) {
@@ -338,7 +324,6 @@ TEST_F(RecordingServiceTest, restartDuringARecordingReleasesTheOldRecorderAndKee
     ASSERT_NE(newRecorder, nullptr);
     // The old stream ends normally; its late cleanup must not touch the new session.
     EXPECT_EQ(drain(first.stream).error, nullptr);
-    EXPECT_THAT(first.recorder->calls(), ElementsAre("events"));
     reachRecordingState(newRecorder);
     service().stopRecording();
     EXPECT_THAT(drain(second).kinds(), ElementsAre(Kind::progress, Kind::finished));

@@ -38,11 +38,6 @@ void ScriptedRecorder::endWith(std::string call, RecordingEvent last) {
     continuation_.finish();
 }
 
-std::vector<std::string> ScriptedRecorder::calls() const {
-    std::lock_guard lock(mutex_);
-    return calls_;
-}
-
 bool ScriptedRecorder::wasCalled(const std::string& call) const {
     std::lock_guard lock(mutex_);
     return std::find(calls_.begin(), calls_.end(), call) != calls_.end();

@@ -46,7 +46,6 @@ public:
     std::atomic<bool> endsOnStopAndCancel{true};
 
     // --- observing it ---
-    std::vector<std::string> calls() const;
     bool wasCalled(const std::string& call) const;
     // True once the consumer end of the event sequence was cancelled or ended.
     bool eventsTerminated() const { return continuation_.isTerminated(); }
@@ -75,7 +74,6 @@ public:
     void setDevices(std::vector<MicrophoneDevice> devices) { locked([&] { devices_ = std::move(devices); }); }
     void failConfigurationWith(std::exception_ptr error) { locked([&] { configurationError_ = std::move(error); }); }
     std::vector<std::optional<MicrophoneDevice>> configuredMicrophones() const { return locked([&] { return configured_; }); }
-    int deviceInformationLogs() const { return locked([&] { return deviceInformationLogs_; }); }
 
     std::vector<MicrophoneDevice> availableMicrophones() override { return locked([&] { return devices_; }); }
     void configureSession(std::optional<MicrophoneDevice> preferredMicrophone) override {
@@ -83,7 +81,7 @@ public:
         configured_.push_back(preferredMicrophone);
         if (configurationError_) std::rethrow_exception(configurationError_);
     }
-    void logDeviceInformation() override { locked([&] { ++deviceInformationLogs_; }); }
+    void logDeviceInformation() override {}
     std::optional<MicrophoneDevice> preferredMicrophone() const override { return std::nullopt; }
 
 private:
@@ -91,7 +89,6 @@ private:
     std::vector<MicrophoneDevice> devices_;
     std::exception_ptr configurationError_;
     std::vector<std::optional<MicrophoneDevice>> configured_;
-    int deviceInformationLogs_ = 0;
 };
 
 class InMemoryMicrophoneStorage final : public MicrophonePreferencesStorage {
