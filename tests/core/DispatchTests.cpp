@@ -10,21 +10,14 @@
 #include "dispatch/RepeatingTimer.hpp"
 #include "dispatch/SerialQueue.hpp"
 #include "model/EventSource.hpp"
+#include "support/RecorderTestSupport.hpp"
 
 namespace velto {
 namespace {
 
 using namespace std::chrono_literals;
 
-// Waits, in real time, until `predicate` holds; the clock under test is manual.
-template <class P>
-bool eventually(P predicate) {
-    for (int i = 0; i < 1000; ++i) {
-        if (predicate()) return true;
-        std::this_thread::sleep_for(1ms);
-    }
-    return predicate();
-}
+using velto::testing::eventually;  // in real time; the clock under test is manual
 
 TEST(EventStream, DeliversInOrderThenEndsWithTheErrorOnce) {
     auto [stream, continuation] = EventSource<int>::make();

@@ -20,7 +20,7 @@
 
 #include <unistd.h>
 
-#include "../microphone_recorder/RecorderTestSupport.hpp"
+#include "support/RecorderTestSupport.hpp"
 #include "capture_sandbox_signals.hpp"
 #include "platform/PlatformServices.hpp"
 #include "unified_recorder/UnifiedAudioRecorder.hpp"

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "microphone_recorder/AudioRecorder.hpp"
-#include "RecorderTestSupport.hpp"
+#include "support/RecorderTestSupport.hpp"
 
 #include <fstream>
 #include "platform/fake/FakePlatformServices.hpp"

@@ -1,9 +1,7 @@
-// The small platform-independent pieces: the device dictionary, the change coalescer,
-// the lock-free sample ring of the PulseAudio streams and the object-ID ranges.
+// The small platform-independent pieces: the change coalescer, the lock-free sample ring
+// of the PulseAudio streams, the object-ID ranges and the silence pacer.
 
 #include "platform/ChangeCoalescer.hpp"
-#include "platform/PropertyDictionary.hpp"
-#include "platform/Uuid.hpp"
 #include "platform/pulse/InterleavedSampleRing.hpp"
 #include "platform/pulse/PulseObjectIDs.hpp"
 #include "platform/pulse/SilencePacer.hpp"
@@ -11,36 +9,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <set>
-
 namespace velto {
 namespace {
 
 using namespace platform;
 using namespace pulse;
 using pulse::SilencePacer;
-
-TEST(PropertyDictionaryTest, KeepsInsertionOrderAndReplacesInPlace) {
-    PropertyDictionary dictionary{{"b", "1"}, {"a", true}};
-    dictionary.set("b", "2");
-    dictionary.set("c", PropertyValue::List{});
-    ASSERT_EQ(dictionary.entries().size(), 3u);
-    EXPECT_EQ(dictionary.entries()[0].first, "b");
-    EXPECT_EQ(dictionary.string("b"), "2");
-    EXPECT_EQ(dictionary.boolean("a"), true);
-    EXPECT_FALSE(dictionary.string("a").has_value());  // wrong type is no answer
-    EXPECT_FALSE(dictionary.boolean("missing").has_value());
-}
-
-TEST(UuidTest, EveryUUIDIsNewAndWellFormed) {
-    std::set<std::string> seen;
-    for (int i = 0; i < 100; ++i) {
-        const auto uuid = makeRandomUUIDString();
-        ASSERT_EQ(uuid.size(), 36u);
-        ASSERT_EQ(uuid[14], '4');
-        ASSERT_TRUE(seen.insert(uuid).second);
-    }
-}
 
 TEST(ChangeCoalescerTest, ABurstIsReportedOnceAfterItSettlesAndASteadyStreamAtTheMaximumDelay) {
     ChangeCoalescer coalescer(0.25, 1.0);

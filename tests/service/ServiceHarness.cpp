@@ -11,22 +11,6 @@ RecordingConfiguration makeConfiguration(AudioSources sources, AudioFormat forma
                                   BufferConfiguration::defaultConfiguration());
 }
 
-std::vector<RecordingEvent::Kind> DrainedEvents::kinds() const {
-    std::vector<RecordingEvent::Kind> result;
-    for (const auto& event : events) result.push_back(event.kind);
-    return result;
-}
-
-DrainedEvents drain(EventStream<RecordingEvent>& stream) {
-    DrainedEvents drained;
-    try {
-        while (auto event = stream.next()) drained.events.push_back(*event);
-    } catch (...) {
-        drained.error = std::current_exception();
-    }
-    return drained;
-}
-
 RecordingService& ServiceHarness::rebuild() {
     service_.reset();
     service_ = RecordingServiceAssembly::make(dependencies());

@@ -9,6 +9,7 @@
 #include "platform/fake/FakeAudioHardware.hpp"
 #include "service/RecordingServiceAssembly.hpp"
 #include "service/ServiceTestDoubles.hpp"
+#include "support/RecorderTestSupport.hpp"
 #include "veltoaudio/RecordingService.hpp"
 
 namespace velto::testing {
@@ -16,13 +17,7 @@ namespace velto::testing {
 RecordingConfiguration makeConfiguration(AudioSources sources, AudioFormat format = AudioFormat::wav,
                                          std::optional<MicrophoneDevice> preferredMicrophone = std::nullopt);
 
-struct DrainedEvents {
-    std::vector<RecordingEvent> events;
-    std::exception_ptr error;
-    std::vector<RecordingEvent::Kind> kinds() const;
-};
-// Reads the stream to its end.
-DrainedEvents drain(EventStream<RecordingEvent>& stream);
+inline DrainedEvents drain(EventStream<RecordingEvent>& stream) { return drainUntilEnd(stream); }
 
 class ServiceHarness {
     template <class F>

@@ -1,18 +1,8 @@
 #include "service/ServiceTestDoubles.hpp"
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
 
 namespace velto::testing {
-
-bool eventually(const std::function<bool()>& condition) {
-    for (int attempt = 0; attempt < 2000; ++attempt) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return condition();
-}
 
 ScriptedRecorder::ScriptedRecorder(std::filesystem::path fileURL) : fileURL_(std::move(fileURL)) {
     std::tie(events_, continuation_) = EventSource<RecordingEvent>::make();

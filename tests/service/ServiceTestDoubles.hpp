@@ -16,13 +16,10 @@
 #include "platform/TCCPermissionProviderProtocol.hpp"
 #include "model/AudioRecorderProtocol.hpp"
 #include "platform/AudioSessionManagerProtocol.hpp"
+#include "support/RecorderTestSupport.hpp"
 #include "veltoaudio/MicrophonePreferencesStorage.hpp"
 
 namespace velto::testing {
-
-// Polls `condition` until it holds or a generous limit passes (the limit only keeps a
-// broken test from hanging; no test depends on how long anything takes).
-bool eventually(const std::function<bool()>& condition);
 
 // A recorder like the real ones in what the service relies on: stop() delivers
 // `finished` and ends the sequence, cancel() delivers `cancelled` and ends it, each

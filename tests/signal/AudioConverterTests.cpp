@@ -164,21 +164,5 @@ TEST(AudioConverterTest, ChannelAndLayoutChangesAtEqualRates) {
     EXPECT_FLOAT_EQ(fold->convert(*uneven)->floatChannelData()[0][0], 0.3f);
 }
 
-TEST(AudioConverterTest, AFailedConversionLeavesTheStreamWhereItWas) {
-    auto converter = AudioConverter::create(mono(48000), mono(16000));
-    const auto first = converter->convert(*silentBlock(mono(48000), 480));
-    try {
-        converter->convert(*silentBlock(mono(44100), 441));
-        FAIL() << "a buffer at the wrong rate was converted";
-    } catch (const AudioConverterError& error) {
-        EXPECT_EQ(error.code(), AudioConverterError::Code::conversionFailed);
-        ASSERT_TRUE(error.underlyingError());
-        EXPECT_EQ(error.errorDescription(), "Audio conversion failed: " + error.underlyingError()->errorDescription());
-    }
-    // The stream continues where it was: capacity still counts the first 480 frames.
-    const auto next = converter->convert(*silentBlock(mono(48000), 480));
-    EXPECT_EQ(next->frameCapacity(), 320u - first->frameLength());
-}
-
 }  // namespace
 }  // namespace velto

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "MixerTestRig.hpp"
+#include "support/RecorderTestSupport.hpp"
 
 // The mixer on its own timer and queue, with capture producers on threads of
 // their own: what ThreadSanitizer checks. Assertions never depend on how fast
@@ -17,15 +18,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ScratchFolder;
 
-template <class Condition>
-bool eventually(Condition condition, std::chrono::seconds limit = 10s) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
+using velto::testing::eventually;
 
 TEST(AudioMixerTimerTest, TheTimerTicksOnTheMixingQueueAsTheClockMoves) {
     auto clock = std::make_shared<ManualClock>();

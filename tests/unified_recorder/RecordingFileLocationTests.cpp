@@ -4,7 +4,7 @@
 #include <ctime>
 #include <fstream>
 
-#include "../microphone_recorder/RecorderTestSupport.hpp"
+#include "support/RecorderTestSupport.hpp"
 #include "support/CapturedLogs.hpp"
 #include "unified_recorder/RecordingFileLocation.hpp"
 

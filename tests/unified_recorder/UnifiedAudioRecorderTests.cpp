@@ -3,7 +3,7 @@
 
 #include <thread>
 
-#include "../microphone_recorder/RecorderTestSupport.hpp"
+#include "support/RecorderTestSupport.hpp"
 #include "platform/fake/FakePlatformServices.hpp"
 #include "signal/VariableRatioResampler.hpp"
 #include "support/CapturedLogs.hpp"

@@ -1,7 +1,7 @@
 #pragma once
-// Helpers shared by the recorder tests: a private temporary directory, deterministic
-// blocks (ramps that expose dropped or duplicated frames, sines for levels), draining an
-// event stream with a bound on waiting, and reading a recording back.
+// Helpers shared by the tests: a private temporary directory, deterministic blocks (ramps
+// that expose dropped or duplicated frames), waiting for a condition, draining an event
+// stream with a bound on waiting, reading a recording back and a file-size limit.
 
 #include <sndfile.h>
 #include <sys/resource.h>
@@ -14,9 +14,11 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "veltoaudio/EventStream.hpp"
@@ -56,6 +58,16 @@ inline std::shared_ptr<PcmBuffer> rampBlock(double rateHertz, uint32_t frames, i
     return monoBlock(rateHertz, frames, nextIndex, rampAt);
 }
 
+// Polls `condition` until it holds or a generous limit passes (the limit only keeps a
+// broken test from hanging; no test depends on how long anything takes).
+inline bool eventually(const std::function<bool()>& condition) {
+    for (int attempt = 0; attempt < 2000; ++attempt) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return condition();
+}
+
 // Frames a live audio stream carries until it ends.
 inline int64_t framesUntilEnd(AudioBufferStream& stream) {
     int64_t frames = 0;
@@ -84,6 +96,11 @@ struct DrainedEvents {
     std::exception_ptr error;   // the stream's error, if it ended with one
     bool ended = false;         // false: gave up waiting
     std::vector<RecordingEvent::Kind> shape() const { return shapeOf(events); }
+    std::vector<RecordingEvent::Kind> kinds() const {
+        std::vector<RecordingEvent::Kind> result;
+        for (const auto& e : events) result.push_back(e.kind);
+        return result;
+    }
     int count(RecordingEvent::Kind kind) const { return countOf(events, kind); }
 };
 
