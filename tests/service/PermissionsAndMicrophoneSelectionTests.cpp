@@ -87,19 +87,9 @@ TEST_F(PermissionsAndMicrophonesTest, permissionStatusFollowsTheSourcesAndTheSys
     EXPECT_EQ(statusFor(AudioSources::both()), (PermissionStatus{State::notDetermined, State::denied}));
     harness.microphoneStatus = AuthorizationStatus::authorized;
     EXPECT_EQ(statusFor(AudioSources::microphoneOnly()).microphone, State::granted);
-
-    harness.setVersion(14, 3);
-    const int queries = harness.tcc->statusQueries.load();
-    EXPECT_EQ(statusFor(AudioSources::systemAudioOnly()), (PermissionStatus{State::notRequired, State::denied}));
-    EXPECT_EQ(harness.tcc->statusQueries.load(), queries);
 }
 
-TEST_F(PermissionsAndMicrophonesTest, systemAudioRequestGoesThroughTheManagerOnlyOnNewerSystems) {
-    harness.setVersion(14, 3);
-    EXPECT_FALSE(service().requestSystemAudioPermission());
-    EXPECT_EQ(harness.tcc->requests.load(), 0);
-
-    harness.setVersion(14, 4);
+TEST_F(PermissionsAndMicrophonesTest, systemAudioRequestGivesTheUsersAnswer) {
     harness.tcc->requestAnswer = false;
     EXPECT_FALSE(service().requestSystemAudioPermission());
     harness.tcc->requestAnswer = true;

@@ -70,10 +70,6 @@ TEST_F(RecordingServiceTest, startsThatCannotRecordAreRefusedAndTheServiceStaysI
         configuration.trackLayout = TrackLayout::separate;
         EXPECT_EQ(thrownCode([&] { service().startRecording(configuration); }), Code::separateTracksNeedBothSources);
     }
-    harness.setVersion(14, 3);  // system audio needs the newer system, at a start and a restart
-    EXPECT_EQ(thrownCode([&] { service().startRecording(makeConfiguration(AudioSources::systemAudioOnly())); }),
-              Code::systemAudioFormatNotSupported);
-    EXPECT_EQ(thrownCode([&] { service().restartRecording(); }), Code::systemAudioFormatNotSupported);
     EXPECT_EQ(service().recordingState(), RecordingState::idle);
     EXPECT_EQ(harness.recorderCount(), 0u);
 }
@@ -156,27 +152,20 @@ TEST_F(RecordingServiceTest, systemAudioAloneNeedsNoPermissionCheckAtStart) {
     EXPECT_TRUE(harness.sessionManager->configuredMicrophones().empty());
 }
 
-TEST_F(RecordingServiceTest, recorderIsChosenByTheSystemVersionAlone) {
+// The stored microphone is configured for a recording, unless the configuration names
+// one; an explicit file wins over a fresh location.
+TEST_F(RecordingServiceTest, configuredMicrophoneAndExplicitFileWinOverTheStoredOneAndAFreshLocation) {
+    harness.storage->setSelectedMicrophoneId("usb-1");
     start(false);
+    EXPECT_EQ(harness.sessionManager->configuredMicrophones().back(), std::optional<MicrophoneDevice>(kUsb));
     service().cancelRecording();
 
-    harness.setVersion(14, 3);
-    harness.storage->setSelectedMicrophoneId("usb-1");
-    auto session = start(false);
-    EXPECT_THAT(harness.recorderKinds(), ElementsAre("unified", "microphone"));
-    // The microphone recorder gets the resolved device: the stored preference.
-    EXPECT_THAT(harness.microphoneRecorderDevices(), ElementsAre(std::optional<MicrophoneDevice>(kUsb)));
-    EXPECT_EQ(harness.sessionManager->configuredMicrophones().back(), std::optional<MicrophoneDevice>(kUsb));
-}
-
-TEST_F(RecordingServiceTest, configuredMicrophoneAndExplicitFileWinOverTheStoredOneAndAFreshLocation) {
-    harness.storage->setSelectedMicrophoneId("built-in");
     const MicrophoneDevice detached{"gone", "Detached", false};
     auto stream = service().startRecording(makeConfiguration(AudioSources::microphoneOnly(), AudioFormat::flac, detached),
                                            std::filesystem::path("/tmp/named.flac"));
     EXPECT_EQ(harness.sessionManager->configuredMicrophones().back(), std::optional<MicrophoneDevice>(detached));
-    EXPECT_EQ(harness.recorder()->fileURL(), "/tmp/named.flac");
-    EXPECT_TRUE(harness.generatedFiles().empty());
+    EXPECT_EQ(harness.recorder(1)->fileURL(), "/tmp/named.flac");
+    EXPECT_EQ(harness.generatedFiles().size(), 1u);
 }
 
 // MARK: - Forwarding and the end of a recording

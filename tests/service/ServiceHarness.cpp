@@ -17,27 +17,20 @@ RecordingService& ServiceHarness::rebuild() {
     return *service_;
 }
 
-std::shared_ptr<AudioRecorderProtocol> ServiceHarness::makeRecorder(const std::filesystem::path& file, std::string kind) {
+std::shared_ptr<AudioRecorderProtocol> ServiceHarness::makeRecorder(const std::filesystem::path& file) {
     if (recorderConstructionFails) throw RecordingError::recorderInitializationFailed();
     auto recorder = std::make_shared<ScriptedRecorder>(file);
-    locked([&] {
-        recorders_.push_back(recorder);
-        recorderKinds_.push_back(std::move(kind));
-    });
+    locked([&] { recorders_.push_back(recorder); });
     return recorder;
 }
 
 RecordingServiceDependencies ServiceHarness::dependencies() {
     RecordingServiceDependencies d;
     d.makeUnifiedRecorder = [this](const std::filesystem::path& file, const RecordingConfiguration&) {
-        return makeRecorder(file, "unified");
+        return makeRecorder(file);
     };
     d.makeMicrophoneRecorder = [this](const std::filesystem::path& file, AudioFormat,
-                                      const std::optional<MicrophoneDevice>& microphone) {
-        auto recorder = makeRecorder(file, "microphone");
-        locked([&] { microphoneRecorderDevices_.push_back(microphone); });
-        return recorder;
-    };
+                                      const std::optional<MicrophoneDevice>&) { return makeRecorder(file); };
     d.generateRecordingFileURL = [this](AudioFormat format) {
         return locked([&] {
             generatedFiles_.push_back(std::filesystem::path("/recordings") /
@@ -53,11 +46,9 @@ RecordingServiceDependencies ServiceHarness::dependencies() {
         return microphoneStatus.load();
     };
     d.requestMicrophoneAccess = [] { return true; };
-    auto version = [this] { return locked([&] { return version_; }); };
-    d.operatingSystemVersion = version;
     d.unreachableSoundServer = [this] { return locked([&] { return unreachableServer_; }); };
     d.tccPermissionProvider = tcc;
-    d.systemAudioPermissionManager = std::make_shared<platform::SystemAudioPermissionManager>(tcc, hardware, version);
+    d.systemAudioPermissionManager = std::make_shared<platform::SystemAudioPermissionManager>(tcc, hardware);
     d.clock = clock;
     return d;
 }

@@ -38,12 +38,7 @@ public:
     // The index-th recorder, once the service has taken its events.
     std::shared_ptr<ScriptedRecorder> recorder(std::size_t index = 0);
     std::size_t recorderCount() { return locked([&] { return recorders_.size(); }); }
-    std::vector<std::string> recorderKinds() { return locked([&] { return recorderKinds_; }); }
-    std::vector<std::optional<MicrophoneDevice>> microphoneRecorderDevices() {
-        return locked([&] { return microphoneRecorderDevices_; });
-    }
     std::vector<std::filesystem::path> generatedFiles() { return locked([&] { return generatedFiles_; }); }
-    void setVersion(int major, int minor) { locked([&] { version_ = OperatingSystemVersion{major, minor, 0}; }); }
     // The address no server answers at; nothing: a server runs.
     void setUnreachableServer(std::optional<std::string> address) {
         locked([&] { unreachableServer_ = std::move(address); });
@@ -61,14 +56,11 @@ public:
 
 private:
     RecordingServiceDependencies dependencies();
-    std::shared_ptr<AudioRecorderProtocol> makeRecorder(const std::filesystem::path& file, std::string kind);
+    std::shared_ptr<AudioRecorderProtocol> makeRecorder(const std::filesystem::path& file);
 
     std::mutex mutex_;
-    OperatingSystemVersion version_{14, 4, 0};
     std::optional<std::string> unreachableServer_;
     std::vector<std::shared_ptr<ScriptedRecorder>> recorders_;
-    std::vector<std::string> recorderKinds_;
-    std::vector<std::optional<MicrophoneDevice>> microphoneRecorderDevices_;
     std::vector<std::filesystem::path> generatedFiles_;
     std::unique_ptr<RecordingService> service_;
 };

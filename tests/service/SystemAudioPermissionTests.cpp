@@ -66,9 +66,8 @@ protected:
     std::shared_ptr<TCCPermissionProvider> provider() {
         return std::make_shared<TCCPermissionProvider>(std::make_shared<TccLibrary>(loader, "/scripted/TCC"));
     }
-    SystemAudioPermissionManager manager(std::shared_ptr<platform::TCCPermissionProviderProtocol> provider,
-                                         OperatingSystemVersion version = {14, 4, 0}) {
-        return SystemAudioPermissionManager(std::move(provider), hardware, [version] { return version; });
+    SystemAudioPermissionManager manager(std::shared_ptr<platform::TCCPermissionProviderProtocol> provider) {
+        return SystemAudioPermissionManager(std::move(provider), hardware);
     }
 
     CapturedLogs logs;
@@ -116,10 +115,7 @@ TEST_F(SystemAudioPermissionTest, missingLibraryOrFunctionsLeaveTheStateUndeterm
 
 // MARK: - Manager
 
-TEST_F(SystemAudioPermissionTest, olderSystemsAndAUserRefusalAreFinalWithoutATap) {
-    auto scripted = std::make_shared<ScriptedTccProvider>();
-    EXPECT_FALSE(manager(scripted, {14, 3, 0}).requestPermission());
-    EXPECT_EQ(scripted->requests.load(), 0);
+TEST_F(SystemAudioPermissionTest, aUserRefusalIsFinalWithoutATap) {
     gRequestAnswer = false;
     EXPECT_FALSE(manager(provider()).requestPermission());
     EXPECT_EQ(gRequestCalls.load(), 1);
