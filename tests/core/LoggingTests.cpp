@@ -3,7 +3,6 @@
 #include <thread>
 #include <vector>
 
-#include "logging/LogThinning.hpp"
 #include "logging/LoggerCompat.hpp"
 #include "support/CapturedLogs.hpp"
 
@@ -33,21 +32,6 @@ TEST(LoggerCompat, MinimumLevelDropsLowerMessagesAndManyThreadsMayLog) {
     EXPECT_FALSE(built);
     EXPECT_EQ(logs.count("FloatRingBuffer", "kept %s %d"), 400);
     EXPECT_EQ(logs.count("FloatRingBuffer", "dropped"), 0);
-}
-
-TEST(LogThinning, SamplesAtRoughlyTheRequestedRateAndCanBeForced) {
-    int hits = 0;
-    for (int i = 0; i < 200000; ++i) hits += oneIn(100);
-    EXPECT_GT(hits, 1600);
-    EXPECT_LT(hits, 2400);
-    {
-        ScopedLogThinning always(true);
-        EXPECT_TRUE(oneIn(1000000));
-    }
-    {
-        ScopedLogThinning never(false);
-        EXPECT_FALSE(oneIn(1));
-    }
 }
 
 }  // namespace

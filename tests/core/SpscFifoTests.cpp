@@ -33,12 +33,8 @@ TEST(SpscFifo, OffersTwoSpansAcrossTheEndAndNeverMoreThanFitsOrIsStored) {
     fifo.finishedRead(stored.totalFrames());
     EXPECT_EQ(fifo.readyFrames(), 4);
     EXPECT_EQ(fifo.prepareToRead(-1).totalFrames(), 0);
-
-    SpscFifo moved = std::move(fifo);
-    EXPECT_EQ(moved.readyFrames(), 4);
-    EXPECT_EQ(moved.prepareToRead(4).firstStart, 1);
-    moved.reset();
-    EXPECT_EQ(moved.readyFrames(), 0);
+    fifo.reset();
+    EXPECT_EQ(fifo.readyFrames(), 0);
     EXPECT_EQ(SpscFifo(0).prepareToWrite(5).totalFrames(), 0);
 }
 

@@ -137,41 +137,25 @@ TEST_F(AudioRecorderTest, CancelAndAReaderWalkingAwayRemoveTheFileWithoutAnEvent
 }
 
 TEST_F(AudioRecorderTest, StartFailuresEndTheStreamWithTheirOwnError) {
-    struct Case {
-        std::string name;
-        std::function<void(AudioRecorderTest&)> script;
-        std::optional<MicrophoneDevice> microphone;
-        std::string expectedDescription;  // empty: the file system's own words
-    };
-    const std::vector<Case> cases = {
-        {"engine refuses to start",
-         [](AudioRecorderTest& t) {
-             platform::FakeAudioInputEngine::Script script;
-             script.startFailure = "Connection refused";
-             t.fakes.audioEngineFactory = platform::FakeAudioEngineFactory::create(script);
-         },
-         std::nullopt, "Connection refused"},
-        {"preferred microphone not discovered", [](AudioRecorderTest&) {},
-         MicrophoneDevice{"missing-mic", "Missing", false}, "Unknown recording error occurred"},
-        // Last: it takes the output directory away.
-        {"output directory missing",
-         [](AudioRecorderTest& t) { std::filesystem::remove_all(t.directory.path()); },
-         std::nullopt, ""},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        fakes = platform::FakePlatformServices{};
-        c.script(*this);
-        auto recorder = makeRecorder(directory.path() / "take.wav", AudioFormat::wav, c.microphone);
+    const auto expectFailure = [&](std::optional<MicrophoneDevice> microphone, const std::string& description) {
+        auto recorder = makeRecorder(directory.path() / "take.wav", AudioFormat::wav, microphone);
         auto drained = drainUntilEnd(events);
         ASSERT_TRUE(drained.ended);
         EXPECT_THAT(drained.shape(), ElementsAre(Kind::starting));
         ASSERT_NE(drained.error, nullptr);
-        if (!c.expectedDescription.empty()) {
-            EXPECT_EQ(describeError(drained.error), c.expectedDescription);
+        if (!description.empty()) {
+            EXPECT_EQ(describeError(drained.error), description);
         }
         EXPECT_EQ(recorder->state(), State::idle);
-    }
+    };
+    platform::FakeAudioInputEngine::Script refusing;
+    refusing.startFailure = "Connection refused";
+    fakes.audioEngineFactory = platform::FakeAudioEngineFactory::create(refusing);
+    expectFailure(std::nullopt, "Connection refused");
+    fakes = platform::FakePlatformServices{};
+    expectFailure(MicrophoneDevice{"missing-mic", "Missing", false}, "Unknown recording error occurred");
+    std::filesystem::remove_all(directory.path());  // the output directory is gone: the file system's words
+    expectFailure(std::nullopt, "");
 }
 
 TEST_F(AudioRecorderTest, StopReportsAMissingOrEmptyFileInsteadOfFinished) {

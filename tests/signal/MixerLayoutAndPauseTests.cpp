@@ -79,14 +79,6 @@ TEST(MixerPauseTest, ResumedClockOwesNothingForThePausedTime) {
     EXPECT_EQ(path.rig.mixer->totalFramesProcessed() - before, 266);
 }
 
-TEST(MixerStartTest, SecondStartWhileMixingChangesNothing) {
-    MixerRig rig;
-    auto ring = FloatRingBuffer::create(1, 96000);
-    rig.mixer->start(testing::singleInputs(nullptr, ring, 16000, 1, nullptr, *PcmFormat::make(16000, 1, true)));
-    rig.mixer->start(testing::singleInputs(nullptr, ring, 48000, 1, nullptr, *PcmFormat::make(16000, 1, true)));
-    EXPECT_EQ(rig.mixer->mixingSampleRate(), 16000.0);
-}
-
 // Both sources at 16 kHz into a two-channel stream.
 struct SeparatePath {
     SeparatePath() : system(FloatRingBuffer::create(2, 96000)), microphone(FloatRingBuffer::create(1, 96000)) {
