@@ -42,22 +42,6 @@ private:
     std::vector<std::string> actions_;
 };
 
-TEST(RecordingControl, InterruptionsEscalateFromStopToCancelToAbandon) {
-    ActionLog log;
-    {
-        RecordingControl control(log.actions());
-        control.markRecording();
-        control.interrupt();
-        EXPECT_THAT(log.waitFor(1), ElementsAre("stop"));
-        control.interrupt();
-        EXPECT_THAT(log.waitFor(2), ElementsAre("stop", "cancel"));
-        control.interrupt();  // abandon runs at once, on this thread
-        EXPECT_THAT(log.snapshot(), ElementsAre("stop", "cancel", "abandon"));
-        EXPECT_EQ(control.interruptions(), 3);
-    }
-    EXPECT_EQ(log.snapshot().size(), 3u);
-}
-
 TEST(RecordingControl, StopWaitsUntilTheServiceWouldAcceptIt) {
     ActionLog log;
     RecordingControl control(log.actions());
