@@ -1,16 +1,41 @@
 #pragma once
 // Known signals for the sandbox tests: a sine played into a sandbox sink with pacat, and
-// the measures that tell whether it arrived (level, frequency, no gaps).
+// the measures that tell whether it arrived (level, frequency, no gaps); running commands
+// against the sandbox server.
 
 #include <atomic>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <numbers>
 #include <string>
 #include <vector>
 
 namespace velto::testing {
+
+// Runs a shell command; returns its output without the trailing newline.
+inline std::string run(const std::string& command) {
+    std::string output;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return output;
+    char buffer[256];
+    while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) output += buffer;
+    pclose(pipe);
+    while (!output.empty() && (output.back() == '\n' || output.back() == ' ')) output.pop_back();
+    return output;
+}
+
+#ifdef VELTO_SANDBOX_SCRIPT
+// The sandbox script, pointed at the server these tests talk to.
+inline std::string sandbox(const std::string& action) {
+    const char* server = std::getenv("PULSE_SERVER");
+    std::string directory = server != nullptr ? server : "";
+    if (directory.rfind("unix:", 0) == 0) directory = directory.substr(5);
+    directory = directory.substr(0, directory.rfind('/'));
+    return run("VELTO_SANDBOX_DIR=" + directory + " " VELTO_SANDBOX_SCRIPT " " + action);
+}
+#endif
 
 // Plays `seconds` of `sample(t)` into `device` (a sink name) with pacat, 32-bit float,
 // every channel alike; blocks until pacat has played it, or until `stop` is set (what

@@ -3,6 +3,7 @@
 // once per burst.
 
 #include "platform/MacOSSessionManager.hpp"
+#include "capture_sandbox_signals.hpp"
 #include "platform/PlatformServices.hpp"
 
 #include <gmock/gmock.h>
@@ -21,16 +22,8 @@ namespace {
 using namespace std::chrono_literals;
 using namespace platform;
 
-std::string run(const std::string& command) {
-    std::string output;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return output;
-    char buffer[256];
-    while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) output += buffer;
-    pclose(pipe);
-    while (!output.empty() && (output.back() == '\n' || output.back() == ' ')) output.pop_back();
-    return output;
-}
+using testing::run;
+using testing::sandbox;
 
 template <class Predicate>
 bool waitUntil(Predicate predicate, std::chrono::milliseconds limit) {
@@ -87,15 +80,6 @@ TEST(PlatformSandboxTest, DeviceChangesAreAnnouncedOncePerBurstAndOtherChangesAr
     run("pactl unload-module " + after);
     std::this_thread::sleep_for(800ms);
     EXPECT_EQ(notifications.load(), 4);
-}
-
-// The sandbox script, pointed at the server this test talks to.
-std::string sandbox(const std::string& action) {
-    const char* server = std::getenv("PULSE_SERVER");
-    std::string directory = server != nullptr ? server : "";
-    if (directory.rfind("unix:", 0) == 0) directory = directory.substr(5);
-    directory = directory.substr(0, directory.rfind('/'));
-    return run("VELTO_SANDBOX_DIR=" + directory + " " VELTO_SANDBOX_SCRIPT " " + action);
 }
 
 TEST(PlatformSandboxTest, ServerThatGoesAwayIsReportedAndFoundAgainWhenItReturns) {

@@ -33,6 +33,8 @@ using namespace std::chrono_literals;
 using Kind = RecordingEvent::Kind;
 using SteadyClock = std::chrono::steady_clock;
 using velto::testing::readRecording;
+using velto::testing::run;
+using velto::testing::sandbox;
 using velto::testing::sine;
 
 constexpr const char* kSpeakers = "velto_speakers";    // system audio
@@ -329,16 +331,11 @@ TEST_F(RecordingSandboxTest, ADeviceLoadedMidRecordingRestartsCaptureWithoutAGap
         auto recorder = start("restart-" + std::to_string(c.channels) + ".wav", c.sources);
         std::this_thread::sleep_until(started + 2s);
         const auto firstMixer = recorder->mixer();
-        const std::string sinkName = "velto_recording_extra_" + std::to_string(::getpid());
-        FILE* load = popen(("pactl load-module module-null-sink sink_name=" + sinkName + " 2>/dev/null").c_str(), "r");
-        char moduleIndex[32] = {0};
-        if (load) {
-            if (std::fgets(moduleIndex, sizeof moduleIndex, load) == nullptr) moduleIndex[0] = '\0';
-            pclose(load);
-        }
+        const std::string module = run("pactl load-module module-null-sink sink_name=velto_recording_extra_" +
+                                       std::to_string(::getpid()) + " 2>/dev/null");
         std::this_thread::sleep_until(started + 4s);
         end(*recorder);
-        if (moduleIndex[0] != '\0') std::system(("pactl unload-module " + std::string(moduleIndex)).c_str());
+        if (!module.empty()) run("pactl unload-module " + module);
 
         // Envelope per 20 ms window (20 periods of the tone), in file time.
         const auto recorded = readRecording(file);
@@ -382,15 +379,6 @@ TEST_F(RecordingSandboxTest, ADeviceLoadedMidRecordingRestartsCaptureWithoutAGap
     }
 }
 
-// The sandbox script, pointed at the server this test talks to.
-int sandbox(const std::string& action) {
-    const char* server = std::getenv("PULSE_SERVER");
-    std::string directory = server != nullptr ? server : "";
-    if (directory.rfind("unix:", 0) == 0) directory = directory.substr(5);
-    directory = directory.substr(0, directory.rfind('/'));
-    return std::system(("VELTO_SANDBOX_DIR=" + directory + " " VELTO_SANDBOX_SCRIPT " " + action + " >/dev/null").c_str());
-}
-
 TEST_F(RecordingSandboxTest, WhenTheSoundServerGoesAwayTheRecordingEndsWithTheFileAndAnError) {
     std::optional<Player> microphone;
     microphone.emplace(kMicrophoneIn, 1, 3.0, sine(kMicrophoneToneHertz, kToneAmplitude));
@@ -398,9 +386,9 @@ TEST_F(RecordingSandboxTest, WhenTheSoundServerGoesAwayTheRecordingEndsWithTheFi
     auto recorder = start("server-lost.wav", AudioSources::both());
     std::this_thread::sleep_for(1500ms);
     microphone.reset();
-    ASSERT_EQ(sandbox("stop"), 0);
+    sandbox("stop");
     const bool ended = events->waitFor(std::nullopt, 10s);
-    ASSERT_EQ(sandbox("start"), 0);
+    ASSERT_NE(sandbox("start").find("started"), std::string::npos);
     ASSERT_TRUE(ended) << "the recording went on without a server";
 
     const auto all = events->events();
