@@ -35,13 +35,11 @@ public:
     std::exception_ptr startError;
     std::exception_ptr errorAfterEnd;  // the stream ends with it after finished/cancelled
     std::exception_ptr setPreferredError;
-    std::exception_ptr permissionError;
     bool createsFileBeforeFailing = false;  // a failed start that has already opened the output
     bool endsWithoutFileEvent = false;      // the stream ends after stop without finished/cancelled
     int progressEvents = 3;
     // Yielded after the progress events, before the recording waits for its stop.
     std::vector<RecordingEvent> laterEvents;
-    bool sendsStartEvents = true;
     std::filesystem::path defaultFile = "/recordings/Recording-2026-01-01-00-00-00.flac";
 
     // What happened.
@@ -93,10 +91,7 @@ public:
         storedMicrophoneId = device.id;
     }
     void clearPreferredMicrophone() override { storedMicrophoneId.reset(); }
-    PermissionStatus permissionStatus(const RecordingConfiguration&) override {
-        if (permissionError) std::rethrow_exception(permissionError);
-        return permission;
-    }
+    PermissionStatus permissionStatus(const RecordingConfiguration&) override { return permission; }
 
     int pauseCalls() const {
         std::lock_guard lock(mutex_);
@@ -132,10 +127,8 @@ private:
             std::lock_guard lock(mutex_);
             events_ = events;
         }
-        if (sendsStartEvents) {
-            events.yield(RecordingEvent::starting());
-            events.yield(RecordingEvent::started());
-        }
+        events.yield(RecordingEvent::starting());
+        events.yield(RecordingEvent::started());
         for (int i = 1; i <= progressEvents; ++i) {
             events.yield(RecordingEvent::progress(0.1 * i, AudioLevels{-20.0f, -6.0f}));
         }
