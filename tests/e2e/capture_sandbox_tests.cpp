@@ -1,6 +1,6 @@
 // The capture sources on the real sound server: a tone played into the sandbox speakers
-// must arrive in the system-audio tap's ring buffer, a tone spoken into the virtual
-// microphone in the microphone capture's, both at the right pitch, level and without gaps.
+// must arrive in the system-audio tap's ring buffer at the right pitch, level and without
+// gaps; a microphone is chosen by its name.
 
 #include "capture/MicrophoneCapture.hpp"
 #include "capture/SystemAudioTap.hpp"
@@ -116,33 +116,14 @@ TEST(SystemAudioTapSandboxTest, StartsAgainAfterStopAndReadsNothingWhileSilent) 
     EXPECT_EQ(tap->ringBuffer()->availableFrames(), 0);
 }
 
-TEST(MicrophoneCaptureSandboxTest, ToneIntoTheChosenMicrophoneArrivesInTheRingBuffer) {
-    auto capture = MicrophoneCapture::create(2, 96000, platform::PlatformServices::pulse());
-    capture->configureInputDevice(MicrophoneDevice{"velto_mic", "Velto-Microphone", true});
-    ASSERT_TRUE(capture->selectedMicrophoneID().has_value());
-    capture->start(1024);
-    ASSERT_TRUE(capture->isCapturing());
-    ASSERT_TRUE(capture->inputFormat().has_value());
-    EXPECT_EQ(capture->inputFormat()->sampleRate, 48000.0);
-    EXPECT_EQ(capture->inputFormat()->channelCount, 1u);
-
-    // Mono into a two-channel ring: both ring channels carry the microphone.
-    const auto captured = captureWhilePlaying(*capture->ringBuffer(), [&] { capture->flushCapturedAudio(); },
-                                              "velto_mic_in", 1, 440.0, 0.3f);
-    capture->stop();
-    EXPECT_EQ(captured[0], captured[1]);
-    const auto tone = measureTone(captured[0], 48000.0);
-    std::printf("microphone: %s\n", testing::describe(tone).c_str());
-    EXPECT_NEAR(static_cast<double>(tone.soundingFrames), 0.8 * 48000, 0.05 * 48000);
-    EXPECT_NEAR(tone.rms, 0.3 / std::sqrt(2.0), 0.015);
-    EXPECT_NEAR(tone.frequencyHertz, 440.0, 5.0);
-    EXPECT_GT(tone.weakestWindowPeak, 0.27);
-}
-
-TEST(MicrophoneCaptureSandboxTest, MonitorOfTheSpeakersIsNotAMicrophone) {
+// (A tone into the virtual microphone reaching the file is measured on whole recordings.)
+TEST(MicrophoneCaptureSandboxTest, AMicrophoneIsChosenByItsNameAndAMonitorIsNotAMicrophone) {
     auto capture = MicrophoneCapture::create(1, 96000, platform::PlatformServices::pulse());
+    const MicrophoneDevice microphone{"velto_mic", "Velto-Microphone", true};
+    capture->configureInputDevice(microphone);
+    ASSERT_TRUE(capture->selectedMicrophoneID().has_value());
     EXPECT_ANY_THROW(capture->configureInputDevice(MicrophoneDevice{"velto_speakers.monitor", "Monitor", false}));
-    EXPECT_FALSE(capture->selectedMicrophone().has_value());
+    EXPECT_EQ(capture->selectedMicrophone(), microphone);
 }
 
 }  // namespace
