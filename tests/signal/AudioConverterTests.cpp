@@ -140,29 +140,5 @@ TEST(AudioConverterTest, SinePathsAreCleanContinuousAndFlushedWhole) {
     }
 }
 
-TEST(AudioConverterTest, ChannelAndLayoutChangesAtEqualRates) {
-    // Mono, non-interleaved -> stereo interleaved: copied to both channels.
-    auto spread = AudioConverter::create(*PcmFormat::standard(16000, 1), *PcmFormat::make(16000, 2, true));
-    auto monoBlock = PcmBuffer::make(*PcmFormat::standard(16000, 1), 3);
-    const float values[] = {0.1f, -0.2f, 0.3f};
-    std::copy(std::begin(values), std::end(values), monoBlock->floatChannelData()[0]);
-    monoBlock->setFrameLength(3);
-    const auto stereo = spread->convert(*monoBlock);
-    ASSERT_EQ(stereo->frameLength(), 3u);
-    EXPECT_EQ(std::vector<float>(stereo->floatChannelData()[0], stereo->floatChannelData()[0] + 6),
-              (std::vector<float>{0.1f, 0.1f, -0.2f, -0.2f, 0.3f, 0.3f}));
-
-    // Stereo interleaved -> mono: averaged.
-    auto fold = AudioConverter::create(*PcmFormat::make(16000, 2, true), *PcmFormat::standard(16000, 1));
-    const auto folded = fold->convert(*stereo);
-    ASSERT_EQ(folded->frameLength(), 3u);
-    EXPECT_FLOAT_EQ(folded->floatChannelData()[0][1], -0.2f);
-    auto uneven = PcmBuffer::make(*PcmFormat::make(16000, 2, true), 1);
-    uneven->floatChannelData()[0][0] = 0.4f;
-    uneven->floatChannelData()[0][1] = 0.2f;
-    uneven->setFrameLength(1);
-    EXPECT_FLOAT_EQ(fold->convert(*uneven)->floatChannelData()[0][0], 0.3f);
-}
-
 }  // namespace
 }  // namespace velto
