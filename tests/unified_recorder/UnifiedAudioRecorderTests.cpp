@@ -236,37 +236,6 @@ TEST_F(UnifiedAudioRecorderTest, APauseKeepsItsAudioOutOfTheFileAndItsTimeOutOfE
     EXPECT_LT(recorded.samples.size(), 16000u + kJitterFrames / 3 + 400u);
 }
 
-// The system audio's monitor of an output nothing plays on: warned about after ten
-// seconds of recording, and the recording goes on.
-TEST_F(UnifiedAudioRecorderTest, ASourceSilentForTenSecondsIsReportedAndTheRecordingGoesOn) {
-    auto recorder = start(AudioSources::systemAudioOnly());
-    feedSystem(0.5f, 0.5f, 24000 + kJitterFrames);
-    mixFor(*recorder, 0.5);
-    for (int second = 0; second < 11; ++second) {
-        feedSystem(0.0f, 0.0f, 48000);
-        mixFor(*recorder, 1.0);
-    }
-    feedSystem(0.5f, 0.5f, 24000);
-    mixFor(*recorder, 0.5);
-    recorder->stop();
-
-    auto drained = drainUntilEnd(events);
-    ASSERT_EQ(drained.count(Kind::silence), 1);
-    ASSERT_EQ(drained.count(Kind::signal), 1);
-    for (const auto& event : drained.events) {
-        if (event.kind == Kind::silence || event.kind == Kind::signal) {
-            EXPECT_EQ(event.source, RecordingEvent::Source::systemAudio);
-        }
-        // Within one progress interval of where the zeros reached the file.
-        if (event.kind == Kind::silence) {
-            EXPECT_NEAR(event.elapsedSeconds, 0.5, 0.15);
-        } else if (event.kind == Kind::signal) {
-            EXPECT_NEAR(event.elapsedSeconds, 11.5, 0.15);
-        }
-    }
-    EXPECT_EQ(drained.events.back().kind, Kind::finished);
-}
-
 TEST_F(UnifiedAudioRecorderTest, CancelKeepsTheFileAndEndsWithCancelled) {
     auto recorder = start(AudioSources::microphoneOnly());
     feedMicrophone(0.2f, 9600 + kJitterFrames);
