@@ -120,17 +120,5 @@ TEST(MixerSeparateTracksTest, EachSourceKeepsItsOwnChannelLevelAndClipping) {
     EXPECT_EQ(path.rig.mixer->overflowCount(), 6);  // every clipped block counts, one a tick
 }
 
-TEST(MixerLevelsTest, EachSourceIsMeteredBeforeItsGain) {
-    SeparatePath path;
-    writeConstant(*path.microphone, 0.5f, kJitterFrames + 1600);
-    writeConstant(*path.system, 0.05f, kJitterFrames + 1600);
-    path.rig.step(6);
-    const MixerLevels levels = path.rig.mixer->levels();
-    ASSERT_TRUE(levels.microphone && levels.system);
-    EXPECT_NEAR(levels.microphone->peak, -6.02, 0.01);
-    EXPECT_NEAR(levels.microphone->average, -6.02, 0.01);
-    EXPECT_NEAR(levels.system->peak, -26.02, 0.01);
-}
-
 }  // namespace
 }  // namespace velto
