@@ -44,18 +44,13 @@ private:
     std::filesystem::path path_;
 };
 
-// A mono block continuing `sampleAt` from `nextIndex`: ramps (rampAt) expose dropped or
-// duplicated frames, sines give known levels.
-template <typename SampleAt>
-std::shared_ptr<PcmBuffer> monoBlock(double rateHertz, uint32_t frames, int64_t& nextIndex, SampleAt sampleAt) {
-    auto buffer = PcmBuffer::make(*PcmFormat::make(rateHertz, 1, false), frames);
-    buffer->setFrameLength(frames);
-    for (uint32_t i = 0; i < frames; ++i, ++nextIndex) buffer->floatChannelData()[0][i] = sampleAt(nextIndex);
-    return buffer;
-}
+// A ramp exposes dropped or duplicated frames: rampBlock continues it from `nextIndex`.
 inline float rampAt(int64_t index) { return static_cast<float>(index % 1000) / 1000.0f; }
 inline std::shared_ptr<PcmBuffer> rampBlock(double rateHertz, uint32_t frames, int64_t& nextIndex) {
-    return monoBlock(rateHertz, frames, nextIndex, rampAt);
+    auto buffer = PcmBuffer::make(*PcmFormat::make(rateHertz, 1, false), frames);
+    buffer->setFrameLength(frames);
+    for (uint32_t i = 0; i < frames; ++i, ++nextIndex) buffer->floatChannelData()[0][i] = rampAt(nextIndex);
+    return buffer;
 }
 
 // Polls `condition` until it holds or a generous limit passes (the limit only keeps a
