@@ -191,6 +191,13 @@ TEST_F(RecordingSandboxTest, EverySourceCaseRecordsTheTonesAtTheirGains) {
         // and at the stop everything captured, down to the resamplers' last frames.
         const double fileSeconds = static_cast<double>(recorded.samples.size()) / 16000.0;
         EXPECT_NEAR(fileSeconds, seconds(stopped - started), 0.3);
+        // The sources sound within a second of the start: the first progress that carries levels.
+        const auto all = events->events();
+        const auto sounding = std::find_if(all.begin(), all.end(), [](const RecordingEvent& e) {
+            return e.kind == Kind::progress && e.audioLevels.average > -159.0f;
+        });
+        ASSERT_NE(sounding, all.end());
+        EXPECT_LT(sounding->elapsedSeconds, 1.0);
         // The virtual microphone sometimes takes up to a second to carry the first tone
         // after its stream opens; levels are taken from 2 s on.
         const std::size_t first = 32000, last = recorded.samples.size() - 1600;
