@@ -24,15 +24,6 @@ std::vector<uint32_t> jitteredBlocks(uint32_t nominal, size_t count, unsigned se
     return blocks;
 }
 
-TEST(AudioConverterTest, UnmappableChannelCountsAreRefused) {
-    try {
-        AudioConverter::create(*PcmFormat::make(48000, 3, false), *PcmFormat::make(48000, 2, false));
-        FAIL() << "3 -> 2 channels was accepted";
-    } catch (const AudioConverterError& error) {
-        EXPECT_EQ(error.code(), AudioConverterError::Code::failedToCreateConverter);
-    }
-}
-
 // Across a stream the output keeps pace exactly with the input: what is still
 // missing at any moment never exceeds the advertised hold-back, and nothing
 // is produced beyond what is due.

@@ -14,14 +14,6 @@ using testing::writeConstant;
 
 PcmFormat fileFormat16k() { return *PcmFormat::make(16000, 1, true); }
 
-TEST(AudioMixerTest, MixingRateIsTheFirstStandardRateAboveBothSources) {
-    EXPECT_EQ(AudioMixer::chooseMixingRate(44100, 48000), 48000.0);
-    EXPECT_EQ(AudioMixer::chooseMixingRate(48000, 16000), 48000.0);
-    EXPECT_EQ(AudioMixer::chooseMixingRate(22050, 11025), 24000.0);
-    EXPECT_EQ(AudioMixer::chooseMixingRate(8000, 8000), 8000.0);
-    EXPECT_EQ(AudioMixer::chooseMixingRate(200000, 8000), 200000.0);
-}
-
 TEST(AudioMixerTest, JitterReserveStaysUnreadAndBlocksAreAtLeast64Frames) {
     // Below half the buffer the reserve would not cover one late capture block.
     EXPECT_EQ(AudioMixer::create(1024, 100, std::make_shared<ManualClock>(), MixingTicks::caller)->jitterBufferFrames(), 512);
