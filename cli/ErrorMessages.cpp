@@ -60,6 +60,7 @@ std::string adviceForRecordingError(const RecordingError& error) {
             return "Check that the sound server has a default output device, or record with --sources microphone.";
         case Code::soundServerUnreachable:
             return "";  // the description already says which server and what to do
+        case Code::invalidMaximumDuration: return "Give --duration a number of seconds above zero.";
         case Code::recordingFailed:
         case Code::recorderInitializationFailed:
         case Code::notRecording:

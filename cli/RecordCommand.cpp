@@ -144,6 +144,8 @@ int RecordCommand::run() {
                                          BufferConfiguration::defaultConfiguration());
     configuration.trackLayout = options_.tracks;
     configuration.echoCancellation = options_.echoCancellation;
+    // The library ends the recording on the very frame: the file is as long as asked.
+    configuration.maximumDurationSeconds = options_.durationSeconds;
     std::error_code ignored;
     bool existedBefore = outputFile && fs::exists(*outputFile, ignored);
     if (console_.meterEnabled()) console_.printMessage(announcement(outputFile));
@@ -240,7 +242,9 @@ void RecordCommand::handle(const RecordingEvent& event, Outcome& outcome) {
 void RecordCommand::stopWhenDurationReached() {
     if (!options_.durationSeconds || control_.stopRequested() || stalled_ || paused_) return;
     double duration = *options_.durationSeconds;
-    bool recordedEnough = sawProgress_ && recordedSeconds_ >= duration;
+    // The library ends the recording itself when the file holds the duration; a stop is
+    // only asked for when it has not (a recording that went on past it, or no audio at all).
+    bool recordedEnough = sawProgress_ && recordedSeconds_ >= duration + environment_.durationGraceSeconds;
     bool clockRanOut = environment_.monotonicSeconds() - startedAtSeconds_ >= duration + environment_.durationGraceSeconds;
     if (recordedEnough || (clockRanOut && sawProgress_)) {
         control_.requestStop();

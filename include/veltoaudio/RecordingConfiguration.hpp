@@ -33,6 +33,11 @@ struct RecordingConfiguration {
     // twice. Unset: on when both sources are recorded. It needs both sources and
     // makes the mix run at 16 kHz; with headphones the microphone is left as it is.
     std::optional<bool> echoCancellation;
+    // Ends the recording by itself once the file holds this many seconds (time spent
+    // paused does not count): the file then ends on that very frame, the live stream
+    // with it, and the events end with `finished` as after a stop. It must be a
+    // finite number above zero, or the start is refused. Unset: until stopped.
+    std::optional<double> maximumDurationSeconds;
 
     bool cancelsEcho() const {
         return sources.includeMicrophone() && sources.includeSystemAudio() && echoCancellation.value_or(true);

@@ -35,6 +35,7 @@ public:
         systemAudioFormatNotSupported,
         separateTracksNeedBothSources,
         soundServerUnreachable,
+        invalidMaximumDuration,
     };
 
     static RecordingError sessionConfigurationFailed(ErrorPtr error);
@@ -54,6 +55,7 @@ public:
     static RecordingError invalidSystemAudioConfiguration();
     static RecordingError systemAudioFormatNotSupported();
     static RecordingError separateTracksNeedBothSources();
+    static RecordingError invalidMaximumDuration();
     // No sound server answered at `serverAddress` (what was tried, e.g.
     // "unix:/run/user/1000/pulse/native"): nothing can be recorded or asked until one runs.
     static RecordingError soundServerUnreachable(std::string serverAddress);

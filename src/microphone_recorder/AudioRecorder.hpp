@@ -13,6 +13,10 @@
 //
 // Elapsed time in its events is recorded time, the length of audio in the file: blocks
 // that arrive while paused are dropped and do not count.
+//
+// It does not end a recording at RecordingConfiguration::maximumDurationSeconds: it serves
+// only systems without system-audio capture, which the Linux build never reports, and the
+// host's stop ends it there.
 
 #include <filesystem>
 #include <memory>

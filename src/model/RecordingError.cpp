@@ -88,6 +88,7 @@ VELTO_PLAIN_CASE(invalidSystemAudioConfiguration, "Invalid system audio configur
 VELTO_PLAIN_CASE(systemAudioFormatNotSupported, "The system audio format is not supported.")
 VELTO_PLAIN_CASE(separateTracksNeedBothSources,
                  "Separate tracks need both sources: record the microphone and the system audio, or mix one track.")
+VELTO_PLAIN_CASE(invalidMaximumDuration, "The maximum duration must be a finite number of seconds above zero.")
 
 RecordingError RecordingError::soundServerUnreachable(std::string serverAddress) {
     RecordingError error(Code::soundServerUnreachable,
@@ -142,6 +143,7 @@ const char* caseName(RecordingError::Code code) {
         case RecordingError::Code::systemAudioFormatNotSupported: return "systemAudioFormatNotSupported";
         case RecordingError::Code::separateTracksNeedBothSources: return "separateTracksNeedBothSources";
         case RecordingError::Code::soundServerUnreachable: return "soundServerUnreachable";
+        case RecordingError::Code::invalidMaximumDuration: return "invalidMaximumDuration";
     }
     return "unknown";
 }

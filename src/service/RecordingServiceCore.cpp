@@ -1,5 +1,6 @@
 #include "service/RecordingServiceCore.hpp"
 
+#include <cmath>
 #include <string>
 #include <utility>
 
@@ -127,6 +128,10 @@ EventStream<RecordingEvent> RecordingServiceCore::startRecordingLocked(
     if (configuration.trackLayout == TrackLayout::separate && configuration.sources.kind() != AudioSources::Kind::both) {
         logger().error("Separate tracks refused: the recording has one source");
         throw RecordingError::separateTracksNeedBothSources();
+    }
+    if (const auto& limit = configuration.maximumDurationSeconds; limit && !(std::isfinite(*limit) && *limit > 0)) {
+        logger().error("Maximum duration refused: " + std::to_string(*limit) + " s");
+        throw RecordingError::invalidMaximumDuration();
     }
     transition(RecordingState::starting, turn);
     configuration_ = configuration;

@@ -116,7 +116,7 @@ void AudioMixer::start(const MixerInputs& inputs) {
         system_.configure(system ? system->ring : nullptr, systemRate, mixingRate);
         microphone_.configure(microphone ? microphone->ring : nullptr, microphoneRate, mixingRate);
         bus_.configure(inputs.layout);
-        output_.configure(inputs.outputFile, inputs.outputFormat, mixingRate, bus_.channels());
+        output_.configure(inputs.outputFile, inputs.outputFormat, mixingRate, bus_.channels(), inputs.fileFrameLimit);
     } catch (...) {
         system_.release();
         microphone_.release();

@@ -99,6 +99,8 @@ public:
     void setWriteFailureHandler(std::function<void(ErrorPtr)> handler) {
         output_.setWriteFailureHandler(std::move(handler));
     }
+    // Called once, on the mixing queue, when the file holds MixerInputs::fileFrameLimit.
+    void setLimitReachedHandler(std::function<void()> handler) { output_.setLimitReachedHandler(std::move(handler)); }
 
     // Runs one tick now and returns when it is done. With MixingTicks::timer
     // it runs on the mixing queue; with MixingTicks::caller on this thread.

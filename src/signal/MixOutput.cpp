@@ -17,9 +17,11 @@ LoggerCompat& logger() {
 
 }  // namespace
 
-void MixOutput::configure(std::shared_ptr<AudioFile> file, const PcmFormat& outputFormat,
-                          double mixingSampleRateHertz, uint32_t busChannels) {
+void MixOutput::configure(std::shared_ptr<AudioFile> file, const PcmFormat& outputFormat, double mixingSampleRateHertz,
+                          uint32_t busChannels, std::optional<int64_t> fileFrameLimit) {
     file_ = std::move(file);
+    fileFrameLimit_ = fileFrameLimit;
+    limitReached_ = false;
     outputFormat_ = outputFormat;
     busChannels_ = busChannels;
     writeFailureReported_ = false;
@@ -88,6 +90,17 @@ void MixOutput::flush() {
 }
 
 void MixOutput::deliver(std::shared_ptr<PcmBuffer> block) {
+    if (limitReached_) return;
+    if (file_ && fileFrameLimit_) {
+        // The file ends on the very frame asked for: the block that crosses the
+        // limit is cut there, for the stream too, so both end alike.
+        const int64_t room = std::max<int64_t>(0, *fileFrameLimit_ - file_->framesWritten());
+        if (room < block->frameLength()) block->setFrameLength(static_cast<uint32_t>(room));
+        if (room == 0) {
+            reportLimitReached();
+            return;
+        }
+    }
     if (file_) {
         try {
             file_->write(*block);
@@ -108,8 +121,27 @@ void MixOutput::deliver(std::shared_ptr<PcmBuffer> block) {
     } else {
         framesWritten_ += block->frameLength();
     }
+    {
+        std::lock_guard guard(streamLock_);
+        if (audioStreamContinuation_) audioStreamContinuation_->yield(block);
+    }
+    if (file_ && fileFrameLimit_ && file_->framesWritten() >= *fileFrameLimit_) reportLimitReached();
+}
+
+void MixOutput::reportLimitReached() {
+    if (limitReached_) return;
+    limitReached_ = true;
+    std::function<void()> handler;
+    {
+        std::lock_guard guard(streamLock_);
+        handler = limitReachedHandler_;
+    }
+    if (handler) handler();
+}
+
+void MixOutput::setLimitReachedHandler(std::function<void()> handler) {
     std::lock_guard guard(streamLock_);
-    if (audioStreamContinuation_) audioStreamContinuation_->yield(block);
+    limitReachedHandler_ = std::move(handler);
 }
 
 AudioBufferStream MixOutput::audioStream() {

@@ -29,8 +29,9 @@ namespace velto {
 class MixOutput {
 public:
     // Creates the output resampler when the rates differ. Throws AudioConverterError.
+    // `fileFrameLimit`: the most frames the file may hold (see MixerInputs).
     void configure(std::shared_ptr<AudioFile> file, const PcmFormat& outputFormat, double mixingSampleRateHertz,
-                   uint32_t busChannels);
+                   uint32_t busChannels, std::optional<int64_t> fileFrameLimit = std::nullopt);
     void release();
 
     // `frames` interleaved frames of the bus's channel count, at the mixing rate.
@@ -43,11 +44,14 @@ public:
     AudioBufferStream audioStream();
     void finishStream();
     void setWriteFailureHandler(std::function<void(ErrorPtr)> handler);
+    // Called once, on the mixing thread, when the file has reached its frame limit.
+    void setLimitReachedHandler(std::function<void()> handler);
     // Output-rate frames handed to the file (or, without one, to the stream).
     int64_t framesWritten() const { return framesWritten_.load(); }
 
 private:
     void deliver(std::shared_ptr<PcmBuffer> block);
+    void reportLimitReached();
 
     std::shared_ptr<AudioFile> file_;
     std::optional<PcmFormat> outputFormat_;
@@ -55,12 +59,15 @@ private:
     std::shared_ptr<AudioConverter> converter_;
     uint32_t busChannels_ = 1;
     bool writeFailureReported_ = false;
+    std::optional<int64_t> fileFrameLimit_;
+    bool limitReached_ = false;
     std::atomic<int64_t> framesWritten_{0};
 
     std::mutex streamLock_;
     std::optional<AudioBufferStream> audioStream_;                            // guarded by streamLock_
     std::optional<AudioBufferSource::Continuation> audioStreamContinuation_;  // guarded by streamLock_
     std::function<void(ErrorPtr)> writeFailureHandler_;                       // guarded by streamLock_
+    std::function<void()> limitReachedHandler_;                               // guarded by streamLock_
 };
 
 }  // namespace velto

@@ -49,6 +49,10 @@ struct MixerInputs {
     // sources stay in step with each other, and the output is as long as the
     // time it took. Off, each source is read at its nominal rate, exactly.
     bool driftCorrection = false;
+    // The most frames the output file may hold, counted over the whole file (what
+    // earlier runs wrote included): the block that reaches it is cut to fit, nothing
+    // after it is written or streamed, and the limit handler is told once.
+    std::optional<int64_t> fileFrameLimit;
 };
 
 }  // namespace velto

@@ -278,6 +278,10 @@ void UnifiedAudioRecorder::startAudioMixing() {
     inputs.outputFile = audioFile_;
     inputs.outputFormat = outputFormat;
     inputs.layout = separateTracks() ? MixerTrackLayout::separate : MixerTrackLayout::mixed;
+    if (configuration_.maximumDurationSeconds) {
+        inputs.fileFrameLimit =
+            std::llround(*configuration_.maximumDurationSeconds * audioFile_->fileFormat().sampleRate);
+    }
     if (systemAudioTap_) {
         inputs.system = MixerSourceInput{systemAudioTap_->ringBuffer(), systemAudioTap_->asbd().mSampleRate,
                                          systemAudioTap_->asbd().mChannelsPerFrame,
@@ -328,6 +332,12 @@ void UnifiedAudioRecorder::startForwarding(const std::shared_ptr<AudioMixer>& mi
     mixer->setWriteFailureHandler([weak, weakMixer, queue](ErrorPtr cause) {
         queue->async([weak, weakMixer, cause] {
             if (auto self = weak.lock()) self->handleWriteFailure(weakMixer.lock(), cause);
+        });
+    });
+    // A file that holds the longest duration asked for ends the recording as a stop would.
+    mixer->setLimitReachedHandler([weak, weakMixer, queue] {
+        queue->async([weak, weakMixer] {
+            if (auto self = weak.lock()) self->handleLengthReached(weakMixer.lock());
         });
     });
 
@@ -517,6 +527,13 @@ void UnifiedAudioRecorder::discardCarriedIfRateChanged(int64_t prefilledFrames,
     std::vector<float*> destinations;
     for (auto& channel : scratch) destinations.push_back(channel.data());
     ring->read(destinations, prefilledFrames);
+}
+
+void UnifiedAudioRecorder::handleLengthReached(const std::shared_ptr<AudioMixer>& mixer) {
+    if (!mixer || mixer != audioMixer_) return;  // a mixer already replaced or stopped
+    logger().info("Recording reached its maximum duration of " +
+                  formatDouble(configuration_.maximumDurationSeconds.value_or(0)) + " s");
+    finishRecording(RecorderState::stopping, RecorderState::finished);
 }
 
 void UnifiedAudioRecorder::handleWriteFailure(const std::shared_ptr<AudioMixer>& failedMixer, ErrorPtr cause) {

@@ -136,6 +136,7 @@ private:
     void discardCarriedIfRateChanged(int64_t prefilledFrames, const std::optional<CarriedOverAudio>& carried,
                                      double newSampleRateHertz, const std::shared_ptr<FloatRingBuffer>& ring);
     void handleWriteFailure(const std::shared_ptr<AudioMixer>& failedMixer, ErrorPtr cause);
+    void handleLengthReached(const std::shared_ptr<AudioMixer>& mixer);
     // Before the mixer takes its last frames: the sources hand over all they have captured.
     void flushSources();
     void stopComponents();

@@ -54,12 +54,13 @@ protected:
 };
 
 // The meter line is wiped before the path, the only line on standard output.
-TEST_F(RecordCommandTest, DurationStopsTheRecordingAndThePathIsTheLastLine) {
+// The duration goes to the library, which ends the recording on the very frame.
+TEST_F(RecordCommandTest, DurationEndsTheRecordingAndThePathIsTheLastLine) {
     backend_.progressEvents = 5;
     RecordOptions options;
     options.durationSeconds = 0.3;
     EXPECT_EQ(run(options, true), 0);
-    EXPECT_EQ(backend_.stopCalls(), 1);
+    EXPECT_EQ(backend_.stopCalls(), 0);
     EXPECT_EQ(backend_.cancelCalls(), 0);
     EXPECT_EQ(out_.str(), backend_.defaultFile.string() + "\n");
     const auto err = err_.str();
@@ -71,6 +72,7 @@ TEST_F(RecordCommandTest, DurationStopsTheRecordingAndThePathIsTheLastLine) {
     EXPECT_EQ(backend_.startedConfiguration->audioFormat, AudioFormat::flac);
     EXPECT_EQ(backend_.startedConfiguration->sources.kind(), AudioSources::Kind::microphoneOnly);
     EXPECT_FALSE(backend_.startedConfiguration->preferredMicrophone);
+    EXPECT_EQ(backend_.startedConfiguration->maximumDurationSeconds, 0.3);
 }
 
 TEST_F(RecordCommandTest, JsonModePrintsEveryEventWithFinishedLast) {

@@ -16,7 +16,8 @@ namespace velto::cli::testing {
 // A stand-in for the recording service. A started recording announces itself, sends
 // `progressEvents` progress events 0.1 s apart (in recorded time; nothing sleeps), then
 // waits for stop or cancel, which it answers like the multi-source recorder: `finished`
-// or `cancelled`, then the end of the stream (with `errorAfterEnd`, if set).
+// or `cancelled`, then the end of the stream (with `errorAfterEnd`, if set). A recording
+// with a maximum duration ends by itself once its progress reaches it, as the library's does.
 class ScriptedBackend final : public RecordingBackend {
 public:
     ~ScriptedBackend() override {
@@ -129,12 +130,15 @@ private:
         }
         events.yield(RecordingEvent::starting());
         events.yield(RecordingEvent::started());
-        for (int i = 1; i <= progressEvents; ++i) {
+        const double limit = startedConfiguration->maximumDurationSeconds.value_or(1e9);
+        bool limitReached = false;
+        for (int i = 1; i <= progressEvents && !limitReached; ++i) {
             events.yield(RecordingEvent::progress(0.1 * i, AudioLevels{-20.0f, -6.0f}));
+            limitReached = 0.1 * i >= limit - 1e-9;
         }
         for (const auto& event : laterEvents) events.yield(event);
         std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return stopCalls_ > 0 || cancelCalls_ > 0 || shuttingDown_; });
+        changed_.wait(lock, [&] { return limitReached || stopCalls_ > 0 || cancelCalls_ > 0 || shuttingDown_; });
         bool cancelled = cancelCalls_ > 0;
         events_.reset();
         lock.unlock();

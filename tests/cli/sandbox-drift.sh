@@ -14,9 +14,9 @@
 #     batches, which still moves the system track by 4-18 ms in the first minute;
 #     the microphone's grid and its estimate are what catch a correction that fails);
 #     without correction it moves by the skew itself, 60 ms in 30 s at 2000 ppm;
-#   - every mark is there, no 10 ms of either tone is missing, the file is no more
-#     than half a second longer than asked, and neither track sounds alone at the end
-#     for more than a tick (16.7 ms).
+#   - every mark is there, no 10 ms of either tone is missing, the file is as long as
+#     asked within 20 ms, and neither track sounds alone at the end for more than a
+#     tick (16.7 ms).
 # Usage: sandbox-drift.sh VELTO MEASURE_MARKS PROJECT_ROOT
 set -uo pipefail
 velto=$1
@@ -58,7 +58,8 @@ for ppm in ${VELTO_DRIFT_SKEWS:-2000 -1000}; do
     at_most "$offset" "${VELTO_DRIFT_OFFSET_MS:-30}" || fail "$ppm ppm: the offset between the channels moved $offset ms"
     ((mic_marks >= seconds - 3 && sys_marks >= seconds - 3)) || fail "$ppm ppm: marks missing ($mic_marks/$sys_marks)"
     ((mic_drops == 0 && sys_drops == 0)) || fail "$ppm ppm: dropouts ($mic_drops/$sys_drops)"
-    at_most "$length" "$((seconds)).5" || fail "$ppm ppm: $length s of file for $seconds s"
+    at_most "$(awk -v a="$length" -v b="$seconds" 'BEGIN { d = a - b; print (d < 0 ? -d : d) }')" 0.02 ||
+        fail "$ppm ppm: $length s of file for $seconds s"
     at_most "$tail_ms" 16.7 || fail "$ppm ppm: one track sounds alone for $tail_ms ms at the end"
 done
 bash "$root/scripts/sound-sandbox.sh" skewed-mic off >/dev/null

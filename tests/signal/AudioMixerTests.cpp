@@ -139,6 +139,35 @@ TEST(AudioMixerTest, StopTakesWhatTheRingsHeldAndNothingThatArrivesDuringIt) {
     EXPECT_EQ(drained, expected);
 }
 
+// The limit counts the whole file (an earlier run's frames too): the block that
+// crosses it is cut on the frame, for the file and the stream alike, the owner hears
+// of it once, and nothing more is written after it.
+TEST(AudioMixerTest, AFileFrameLimitEndsTheFileOnTheFrameAndIsReportedOnce) {
+    MixerRig rig;
+    ScratchFolder folder("velto-mixer-limit");
+    auto ring = FloatRingBuffer::create(1, 96000);
+    auto file = AudioFile::openForWriting(folder.file("mix.wav"), makeAudioSettings(AudioFormat::wav));
+    auto earlier = PcmBuffer::make(file->processingFormat(), 300);
+    earlier->setFrameLength(300);
+    file->write(*earlier);
+    auto stream = rig.mixer->audioStream();
+    int reports = 0;
+    rig.mixer->setLimitReachedHandler([&] { ++reports; });
+    auto inputs = testing::singleInputs(nullptr, ring, 16000, 1, file, file->processingFormat());
+    inputs.fileFrameLimit = 1000;
+    rig.mixer->start(inputs);
+    writeConstant(*ring, 0.25f, 3072 + 2000);
+    for (int i = 0; i < 10; ++i) rig.step();
+    EXPECT_EQ(file->framesWritten(), 1000);
+    EXPECT_EQ(drainStream(stream).size(), 700u);
+    EXPECT_EQ(reports, 1);
+    writeConstant(*ring, 0.25f, 2000);
+    rig.step(10);
+    rig.mixer->stopMixing();
+    EXPECT_EQ(file->framesWritten(), 1000);
+    EXPECT_EQ(reports, 1);
+}
+
 TEST(AudioMixerTest, AVanishedSourceDropsOutAndTheOtherGoesOn) {
     MixerRig rig;
     auto systemRing = FloatRingBuffer::create(1, 96000);
