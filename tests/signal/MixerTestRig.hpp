@@ -5,6 +5,7 @@
 #include <array>
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -64,16 +65,21 @@ inline int64_t writeConstant(FloatRingBuffer& ring, float value, int64_t frames)
     return ring.write(sources, frames);
 }
 
-inline std::vector<float> drainStream(AudioBufferStream& stream) {
-    std::vector<float> samples;
+// Calls `frame` with each frame the stream has ready (its first sample; the others follow when interleaved).
+inline void forEachFrame(AudioBufferStream& stream, const std::function<void(const float*)>& frame) {
     while (stream.waitFor(std::chrono::milliseconds(0))) {
         auto block = stream.next();
         if (!block) break;
         const auto& format = (*block)->format();
-        for (uint32_t i = 0; i < (*block)->frameLength(); ++i) {
-            samples.push_back((*block)->floatChannelData()[0][format.interleaved ? i * format.channelCount : i]);
-        }
+        const uint32_t step = format.interleaved ? format.channelCount : 1;
+        for (uint32_t i = 0; i < (*block)->frameLength(); ++i) frame((*block)->floatChannelData()[0] + i * step);
     }
+}
+
+// The first channel of what the stream has ready.
+inline std::vector<float> drainStream(AudioBufferStream& stream) {
+    std::vector<float> samples;
+    forEachFrame(stream, [&](const float* frame) { samples.push_back(*frame); });
     return samples;
 }
 

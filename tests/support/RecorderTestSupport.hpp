@@ -149,7 +149,6 @@ struct RecordedFile {
     bool opened = false;
     double sampleRate = 0;
     int channels = 0;
-    int format = 0;
     std::vector<float> samples;  // interleaved
 };
 
@@ -161,7 +160,6 @@ inline RecordedFile readRecording(const std::filesystem::path& path) {
     result.opened = true;
     result.sampleRate = info.samplerate;
     result.channels = info.channels;
-    result.format = info.format;
     result.samples.resize(static_cast<size_t>(info.frames) * static_cast<size_t>(info.channels));
     sf_readf_float(file, result.samples.data(), info.frames);
     sf_close(file);
