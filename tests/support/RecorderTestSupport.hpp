@@ -149,7 +149,9 @@ struct RecordedFile {
     bool opened = false;
     double sampleRate = 0;
     int channels = 0;
-    std::vector<float> samples;  // interleaved
+    int format = 0;
+    int64_t headerFrames = 0;    // the frames the header claims
+    std::vector<float> samples;  // interleaved, read to the real end of the data
 };
 
 inline RecordedFile readRecording(const std::filesystem::path& path) {
@@ -160,8 +162,12 @@ inline RecordedFile readRecording(const std::filesystem::path& path) {
     result.opened = true;
     result.sampleRate = info.samplerate;
     result.channels = info.channels;
-    result.samples.resize(static_cast<size_t>(info.frames) * static_cast<size_t>(info.channels));
-    sf_readf_float(file, result.samples.data(), info.frames);
+    result.format = info.format;
+    result.headerFrames = info.frames;
+    std::vector<float> chunk(4096 * static_cast<size_t>(info.channels));
+    for (sf_count_t got; (got = sf_readf_float(file, chunk.data(), 4096)) > 0;) {
+        result.samples.insert(result.samples.end(), chunk.begin(), chunk.begin() + got * info.channels);
+    }
     sf_close(file);
     return result;
 }
