@@ -95,10 +95,7 @@ public:
     }
     // Waits for the first event of that kind or, without one, for the end of the stream.
     bool waitFor(std::optional<Kind> kind, std::chrono::milliseconds timeout = 10s) {
-        for (const auto deadline = SteadyClock::now() + timeout;; std::this_thread::sleep_for(5ms)) {
-            if (kind ? count(*kind) > 0 : ended_.load()) return true;
-            if (SteadyClock::now() >= deadline) return false;
-        }
+        return velto::testing::eventually([&] { return kind ? count(*kind) > 0 : ended_.load(); }, timeout);
     }
     int count(Kind kind) { return velto::testing::countOf(events(), kind); }
     std::vector<Kind> shape() { return velto::testing::shapeOf(events()); }

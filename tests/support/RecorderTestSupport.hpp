@@ -53,10 +53,11 @@ inline std::shared_ptr<PcmBuffer> rampBlock(double rateHertz, uint32_t frames, i
     return buffer;
 }
 
-// Polls `condition` until it holds or a generous limit passes (the limit only keeps a
-// broken test from hanging; no test depends on how long anything takes).
-inline bool eventually(const std::function<bool()>& condition) {
-    for (int attempt = 0; attempt < 2000; ++attempt) {
+// Polls `condition` until it holds or `limit` passes (by default a generous limit that only
+// keeps a broken test from hanging: no unit test depends on how long anything takes).
+inline bool eventually(const std::function<bool()>& condition,
+                       std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    for (const auto deadline = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < deadline;) {
         if (condition()) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
