@@ -17,21 +17,6 @@ using ::testing::ElementsAre;
 using Kind = RecordingEvent::Kind;
 using Code = RecordingError::Code;
 
-template <class Operation>
-std::optional<RecordingError> thrown(Operation operation) {
-    try {
-        operation();
-    } catch (const RecordingError& error) {
-        return error;
-    }
-    return std::nullopt;
-}
-template <class Operation>
-std::optional<Code> thrownCode(Operation operation) {
-    const auto error = thrown(operation);
-    return error ? std::optional<Code>(error->code()) : std::nullopt;
-}
-
 const MicrophoneDevice kBuiltIn{"built-in", "Built-in Microphone", true};
 const MicrophoneDevice kUsb{"usb-1", "USB Microphone", false};
 
