@@ -1,7 +1,5 @@
 #pragma once
 
-#include <unistd.h>
-
 #include <array>
 #include <chrono>
 #include <filesystem>
@@ -12,6 +10,7 @@
 
 #include "dispatch/Clock.hpp"
 #include "signal/AudioMixer.hpp"
+#include "support/RecorderTestSupport.hpp"
 
 // A mixer driven by hand: a manual clock, ticks called by the test, ring
 // buffers written by the test as a capture source would.
@@ -83,20 +82,10 @@ inline std::vector<float> drainStream(AudioBufferStream& stream) {
     return samples;
 }
 
-class ScratchFolder {
-public:
-    explicit ScratchFolder(const std::string& name)
-        : path_(std::filesystem::temp_directory_path() / (name + "-" + std::to_string(::getpid()))) {
-        std::filesystem::create_directories(path_);
-    }
-    ~ScratchFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    std::filesystem::path file(const std::string& name) const { return path_ / name; }
-
-private:
-    std::filesystem::path path_;
+// A private scratch folder, removed with everything in it (the name is only a hint).
+struct ScratchFolder : TemporaryDirectory {
+    explicit ScratchFolder(const std::string& = {}) {}
+    std::filesystem::path file(const std::string& name) const { return path() / name; }
 };
 
 }  // namespace velto::testing
