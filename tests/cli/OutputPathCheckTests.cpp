@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "OutputPathCheck.hpp"
+#include "support/RecorderTestSupport.hpp"
 
 namespace velto::cli {
 namespace {
@@ -17,20 +18,13 @@ using ::testing::IsEmpty;
 
 class OutputPathCheck : public ::testing::Test {
 protected:
-    void SetUp() override {
-        folder_ = fs::temp_directory_path() / ("velto-cli-output-" + std::to_string(::getpid()));
-        fs::create_directories(folder_);
-    }
-    void TearDown() override {
-        fs::permissions(folder_, fs::perms::owner_all);
-        fs::remove_all(folder_);
-    }
     // Nothing the check looks at may be created by it.
     void expectFolderUnchanged(std::size_t entries) {
         EXPECT_EQ(static_cast<std::size_t>(std::distance(fs::directory_iterator(folder_), fs::directory_iterator())),
                   entries);
     }
-    fs::path folder_;
+    velto::testing::TemporaryDirectory directory_;
+    const fs::path folder_ = directory_.path();
 };
 
 TEST_F(OutputPathCheck, AcceptsANewFileAndRefusesWhatCannotBecomeARecording) {

@@ -31,10 +31,6 @@ public:
         changed_.wait_for(lock, std::chrono::seconds(10), [&] { return actions_.size() >= count; });
         return actions_;
     }
-    std::vector<std::string> snapshot() {
-        std::lock_guard lock(mutex_);
-        return actions_;
-    }
 
 private:
     std::mutex mutex_;
@@ -49,7 +45,7 @@ TEST(RecordingControl, StopWaitsUntilTheServiceWouldAcceptIt) {
     control.markStarted();
     // Started but no progress yet: the service is still "starting" and would refuse a stop.
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_TRUE(log.snapshot().empty());
+    EXPECT_TRUE(log.waitFor(0).empty());
     control.markRecording();
     EXPECT_THAT(log.waitFor(1), ElementsAre("stop"));
 }
@@ -65,7 +61,7 @@ TEST(RecordingControl, CancelBeforeTheRecordingRunsSkipsTheStop) {
         control.markRecording();
     }
     // The stop that was still waiting is dropped: the user asked to abandon the file.
-    EXPECT_THAT(log.snapshot(), ElementsAre("cancel"));
+    EXPECT_THAT(log.waitFor(0), ElementsAre("cancel"));
 }
 
 TEST(RecordingControl, DestructionWaitsForAStopUnderWay) {

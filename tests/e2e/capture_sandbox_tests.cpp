@@ -6,6 +6,7 @@
 #include "capture/SystemAudioTap.hpp"
 #include "capture_sandbox_signals.hpp"
 #include "platform/pulse/PulseConnection.hpp"
+#include "support/RecorderTestSupport.hpp"
 
 #include <gtest/gtest.h>
 
@@ -103,11 +104,7 @@ TEST(SystemAudioTapSandboxTest, StartsAgainAfterStopAndReadsNothingWhileSilent) 
     tap->start();
     // An idle sink's monitor sends nothing; the tap keeps its pace with silence all the same,
     // as a device would, so that the mixer waiting for every source is not held up.
-    const auto deadline = std::chrono::steady_clock::now() + 2s;
-    while (tap->ringBuffer()->availableFrames() < 4800 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(10ms);
-    }
-    ASSERT_GE(tap->ringBuffer()->availableFrames(), 4800);
+    ASSERT_TRUE(testing::eventually([&] { return tap->ringBuffer()->availableFrames() >= 4800; }, 2s));
     std::vector<float> left(4800), right(4800);
     float* destinations[] = {left.data(), right.data()};
     tap->ringBuffer()->read(destinations, 4800);

@@ -5,6 +5,7 @@
 #include "platform/MacOSSessionManager.hpp"
 #include "capture_sandbox_signals.hpp"
 #include "platform/PlatformServices.hpp"
+#include "support/RecorderTestSupport.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -22,18 +23,9 @@ namespace {
 using namespace std::chrono_literals;
 using namespace platform;
 
+using testing::eventually;
 using testing::run;
 using testing::sandbox;
-
-template <class Predicate>
-bool waitUntil(Predicate predicate, std::chrono::milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (predicate()) return true;
-        std::this_thread::sleep_for(20ms);
-    }
-    return predicate();
-}
 
 TEST(PlatformSandboxTest, VirtualMicrophoneIsListedAsTheDefaultAndMonitorsAreNot) {
     auto manager = MacOSSessionManager::create(PlatformServices::pulse().captureDeviceDiscovery);
@@ -57,7 +49,7 @@ TEST(PlatformSandboxTest, DeviceChangesAreAnnouncedOncePerBurstAndOtherChangesAr
     std::this_thread::sleep_for(500ms);  // subscribed and settled
     notifications = 0;
     const auto expectAnnouncements = [&](int count) {
-        EXPECT_TRUE(waitUntil([&] { return notifications.load() >= count; }, 3000ms));
+        EXPECT_TRUE(eventually([&] { return notifications.load() >= count; }, 3000ms));
         std::this_thread::sleep_for(600ms);
         EXPECT_EQ(notifications.load(), count);
     };
@@ -90,7 +82,7 @@ TEST(PlatformSandboxTest, ServerThatGoesAwayIsReportedAndFoundAgainWhenItReturns
     notifications = 0;
 
     sandbox("stop");
-    EXPECT_TRUE(waitUntil([&] { return notifications.load() >= 1; }, 3000ms)) << "loss of the server not announced";
+    EXPECT_TRUE(eventually([&] { return notifications.load() >= 1; }, 3000ms)) << "loss of the server not announced";
 
     const auto before = std::chrono::steady_clock::now();
     std::uint32_t size = 0;
@@ -103,7 +95,7 @@ TEST(PlatformSandboxTest, ServerThatGoesAwayIsReportedAndFoundAgainWhenItReturns
 
     ASSERT_NE(sandbox("start").find("started"), std::string::npos);
     notifications = 0;
-    EXPECT_TRUE(waitUntil([&] { return notifications.load() >= 1; }, 6000ms)) << "return of the server not announced";
+    EXPECT_TRUE(eventually([&] { return notifications.load() >= 1; }, 6000ms)) << "return of the server not announced";
     EXPECT_EQ(services.audioHardware->getPropertyDataSize(
                   kAudioObjectSystemObject, AudioObjectPropertyAddress{kAudioHardwarePropertyDevices}, size),
               noErr);

@@ -43,7 +43,7 @@ constexpr double kMicrophoneToneHertz = 1000.0;
 constexpr double kSystemToneHertz = 440.0;
 constexpr float kToneAmplitude = 0.5f;
 // An idle sandbox sink takes up to two seconds before a new player's first sample sounds:
-// players start this much early, so a recording hears them from its first moment.
+// players start this much before the recording (start() waits it), which hears them from its first moment.
 constexpr auto kPlayerLead = std::chrono::milliseconds(2000);
 
 // Plays into a sink on a thread of its own (see playInto).
@@ -95,10 +95,7 @@ public:
     }
     // Waits for the first event of that kind or, without one, for the end of the stream.
     bool waitFor(std::optional<Kind> kind, std::chrono::milliseconds timeout = 10s) {
-        for (const auto deadline = SteadyClock::now() + timeout;; std::this_thread::sleep_for(5ms)) {
-            if (kind ? count(*kind) > 0 : ended_.load()) return true;
-            if (SteadyClock::now() >= deadline) return false;
-        }
+        return velto::testing::eventually([&] { return kind ? count(*kind) > 0 : ended_.load(); }, timeout);
     }
     int count(Kind kind) { return velto::testing::countOf(events(), kind); }
     std::vector<Kind> shape() { return velto::testing::shapeOf(events()); }
@@ -130,10 +127,11 @@ double seconds(SteadyClock::duration d) { return std::chrono::duration<double>(d
 
 class RecordingSandboxTest : public ::testing::Test {
 protected:
-    // Starts a recording into `name` and waits for its start.
+    // Lets the players' lead pass, starts a recording into `name` and waits for its start.
     std::shared_ptr<UnifiedAudioRecorder> start(const std::string& name, AudioSources sources,
                                                 AudioFormat format = AudioFormat::wav,
                                                 TrackLayout layout = TrackLayout::mixed) {
+        std::this_thread::sleep_for(kPlayerLead);
         file = directory.path() / name;
         RecordingConfiguration configuration(format, sources, std::nullopt, BufferConfiguration::defaultConfiguration());
         configuration.trackLayout = layout;
@@ -176,8 +174,7 @@ TEST_F(RecordingSandboxTest, EverySourceCaseRecordsTheTonesAtTheirGains) {
         SCOPED_TRACE(std::string(c.name) + " " + fileExtension(c.format));
         Player microphone(kMicrophoneIn, 1, 5.6, sine(kMicrophoneToneHertz, kToneAmplitude));
         Player speakers(kSpeakers, 2, 5.6, sine(kSystemToneHertz, kToneAmplitude));
-        std::this_thread::sleep_for(kPlayerLead);
-        auto recorder = start(std::string(c.name) + "." + fileExtension(c.format), c.sources, c.format);
+            auto recorder = start(std::string(c.name) + "." + fileExtension(c.format), c.sources, c.format);
         std::this_thread::sleep_until(started + 4s);
         end(*recorder);
         EXPECT_THAT(events->shape(), ::testing::ElementsAre(Kind::starting, Kind::started, Kind::progress, Kind::finished));
@@ -248,7 +245,6 @@ std::vector<int> stepsHeard(const std::vector<float>& samples, int steps) {
 TEST_F(RecordingSandboxTest, PausingLeavesThePauseOutOfTheFile) {
     constexpr int kSteps = 28;  // 7 s, up to 3000 Hz
     Player microphone(kMicrophoneIn, 1, kSteps * kStepSeconds, steppedTone(kToneAmplitude));
-    std::this_thread::sleep_for(kPlayerLead);
     auto recorder = start("paused.wav", AudioSources::microphoneOnly());
     std::this_thread::sleep_until(started + 1500ms);
     recorder->pause();
@@ -294,7 +290,6 @@ TEST_F(RecordingSandboxTest, PausingLeavesThePauseOutOfTheFile) {
 // return is reported too. Cancelled, the recording ends so and keeps its file.
 TEST_F(RecordingSandboxTest, AMutedMicrophoneIsReportedAndACancelledRecordingKeepsItsFile) {
     Player microphone(kMicrophoneIn, 1, 16.0, sine(kMicrophoneToneHertz, kToneAmplitude));
-    std::this_thread::sleep_for(kPlayerLead);
     auto recorder = start("muted.wav", AudioSources::microphoneOnly());
     std::this_thread::sleep_for(1s);
     ASSERT_EQ(std::system("pactl set-source-mute velto_mic 1"), 0);
@@ -334,8 +329,7 @@ TEST_F(RecordingSandboxTest, ADeviceLoadedMidRecordingRestartsCaptureWithoutAGap
         Player player(c.sink, c.channels, kPlaySeconds, [](double t) {
             return static_cast<float>((0.1 + kSlopePerSecond * t) * std::sin(2.0 * std::numbers::pi * 1000.0 * t));
         });
-        std::this_thread::sleep_for(kPlayerLead);
-        auto recorder = start("restart-" + std::to_string(c.channels) + ".wav", c.sources);
+            auto recorder = start("restart-" + std::to_string(c.channels) + ".wav", c.sources);
         std::this_thread::sleep_until(started + 2s);
         const auto firstMixer = recorder->mixer();
         const std::string module = run("pactl load-module module-null-sink sink_name=velto_recording_extra_" +
@@ -389,7 +383,6 @@ TEST_F(RecordingSandboxTest, ADeviceLoadedMidRecordingRestartsCaptureWithoutAGap
 TEST_F(RecordingSandboxTest, WhenTheSoundServerGoesAwayTheRecordingEndsWithTheFileAndAnError) {
     std::optional<Player> microphone;
     microphone.emplace(kMicrophoneIn, 1, 3.0, sine(kMicrophoneToneHertz, kToneAmplitude));
-    std::this_thread::sleep_for(kPlayerLead);
     auto recorder = start("server-lost.wav", AudioSources::both());
     std::this_thread::sleep_for(1500ms);
     microphone.reset();
@@ -449,7 +442,6 @@ TEST_F(RecordingSandboxTest, SeparateTracksKeepEachSourceOnItsOwnAlignedChannel)
     };
     Player microphone(kMicrophoneIn, 1, 9.0, withBursts(sine(kMicrophoneToneHertz, kToneAmplitude)));
     Player speakers(kSpeakers, 2, 9.0, withBursts(sine(kSystemToneHertz, kSystemAmplitude)));
-    std::this_thread::sleep_for(kPlayerLead);
     auto recorder = start("separate.flac", AudioSources::both(), AudioFormat::flac, TrackLayout::separate);
     std::this_thread::sleep_until(started + 6s);
     end(*recorder);

@@ -21,19 +21,23 @@ using velto::testing::readRecording;
 
 class AudioRecorderTest : public ::testing::Test {
 public:
-    std::shared_ptr<AudioRecorder> makeRecorder(std::filesystem::path file, AudioFormat format,
-                                                std::optional<MicrophoneDevice> microphone = std::nullopt) {
-        auto recorder = AudioRecorder::create(std::move(file), format, std::move(microphone), fakes.services(), clock);
+    // The microphone delivers 16 kHz mono unless a test changes the engine's script.
+    AudioRecorderTest() {
+        platform::FakeAudioInputEngine::Script script;
+        script.inputFormat = PcmFormat{16000.0, 1, false};
+        fakes.audioEngineFactory = platform::FakeAudioEngineFactory::create(script);
+    }
+    // Records into `name` (take.wav unless given) in WAV.
+    std::shared_ptr<AudioRecorder> makeRecorder(std::optional<MicrophoneDevice> microphone = std::nullopt,
+                                                const std::string& name = "take.wav") {
+        auto recorder = AudioRecorder::create(directory.path() / name, AudioFormat::wav, std::move(microphone),
+                                              fakes.services(), clock);
         events = recorder->events();
         recorder->state();  // the start has run once this returns
         return recorder;
     }
+    std::filesystem::path file() const { return directory.path() / "take.wav"; }
     std::shared_ptr<platform::FakeAudioInputEngine> engine() { return fakes.audioEngineFactory->lastEngine(); }
-    void useMicrophoneFormat(double rateHertz, uint32_t channels = 1, bool interleaved = false) {
-        platform::FakeAudioInputEngine::Script script;
-        script.inputFormat = PcmFormat{rateHertz, channels, interleaved};
-        fakes.audioEngineFactory = platform::FakeAudioEngineFactory::create(script);
-    }
     void deliverRamp(AudioRecorder& recorder, double rateHertz, int blocks) {
         for (int i = 0; i < blocks; ++i) engine()->deliver(*rampBlock(rateHertz, 1024, rampIndex));
         recorder.state();  // every queued block has been handled
@@ -48,8 +52,7 @@ public:
 };
 
 TEST_F(AudioRecorderTest, RecordsEveryDeliveredFrameAtSixteenKilohertzAndFinishesWithTheCorrectedLocation) {
-    useMicrophoneFormat(16000.0);
-    auto recorder = makeRecorder(directory.path() / "take.m4a", AudioFormat::wav);
+    auto recorder = makeRecorder(std::nullopt, "take.m4a");
     auto audio = recorder->audioStream();
     ASSERT_EQ(recorder->state(), State::recording);  // also: the audio stream's producer end is in place
     deliverRamp(*recorder, 16000.0, 5);
@@ -61,24 +64,22 @@ TEST_F(AudioRecorderTest, RecordsEveryDeliveredFrameAtSixteenKilohertzAndFinishe
     EXPECT_EQ(drained.error, nullptr);
     EXPECT_THAT(drained.shape(), ElementsAre(Kind::starting, Kind::started, Kind::progress, Kind::finished));
     EXPECT_EQ(drained.count(Kind::progress), 5);  // one per written block
-    const auto file = directory.path() / "take.wav";
-    EXPECT_EQ(drained.events.back().fileURL, file);
+    EXPECT_EQ(drained.events.back().fileURL, file());
 
     // A ramp read back unchanged: no frame dropped, duplicated or reordered.
-    const auto recorded = readRecording(file);
+    const auto recorded = readRecording(file());
     ASSERT_TRUE(recorded.opened);
     EXPECT_EQ(recorded.sampleRate, 16000.0);
     EXPECT_EQ(recorded.channels, 1);
     ASSERT_EQ(recorded.samples.size(), 5u * 1024u);
     for (size_t i = 0; i < recorded.samples.size(); ++i) ASSERT_FLOAT_EQ(recorded.samples[i], rampAt(i)) << i;
-    EXPECT_EQ(velto::testing::permissionsOf(file), 0600u);
+    EXPECT_EQ(velto::testing::permissionsOf(file()), 0600u);
 }
 
 // Elapsed time is the file's length. Audio the engine hands on late counts for the state it
 // was captured in: from before the pause or the stop it is recorded, from the pause it is not.
 TEST_F(AudioRecorderTest, APauseKeepsItsAudioAndItsTimeOutOfTheFile) {
-    useMicrophoneFormat(16000.0);
-    auto recorder = makeRecorder(directory.path() / "take.wav", AudioFormat::wav);
+    auto recorder = makeRecorder();
     deliverRamp(*recorder, 16000.0, 1);                       // frames 0..1023
     engine()->holdBack(rampBlock(16000.0, 1024, rampIndex));  // 1024..2047, before the pause
     clock->advance(2.0);
@@ -103,7 +104,7 @@ TEST_F(AudioRecorderTest, APauseKeepsItsAudioAndItsTimeOutOfTheFile) {
             EXPECT_DOUBLE_EQ(event.elapsedSeconds, 2048.0 / 16000.0);
         }
     }
-    const auto recorded = readRecording(directory.path() / "take.wav");
+    const auto recorded = readRecording(file());
     ASSERT_EQ(recorded.samples.size(), 4u * 1024u);
     EXPECT_FLOAT_EQ(recorded.samples[2047], rampAt(2047));
     EXPECT_FLOAT_EQ(recorded.samples[2048], rampAt(5120));
@@ -115,9 +116,9 @@ TEST_F(AudioRecorderTest, APauseKeepsItsAudioAndItsTimeOutOfTheFile) {
 TEST_F(AudioRecorderTest, CancelAndAReaderWalkingAwayRemoveTheFileWithoutAnEvent) {
     for (const bool readerLeaves : {false, true}) {
         SCOPED_TRACE(readerLeaves ? "reader leaves" : "cancel");
-        auto recorder = makeRecorder(directory.path() / "take.wav", AudioFormat::wav);
-        deliverRamp(*recorder, 48000.0, 3);
-        ASSERT_TRUE(std::filesystem::exists(directory.path() / "take.wav"));
+        auto recorder = makeRecorder();
+        deliverRamp(*recorder, 16000.0, 3);
+        ASSERT_TRUE(std::filesystem::exists(file()));
         if (readerLeaves) {
             events.cancel();
             recorder->state();  // the cancellation handling has run
@@ -130,14 +131,14 @@ TEST_F(AudioRecorderTest, CancelAndAReaderWalkingAwayRemoveTheFileWithoutAnEvent
         }
         recorder->stop();  // over: nothing
         EXPECT_EQ(recorder->state(), readerLeaves ? State::finished : State::cancelled);
-        EXPECT_FALSE(std::filesystem::exists(directory.path() / "take.wav"));
+        EXPECT_FALSE(std::filesystem::exists(file()));
         EXPECT_FALSE(engine()->isRunning());
     }
 }
 
 TEST_F(AudioRecorderTest, StartFailuresEndTheStreamWithTheirOwnError) {
     const auto expectFailure = [&](std::optional<MicrophoneDevice> microphone, const std::string& description) {
-        auto recorder = makeRecorder(directory.path() / "take.wav", AudioFormat::wav, microphone);
+        auto recorder = makeRecorder(microphone);
         auto drained = drainUntilEnd(events);
         ASSERT_TRUE(drained.ended);
         EXPECT_THAT(drained.shape(), ElementsAre(Kind::starting));
@@ -158,8 +159,7 @@ TEST_F(AudioRecorderTest, StartFailuresEndTheStreamWithTheirOwnError) {
 }
 
 TEST_F(AudioRecorderTest, AFileThatCanNoLongerBeWrittenEndsTheRecordingAfterFinished) {
-    useMicrophoneFormat(16000.0);
-    auto recorder = makeRecorder(directory.path() / "take.wav", AudioFormat::wav);
+    auto recorder = makeRecorder();
     deliverRamp(*recorder, 16000.0, 2);
     {
         velto::testing::ScopedFileSizeLimit limit(12 * 1024);  // room for about one more block
@@ -172,12 +172,12 @@ TEST_F(AudioRecorderTest, AFileThatCanNoLongerBeWrittenEndsTheRecordingAfterFini
     ASSERT_TRUE(drained.ended);
     ASSERT_GE(drained.events.size(), 3u);
     EXPECT_EQ(drained.events.back().kind, Kind::finished);
-    EXPECT_EQ(drained.events.back().fileURL, directory.path() / "take.wav");
+    EXPECT_EQ(drained.events.back().fileURL, file());
     EXPECT_EQ(velto::testing::recordingErrorCode(drained.error), RecordingError::Code::fileSystemError);
     EXPECT_THAT(describeError(drained.error), ::testing::StartsWith("File system error: "));
     EXPECT_FALSE(engine()->isRunning());
     // What was written before the failure is still a readable recording.
-    const auto recorded = readRecording(directory.path() / "take.wav");
+    const auto recorded = readRecording(file());
     ASSERT_TRUE(recorded.opened);
     EXPECT_GE(recorded.samples.size(), 2u * 1024u);
 }

@@ -20,12 +20,7 @@ class PermissionsAndMicrophonesTest : public ::testing::Test {
 protected:
     RecordingService& service() { return harness.service(); }
     std::optional<RecordingError::Code> preferenceRefusal(const MicrophoneDevice& device) {
-        try {
-            service().setPreferredMicrophone(device);
-        } catch (const RecordingError& error) {
-            return error.code();
-        }
-        return std::nullopt;
+        return thrownCode([&] { service().setPreferredMicrophone(device); });
     }
     PermissionStatus statusFor(AudioSources sources) { return service().getPermissionStatus(makeConfiguration(sources)); }
     CapturedLogs logs;

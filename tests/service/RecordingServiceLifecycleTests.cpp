@@ -17,16 +17,6 @@ using ::testing::ElementsAre;
 using Kind = RecordingEvent::Kind;
 using Code = RecordingError::Code;
 
-template <class Operation>
-std::optional<Code> thrownCode(Operation operation) {
-    try {
-        operation();
-    } catch (const RecordingError& error) {
-        return error.code();
-    }
-    return std::nullopt;
-}
-
 const MicrophoneDevice kBuiltIn{"built-in", "Built-in Microphone", true};
 const MicrophoneDevice kUsb{"usb-1", "USB Microphone", false};
 
@@ -101,13 +91,10 @@ TEST_F(RecordingServiceTest, aRefusedStartLeavesTheServiceIdleAndTheNextStartRec
 
     harness.microphoneStatus = platform::AuthorizationStatus::authorized;
     harness.sessionManager->failConfigurationWith(std::make_exception_ptr(PlatformError("PulseAudio", 3, "Bad device")));
-    try {
-        service().startRecording();
-        FAIL() << "start succeeded";
-    } catch (const RecordingError& error) {
-        EXPECT_EQ(error.code(), Code::sessionConfigurationFailed);
-        EXPECT_EQ(error.errorDescription(), "Failed to configure audio session: Bad device");
-    }
+    const auto error = thrown([&] { service().startRecording(); });
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->code(), Code::sessionConfigurationFailed);
+    EXPECT_EQ(error->errorDescription(), "Failed to configure audio session: Bad device");
     EXPECT_EQ(service().recordingState(), RecordingState::idle);
 
     harness.sessionManager->failConfigurationWith(nullptr);
@@ -123,12 +110,8 @@ TEST_F(RecordingServiceTest, aRefusedStartLeavesTheServiceIdleAndTheNextStartRec
 TEST_F(RecordingServiceTest, noSoundServerIsItsOwnErrorAtStartAndForThePermissionQuery) {
     harness.setUnreachableServer("unix:/run/user/1000/pulse/native");
     for (auto sources : {AudioSources::microphoneOnly(), AudioSources::systemAudioOnly(), AudioSources::both()}) {
-        try {
-            service().startRecording(makeConfiguration(sources));
-            ADD_FAILURE() << "start succeeded";
-        } catch (const RecordingError& error) {
-            EXPECT_EQ(error, RecordingError::soundServerUnreachable("unix:/run/user/1000/pulse/native"));
-        }
+        EXPECT_EQ(thrown([&] { service().startRecording(makeConfiguration(sources)); }),
+                  RecordingError::soundServerUnreachable("unix:/run/user/1000/pulse/native"));
         EXPECT_EQ(thrownCode([&] { service().getPermissionStatus(makeConfiguration(sources)); }),
                   Code::soundServerUnreachable);
     }

@@ -10,12 +10,29 @@
 #include "service/RecordingServiceAssembly.hpp"
 #include "service/ServiceTestDoubles.hpp"
 #include "support/RecorderTestSupport.hpp"
+#include "veltoaudio/RecordingError.hpp"
 #include "veltoaudio/RecordingService.hpp"
 
 namespace velto::testing {
 
 RecordingConfiguration makeConfiguration(AudioSources sources, AudioFormat format = AudioFormat::wav,
                                          std::optional<MicrophoneDevice> preferredMicrophone = std::nullopt);
+
+// The RecordingError `operation` throws, if it throws one.
+template <class Operation>
+std::optional<RecordingError> thrown(Operation operation) {
+    try {
+        operation();
+    } catch (const RecordingError& error) {
+        return error;
+    }
+    return std::nullopt;
+}
+template <class Operation>
+std::optional<RecordingError::Code> thrownCode(Operation operation) {
+    const auto error = thrown(operation);
+    return error ? std::optional<RecordingError::Code>(error->code()) : std::nullopt;
+}
 
 inline DrainedEvents drain(EventStream<RecordingEvent>& stream) { return drainUntilEnd(stream); }
 

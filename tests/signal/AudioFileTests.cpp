@@ -4,11 +4,12 @@
 #include <cerrno>
 #include <cmath>
 #include <filesystem>
-#include <numbers>
 #include <string>
 #include <vector>
 
 #include "MixerTestRig.hpp"
+#include "SignalQuality.hpp"
+#include "support/RecorderTestSupport.hpp"
 #include "signal/AudioFile.hpp"
 
 namespace velto {
@@ -16,41 +17,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
+using testing::readRecording;
 using testing::ScratchFolder;
 
-struct DecodedFile {
-    int64_t frames = 0;
-    int channels = 0;
-    int sampleRate = 0;
-    int format = 0;
-    std::vector<float> samples;
-};
+float expectedSine(int64_t frame) { return testing::sineSample(1000, 16000, frame); }
 
-DecodedFile decode(const fs::path& path) {
-    SF_INFO info{};
-    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
-    if (!file) {
-        ADD_FAILURE() << "cannot read " << path << ": " << sf_strerror(nullptr);
-        return {};
-    }
-    DecodedFile decoded{info.frames, info.channels, info.samplerate, info.format, {}};
-    // Read to the real end of the data rather than trusting the header alone.
-    std::vector<float> chunk(4096 * static_cast<size_t>(info.channels));
-    while (true) {
-        const sf_count_t got = sf_readf_float(file, chunk.data(), 4096);
-        if (got <= 0) break;
-        decoded.samples.insert(decoded.samples.end(), chunk.begin(), chunk.begin() + got * info.channels);
-    }
-    sf_close(file);
-    return decoded;
-}
-
-std::shared_ptr<PcmBuffer> sineBlock(int64_t firstFrame, uint32_t frames, double amplitude = 0.5) {
+std::shared_ptr<PcmBuffer> sineBlock(int64_t firstFrame, uint32_t frames) {
     auto buffer = PcmBuffer::make(*PcmFormat::make(16000, 1, true), frames);
-    for (uint32_t i = 0; i < frames; ++i) {
-        buffer->floatChannelData()[0][i] = static_cast<float>(
-            amplitude * std::sin(2 * std::numbers::pi * 1000.0 * static_cast<double>(firstFrame + i) / 16000.0));
-    }
+    for (uint32_t i = 0; i < frames; ++i) buffer->floatChannelData()[0][i] = expectedSine(firstFrame + i);
     buffer->setFrameLength(frames);
     return buffer;
 }
@@ -63,10 +37,6 @@ int64_t writeSine(AudioFile& file, int64_t totalFrames, uint32_t blockFrames = 3
         written += frames;
     }
     return written;
-}
-
-float expectedSine(int64_t frame) {
-    return static_cast<float>(0.5 * std::sin(2 * std::numbers::pi * 1000.0 * static_cast<double>(frame) / 16000.0));
 }
 
 // WAV keeps the float samples exactly; FLAC holds 24-bit integers, so within
@@ -86,10 +56,10 @@ TEST(AudioFileTest, RoundTripsKeepLengthAndLevel) {
             file->close();
             file->close();  // idempotent; the destructor closes again harmlessly
         }
-        const auto decoded = decode(path);
+        const auto decoded = readRecording(path);
         EXPECT_EQ(decoded.format, c.sndfileFormat);
-        EXPECT_EQ(decoded.sampleRate, 16000);
-        ASSERT_EQ(decoded.frames, 32000);
+        EXPECT_EQ(decoded.sampleRate, 16000.0);
+        ASSERT_EQ(decoded.headerFrames, 32000);
         ASSERT_EQ(decoded.samples.size(), 32000u);
         float worst = 0;
         for (size_t i = 0; i < decoded.samples.size(); ++i) {
@@ -112,10 +82,10 @@ TEST(AudioFileTest, UnfinishedFilesDecode) {
         writeSine(*file, 40000);
         fs::copy_file(path, copy, fs::copy_options::overwrite_existing);
 
-        const auto decoded = decode(copy);
+        const auto decoded = readRecording(copy);
         const auto decodedFrames = static_cast<int64_t>(decoded.samples.size());
         if (format == AudioFormat::wav) {
-            EXPECT_EQ(decoded.frames, 40000);
+            EXPECT_EQ(decoded.headerFrames, 40000);
             EXPECT_EQ(decodedFrames, 40000);
         } else {
             EXPECT_GE(decodedFrames, 40000 - 4608);
@@ -163,8 +133,8 @@ TEST(AudioFileTest, AFullDiskIsReportedOnceWhileTheReserveStillTakesTheEnd) {
         EXPECT_EQ(file->framesWritten(), written);
         file->close();
 
-        const auto decoded = decode(path);
-        EXPECT_EQ(decoded.frames, written);
+        const auto decoded = readRecording(path);
+        EXPECT_EQ(decoded.headerFrames, written);
         ASSERT_EQ(static_cast<int64_t>(decoded.samples.size()), written);
         EXPECT_NEAR(decoded.samples[static_cast<size_t>(written - 1)], expectedSine(written - 1), 1e-6);
     }
@@ -189,7 +159,7 @@ TEST(AudioFileTest, NoFileIsLeftWhenTheDiskCannotHoldTheReserve) {
     writeSine(*file, 16000 * 4);
     file->close();
     EXPECT_EQ(attempts, 1);
-    EXPECT_EQ(decode(path).frames, 16000 * 4);
+    EXPECT_EQ(readRecording(path).headerFrames, 16000 * 4);
 }
 
 }  // namespace

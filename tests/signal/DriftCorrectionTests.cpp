@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <numbers>
 #include <random>
 #include <vector>
@@ -126,22 +127,23 @@ ControlledRun runController(double skew, double jitterSeconds, double seconds,
     return {highest - lowest, controller.estimatedSkew(), controller.skewOutOfRange()};
 }
 
-TEST(DriftControllerTest, HoldsASkewedSourceWithinAMillisecondDespiteDeliveryJitter) {
+// Against scheduling jitter, and against a late share of the deliveries whose
+// share wanders (the controller follows the earliest deliveries).
+TEST(DriftControllerTest, HoldsASkewedSourceWithinAMillisecondDespiteJitterAndWanderingLateness) {
+    struct Case {
+        double skew, jitter, seconds, batchLate;
+    };
+    std::vector<Case> cases;
     for (const double skew : {2000e-6, -2000e-6, 1000e-6, -200e-6, 0.0}) {
-        for (const double jitter : {0.0005, 0.002}) {
-            const auto run = runController(skew, jitter, 600);
-            EXPECT_LT(run.delayMoveAfterSettling, 0.001) << "skew " << skew * 1e6 << " ppm, jitter " << jitter;
-            EXPECT_NEAR(run.finalSkewEstimate, skew, 20e-6) << "skew " << skew * 1e6 << " ppm";
-            EXPECT_FALSE(run.outOfRange);
-        }
+        for (const double jitter : {0.0005, 0.002}) cases.push_back({skew, jitter, 600, 0});
     }
-}
-
-TEST(DriftControllerTest, FollowsTheEarliestDeliveriesWhenHowLateTheOthersComeWanders) {
-    for (const double skew : {500e-6, -1000e-6, 0.0}) {
-        const auto run = runController(skew, 0.0005, 300, std::nullopt, 0.020);
-        EXPECT_LT(run.delayMoveAfterSettling, 0.001) << "skew " << skew * 1e6 << " ppm";
-        EXPECT_NEAR(run.finalSkewEstimate, skew, 20e-6) << "skew " << skew * 1e6 << " ppm";
+    for (const double skew : {500e-6, -1000e-6, 0.0}) cases.push_back({skew, 0.0005, 300, 0.020});
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << "skew " << c.skew * 1e6 << " ppm, jitter " << c.jitter << ", late " << c.batchLate);
+        const auto run = runController(c.skew, c.jitter, c.seconds, std::nullopt, c.batchLate);
+        EXPECT_LT(run.delayMoveAfterSettling, 0.001);
+        EXPECT_NEAR(run.finalSkewEstimate, c.skew, 20e-6);
+        EXPECT_FALSE(run.outOfRange);
     }
 }
 
@@ -237,6 +239,28 @@ private:
     int64_t frames_ = 0, lastSound_ = 0;
 };
 
+// Delivers each source's bursts and runs each of the mixer's ticks in the order of
+// their times, each at its own time, for `seconds` from `start`; `afterTick` follows every tick.
+void runSkewed(MixerRig& rig, const std::vector<SkewedSource*>& sources, double start, double seconds,
+               const std::function<void()>& afterTick) {
+    for (double nextTick = start + 1.0 / 60.0; nextTick < start + seconds;) {
+        SkewedSource* due = nullptr;
+        for (auto* source : sources) {
+            const double at = source->nextBurstSeconds(start);
+            if (at <= nextTick && (!due || at < due->nextBurstSeconds(start))) due = source;
+        }
+        if (due) {
+            rig.clock->set(due->nextBurstSeconds(start));
+            due->deliver();
+            continue;
+        }
+        rig.clock->set(nextTick);
+        rig.mixer->tick();
+        afterTick();
+        nextTick += 1.0 / 60.0;
+    }
+}
+
 struct DriftRecording {
     TrackTiming microphone, system;  // the two tracks, at the mixing rate
     int64_t underruns = 0;
@@ -263,32 +287,12 @@ DriftRecording recordSkewed(double microphoneSkew, double systemSkew, double sec
 
     DriftRecording recording;
     const auto collect = [&] {
-        while (stream.waitFor(std::chrono::milliseconds(0))) {
-            auto block = stream.next();
-            if (!block) break;
-            const float* interleaved = (*block)->floatChannelData()[0];
-            for (uint32_t i = 0; i < (*block)->frameLength(); ++i) {
-                recording.microphone.add(interleaved[2 * i]);
-                recording.system.add(interleaved[2 * i + 1]);
-            }
-        }
+        testing::forEachFrame(stream, [&](const float* frame) {
+            recording.microphone.add(frame[0]);
+            recording.system.add(frame[1]);
+        });
     };
-    double nextTick = start + 1.0 / 60.0;
-    while (nextTick < start + seconds) {
-        // Deliveries and ticks in the order of their times, each at its own time.
-        const double micAt = microphone.nextBurstSeconds(start), systemAt = system.nextBurstSeconds(start);
-        const double next = std::min({micAt, systemAt, nextTick});
-        rig.clock->set(next);
-        if (next == micAt) {
-            microphone.deliver();
-        } else if (next == systemAt) {
-            system.deliver();
-        } else {
-            rig.mixer->tick();
-            collect();
-            nextTick += 1.0 / 60.0;
-        }
-    }
+    runSkewed(rig, {&microphone, &system}, start, seconds, collect);
     recording.underruns = rig.mixer->underrunCount();
     recording.secondsRecorded = rig.clock->nowSeconds() - start;
     recording.highestFillFrames = std::max(microphone.highestFill, system.highestFill * 16000 / static_cast<int64_t>(systemRate));
@@ -389,20 +393,10 @@ TEST(SkewedSourceFidelity, AToneThroughTheAdaptivePathIsCleanAtEveryRatePair) {
             const double start = rig.clock->nowSeconds();
             rig.mixer->start(inputs);
             std::vector<float> output;
-            double nextTick = start + 1.0 / 60.0;
-            while (nextTick < start + 62) {
-                const double sourceAt = source.nextBurstSeconds(start);
-                if (sourceAt < nextTick) {
-                    rig.clock->set(sourceAt);
-                    source.deliver();
-                    continue;
-                }
-                rig.clock->set(nextTick);
-                rig.mixer->tick();
+            runSkewed(rig, {&source}, start, 62, [&] {
                 const auto delivered = testing::drainStream(stream);
                 output.insert(output.end(), delivered.begin(), delivered.end());
-                nextTick += 1.0 / 60.0;
-            }
+            });
             rig.mixer->stopMixing();
             // A quarter second, a minute in. The controller leaves the tone a few ppm
             // from 1 kHz of the mixer's time, which is no distortion: the fit finds its frequency.

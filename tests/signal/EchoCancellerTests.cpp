@@ -15,20 +15,6 @@ namespace {
 constexpr int64_t kRate = EchoCanceller::kSampleRateHertz;
 using Signal = std::vector<float>;
 
-// Low-passed noise whose loudness rises and falls like syllables.
-Signal speechLikeFarEnd(int64_t frames) {
-    Signal s(static_cast<size_t>(frames));
-    std::mt19937 random(3);
-    std::normal_distribution<double> noise(0.0, 0.15);
-    double low = 0;
-    for (int64_t i = 0; i < frames; ++i) {
-        low += 0.3 * (noise(random) - low);
-        const double syllables = 0.55 + 0.45 * std::sin(2 * std::numbers::pi * 3.1 * static_cast<double>(i) / kRate);
-        s[static_cast<size_t>(i)] = static_cast<float>(low * syllables);
-    }
-    return s;
-}
-
 Signal tone(double hertz, double amplitude, int64_t from, int64_t frames) {
     Signal s(static_cast<size_t>(frames), 0.0f);
     for (int64_t i = from; i < frames; ++i)
@@ -98,7 +84,7 @@ double toneAmplitude(const Signal& s, int64_t from, int64_t to) {
 
 TEST(EchoCanceller, RemovesEchoAtShortAndLongDelaysAndReportsIt) {
     const int64_t frames = 8 * kRate;
-    const Signal far = speechLikeFarEnd(frames);
+    const Signal far = testing::speechLikeNoise(frames, kRate);
     for (const auto& [delayMs, attenuationDb] : {std::pair{20, 0.0}, std::pair{120, 6.0}, std::pair{300, 20.0}}) {
         SCOPED_TRACE(delayMs);
         const Signal microphone = roomEcho(far, delayMs * kRate / 1000, attenuationDb);
@@ -113,7 +99,7 @@ TEST(EchoCanceller, RemovesEchoAtShortAndLongDelaysAndReportsIt) {
 TEST(EchoCanceller, KeepsTheNearEndWhenTheFarEndIsSilentAndInDoubleTalk) {
     const int64_t frames = 8 * kRate;
     const int64_t nearFrom = 4 * kRate;
-    const Signal far = speechLikeFarEnd(frames);
+    const Signal far = testing::speechLikeNoise(frames, kRate);
     Signal farThenSilent = far;
     std::fill(farThenSilent.begin() + nearFrom, farThenSilent.end(), 0.0f);
     const Signal nearTone = tone(1000, 0.07, nearFrom, frames);
@@ -129,7 +115,7 @@ TEST(EchoCanceller, KeepsTheNearEndWhenTheFarEndIsSilentAndInDoubleTalk) {
 
 TEST(EchoCanceller, WithoutAnEchoPathTheMicrophonePassesUntouched) {
     const int64_t frames = 6 * kRate;
-    const Signal far = speechLikeFarEnd(frames);
+    const Signal far = testing::speechLikeNoise(frames, kRate);
     const Signal microphone = sum(tone(1000, 0.07, 0, frames), tone(310, 0.02, 0, frames));
     const Output out = cancel(microphone, far);
     EXPECT_EQ(out.microphone, microphone);

@@ -1,11 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <numbers>
-#include <random>
 #include <vector>
 
 #include "MixerTestRig.hpp"
+#include "SignalQuality.hpp"
 #include "support/CapturedLogs.hpp"
 
 namespace velto {
@@ -13,18 +12,6 @@ namespace {
 
 constexpr int64_t kRate = 16000;
 constexpr int64_t kFrames = 5 * kRate;
-
-std::vector<float> farEnd() {
-    std::vector<float> s(static_cast<size_t>(kFrames));
-    std::mt19937 random(9);
-    std::normal_distribution<double> noise(0.0, 0.1);
-    double low = 0;
-    for (int64_t i = 0; i < kFrames; ++i) {
-        low += 0.3 * (noise(random) - low);
-        s[static_cast<size_t>(i)] = static_cast<float>(low * (0.55 + 0.45 * std::sin(2 * std::numbers::pi * 2.7 * static_cast<double>(i) / kRate)));
-    }
-    return s;
-}
 
 double energy(const std::vector<float>& s, size_t from, size_t to) {
     double e = 0;
@@ -46,7 +33,7 @@ TEST(MixerEchoCancellationTest, MicrophoneLosesTheEchoAndNoFrameIsLostOrMoved) {
     rig.mixer->start(inputs);
     EXPECT_EQ(rig.mixer->mixingSampleRate(), 16000.0);
 
-    const std::vector<float> far = farEnd();
+    const std::vector<float> far = testing::speechLikeNoise(kFrames, kRate);
     std::vector<float> echo(far.size(), 0.0f);
     for (size_t i = 1640; i < far.size(); ++i) echo[i] = 0.5f * far[i - 1600] - 0.2f * far[i - 1640];
     const std::vector<const float*> systemChannels{far.data()}, microphoneChannels{echo.data()};
@@ -56,15 +43,10 @@ TEST(MixerEchoCancellationTest, MicrophoneLosesTheEchoAndNoFrameIsLostOrMoved) {
     rig.mixer->stopMixing();
 
     std::vector<float> microphoneOut, systemOut;
-    while (stream.waitFor(std::chrono::milliseconds(0))) {
-        auto block = stream.next();
-        if (!block) break;
-        const float* samples = (*block)->floatChannelData()[0];
-        for (uint32_t i = 0; i < (*block)->frameLength(); ++i) {
-            microphoneOut.push_back(samples[2 * i]);
-            systemOut.push_back(samples[2 * i + 1]);
-        }
-    }
+    testing::forEachFrame(stream, [&](const float* frame) {
+        microphoneOut.push_back(frame[0]);
+        systemOut.push_back(frame[1]);
+    });
     EXPECT_EQ(systemOut, far);  // every frame, in place: the canceller's latency is neither added nor cut
     ASSERT_EQ(microphoneOut.size(), echo.size());
     const double reductionDb = 10 * std::log10(energy(echo, 3 * kRate, kFrames) / energy(microphoneOut, 3 * kRate, kFrames));

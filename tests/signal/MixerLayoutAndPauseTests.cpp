@@ -15,17 +15,16 @@ constexpr int64_t kJitterFrames = 3072;
 
 // Writes a rising ramp (a distinct value per frame, well below the clip limit)
 // so that a dropped, repeated or misplaced frame shows in the output exactly.
-int64_t writeRamp(FloatRingBuffer& ring, int64_t firstIndex, int64_t frames) {
-    std::vector<float> samples(static_cast<size_t>(frames));
-    for (int64_t i = 0; i < frames; ++i) samples[static_cast<size_t>(i)] = static_cast<float>(firstIndex + i) * 1e-6f;
-    const std::vector<const float*> sources(static_cast<size_t>(ring.channels()), samples.data());
-    return ring.write(sources, frames);
-}
-
 std::vector<float> ramp(int64_t firstIndex, int64_t frames) {
     std::vector<float> values;
     for (int64_t i = 0; i < frames; ++i) values.push_back(static_cast<float>(firstIndex + i) * 1e-6f);
     return values;
+}
+
+int64_t writeRamp(FloatRingBuffer& ring, int64_t firstIndex, int64_t frames) {
+    const auto samples = ramp(firstIndex, frames);
+    const std::vector<const float*> sources(static_cast<size_t>(ring.channels()), samples.data());
+    return ring.write(sources, frames);
 }
 
 // A microphone at 16 kHz into a 16 kHz stream: no resampler, so frames map one to one.
@@ -35,9 +34,6 @@ struct RampPath {
         stream = rig.mixer->audioStream();
         rig.mixer->start(testing::singleInputs(nullptr, ring, 16000, 1, nullptr, *PcmFormat::make(16000, 1, true)));
     }
-    void run(double seconds) {
-        for (int i = 0; i < static_cast<int>(seconds * 60); ++i) rig.step();
-    }
     MixerRig rig;
     std::shared_ptr<FloatRingBuffer> ring;
     AudioBufferStream stream;
@@ -46,18 +42,18 @@ struct RampPath {
 TEST(MixerPauseTest, PausedSpanIsAbsentAndEverythingAroundItIsKept) {
     RampPath path;
     writeRamp(*path.ring, 0, 8000 + kJitterFrames);  // before the pause, reserve included
-    path.run(0.5);
+    path.rig.step(30);
     path.rig.mixer->setOutputPaused(true);
     EXPECT_EQ(path.rig.mixer->outputFramesWritten(), 8000 + kJitterFrames);  // the pause wrote what was captured
 
     writeRamp(*path.ring, 100000, 16000);  // captured while paused
-    path.run(1.0);
+    path.rig.step(60);
     writeRamp(*path.ring, 200000, 4000);  // still paused when the resume comes
     path.rig.mixer->setOutputPaused(false);
     EXPECT_EQ(path.rig.mixer->outputFramesWritten(), 8000 + kJitterFrames);  // nothing while paused
 
     writeRamp(*path.ring, 300000, 8000);  // after the resume
-    path.run(0.5);
+    path.rig.step(30);
     path.rig.mixer->stopMixing();
 
     std::vector<float> expected = ramp(0, 8000 + kJitterFrames);
@@ -69,7 +65,7 @@ TEST(MixerPauseTest, PausedSpanIsAbsentAndEverythingAroundItIsKept) {
 TEST(MixerPauseTest, ResumedClockOwesNothingForThePausedTime) {
     RampPath path;
     writeRamp(*path.ring, 0, kJitterFrames + 1600);
-    path.run(0.1);
+    path.rig.step(6);
     path.rig.mixer->setOutputPaused(true);
     path.rig.clock->advance(30.0);
     path.rig.mixer->setOutputPaused(false);
@@ -95,23 +91,13 @@ struct SeparatePath {
     AudioBufferStream stream;
 };
 
-std::vector<std::pair<float, float>> framesOf(AudioBufferStream& stream) {
-    std::vector<std::pair<float, float>> frames;
-    while (stream.waitFor(std::chrono::milliseconds(0))) {
-        auto block = stream.next();
-        if (!block) break;
-        const float* samples = (*block)->floatChannelData()[0];
-        for (uint32_t i = 0; i < (*block)->frameLength(); ++i) frames.emplace_back(samples[2 * i], samples[2 * i + 1]);
-    }
-    return frames;
-}
-
 TEST(MixerSeparateTracksTest, EachSourceKeepsItsOwnChannelLevelAndClipping) {
     SeparatePath path;
     writeConstant(*path.microphone, 1.5f, kJitterFrames + 1600);  // clips on its own channel only
     writeConstant(*path.system, 0.2f, kJitterFrames + 1600);
     path.rig.step(6);
-    const auto frames = framesOf(path.stream);
+    std::vector<std::pair<float, float>> frames;
+    testing::forEachFrame(path.stream, [&](const float* frame) { frames.emplace_back(frame[0], frame[1]); });
     ASSERT_EQ(frames.size(), 1600u);
     for (const auto& [microphone, system] : frames) {
         ASSERT_FLOAT_EQ(microphone, 0.98f);

@@ -200,8 +200,7 @@ TEST_P(TwoHourRecording, SourcesNeitherStarveNorDrift) {
     for (int64_t tick = 1; tick <= kTicks; ++tick) {
         system.produceUntil(tick);
         microphone.produceUntil(tick);
-        rig.clock->advance(1.0 / 60.0);
-        rig.mixer->tick();
+        rig.step();
         if (tick == kWarmUpTicks) {
             ASSERT_EQ(rig.mixer->underrunCount(), 0);
         }

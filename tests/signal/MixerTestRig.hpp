@@ -1,16 +1,16 @@
 #pragma once
 
-#include <unistd.h>
-
 #include <array>
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "dispatch/Clock.hpp"
 #include "signal/AudioMixer.hpp"
+#include "support/RecorderTestSupport.hpp"
 
 // A mixer driven by hand: a manual clock, ticks called by the test, ring
 // buffers written by the test as a capture source would.
@@ -64,33 +64,28 @@ inline int64_t writeConstant(FloatRingBuffer& ring, float value, int64_t frames)
     return ring.write(sources, frames);
 }
 
-inline std::vector<float> drainStream(AudioBufferStream& stream) {
-    std::vector<float> samples;
+// Calls `frame` with each frame the stream has ready (its first sample; the others follow when interleaved).
+inline void forEachFrame(AudioBufferStream& stream, const std::function<void(const float*)>& frame) {
     while (stream.waitFor(std::chrono::milliseconds(0))) {
         auto block = stream.next();
         if (!block) break;
         const auto& format = (*block)->format();
-        for (uint32_t i = 0; i < (*block)->frameLength(); ++i) {
-            samples.push_back((*block)->floatChannelData()[0][format.interleaved ? i * format.channelCount : i]);
-        }
+        const uint32_t step = format.interleaved ? format.channelCount : 1;
+        for (uint32_t i = 0; i < (*block)->frameLength(); ++i) frame((*block)->floatChannelData()[0] + i * step);
     }
+}
+
+// The first channel of what the stream has ready.
+inline std::vector<float> drainStream(AudioBufferStream& stream) {
+    std::vector<float> samples;
+    forEachFrame(stream, [&](const float* frame) { samples.push_back(*frame); });
     return samples;
 }
 
-class ScratchFolder {
-public:
-    explicit ScratchFolder(const std::string& name)
-        : path_(std::filesystem::temp_directory_path() / (name + "-" + std::to_string(::getpid()))) {
-        std::filesystem::create_directories(path_);
-    }
-    ~ScratchFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    std::filesystem::path file(const std::string& name) const { return path_ / name; }
-
-private:
-    std::filesystem::path path_;
+// A private scratch folder, removed with everything in it (the name is only a hint).
+struct ScratchFolder : TemporaryDirectory {
+    explicit ScratchFolder(const std::string& = {}) {}
+    std::filesystem::path file(const std::string& name) const { return path() / name; }
 };
 
 }  // namespace velto::testing

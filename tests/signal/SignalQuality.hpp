@@ -2,7 +2,9 @@
 
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <numbers>
+#include <random>
 #include <vector>
 
 // Measurements on test signals: a sine of known frequency is fitted by least
@@ -60,6 +62,20 @@ inline SineFit fitSine(const std::vector<float>& samples, size_t first, size_t c
 inline float sineSample(double frequencyHertz, double sampleRateHertz, long long frame, double amplitude = 0.5) {
     return static_cast<float>(amplitude *
                               std::sin(2 * std::numbers::pi * frequencyHertz * static_cast<double>(frame) / sampleRateHertz));
+}
+
+// Low-passed noise whose loudness rises and falls like syllables: a far end to echo.
+inline std::vector<float> speechLikeNoise(int64_t frames, double rateHertz) {
+    std::vector<float> s(static_cast<size_t>(frames));
+    std::mt19937 random(3);
+    std::normal_distribution<double> noise(0.0, 0.15);
+    double low = 0;
+    for (int64_t i = 0; i < frames; ++i) {
+        low += 0.3 * (noise(random) - low);
+        const double syllables = 0.55 + 0.45 * std::sin(2 * std::numbers::pi * 3.1 * static_cast<double>(i) / rateHertz);
+        s[static_cast<size_t>(i)] = static_cast<float>(low * syllables);
+    }
+    return s;
 }
 
 }  // namespace velto::testing

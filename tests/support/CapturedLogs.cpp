@@ -15,26 +15,6 @@ CapturedLogs::~CapturedLogs() {
     setMinimumLogLevel(previousMinimum_);
 }
 
-std::vector<LogRecord> CapturedLogs::records() const {
-    std::lock_guard lock(mutex_);
-    return records_;
-}
-
-std::vector<std::string> CapturedLogs::messages(const std::string& category) const {
-    std::lock_guard lock(mutex_);
-    std::vector<std::string> result;
-    for (const auto& r : records_)
-        if (r.category == category) result.push_back(r.message);
-    return result;
-}
-
-bool CapturedLogs::contains(LogLevel level, const std::string& category, const std::string& message) const {
-    std::lock_guard lock(mutex_);
-    for (const auto& r : records_)
-        if (r.level == level && r.category == category && r.message == message) return true;
-    return false;
-}
-
 int CapturedLogs::count(const std::string& category, const std::string& message) const {
     std::lock_guard lock(mutex_);
     int n = 0;
@@ -48,11 +28,6 @@ bool CapturedLogs::containsPrefix(const std::string& category, const std::string
     for (const auto& r : records_)
         if (r.category == category && r.message.rfind(prefix, 0) == 0) return true;
     return false;
-}
-
-void CapturedLogs::clear() {
-    std::lock_guard lock(mutex_);
-    records_.clear();
 }
 
 }  // namespace velto::testing

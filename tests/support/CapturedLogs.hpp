@@ -24,15 +24,10 @@ public:
     CapturedLogs(const CapturedLogs&) = delete;
     CapturedLogs& operator=(const CapturedLogs&) = delete;
 
-    std::vector<LogRecord> records() const;
-    // Messages of one category, in order.
-    std::vector<std::string> messages(const std::string& category) const;
-    bool contains(LogLevel level, const std::string& category, const std::string& message) const;
     // How many records of that category have exactly this text.
     int count(const std::string& category, const std::string& message) const;
     // True when some message of the category starts with `prefix`.
     bool containsPrefix(const std::string& category, const std::string& prefix) const;
-    void clear();
 
 private:
     mutable std::mutex mutex_;

@@ -53,10 +53,11 @@ inline std::shared_ptr<PcmBuffer> rampBlock(double rateHertz, uint32_t frames, i
     return buffer;
 }
 
-// Polls `condition` until it holds or a generous limit passes (the limit only keeps a
-// broken test from hanging; no test depends on how long anything takes).
-inline bool eventually(const std::function<bool()>& condition) {
-    for (int attempt = 0; attempt < 2000; ++attempt) {
+// Polls `condition` until it holds or `limit` passes (by default a generous limit that only
+// keeps a broken test from hanging: no unit test depends on how long anything takes).
+inline bool eventually(const std::function<bool()>& condition,
+                       std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    for (const auto deadline = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < deadline;) {
         if (condition()) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
@@ -150,7 +151,8 @@ struct RecordedFile {
     double sampleRate = 0;
     int channels = 0;
     int format = 0;
-    std::vector<float> samples;  // interleaved
+    int64_t headerFrames = 0;    // the frames the header claims
+    std::vector<float> samples;  // interleaved, read to the real end of the data
 };
 
 inline RecordedFile readRecording(const std::filesystem::path& path) {
@@ -162,8 +164,11 @@ inline RecordedFile readRecording(const std::filesystem::path& path) {
     result.sampleRate = info.samplerate;
     result.channels = info.channels;
     result.format = info.format;
-    result.samples.resize(static_cast<size_t>(info.frames) * static_cast<size_t>(info.channels));
-    sf_readf_float(file, result.samples.data(), info.frames);
+    result.headerFrames = info.frames;
+    std::vector<float> chunk(4096 * static_cast<size_t>(info.channels));
+    for (sf_count_t got; (got = sf_readf_float(file, chunk.data(), 4096)) > 0;) {
+        result.samples.insert(result.samples.end(), chunk.begin(), chunk.begin() + got * info.channels);
+    }
     sf_close(file);
     return result;
 }

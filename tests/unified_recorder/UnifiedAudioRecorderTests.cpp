@@ -91,6 +91,16 @@ public:
         return mixer->totalFramesProcessed();
     }
 
+    // Drains the events, which must end, the last one of kind `last` and naming the file.
+    velto::testing::DrainedEvents endedWith(Kind last) {
+        auto drained = drainUntilEnd(events);
+        EXPECT_TRUE(drained.ended);
+        const auto end = drained.events.empty() ? RecordingEvent::progress(0, {}) : drained.events.back();
+        EXPECT_EQ(end.kind, last);
+        EXPECT_EQ(end.fileURL, file());
+        return drained;
+    }
+
     CapturedLogs logs;
     velto::testing::TemporaryDirectory directory;
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(100.0);
@@ -112,11 +122,9 @@ TEST_F(UnifiedAudioRecorderTest, MicrophoneOnlyRecordingMixesAtHalfGainIntoASixt
     const auto streamedFrames = velto::testing::framesUntilEnd(audio);
     EXPECT_TRUE(audio.isTerminated());
 
-    auto drained = drainUntilEnd(events);
-    ASSERT_TRUE(drained.ended);
+    auto drained = endedWith(Kind::finished);
     EXPECT_EQ(drained.error, nullptr);
     EXPECT_THAT(drained.shape(), ElementsAre(Kind::starting, Kind::started, Kind::progress, Kind::finished));
-    EXPECT_EQ(drained.events.back().fileURL, file());
 
     const auto recorded = readRecording(file());
     ASSERT_TRUE(recorded.opened);
@@ -170,7 +178,7 @@ TEST_F(UnifiedAudioRecorderTest, TheStopFetchesWhatTheSourcesStillHoldBeforeTheL
     microphoneEngine()->holdBack(microphoneBlock(0.5f));
     fakes.audioHardware->holdBackInput(systemCycle(0.4f, 0.2f), 2);
     recorder->stop();
-    ASSERT_TRUE(drainUntilEnd(events).ended);
+    endedWith(Kind::finished);
 
     const auto recorded = readRecording(file());
     // The sources are steered onto the mixer's clock: a ratio a few ppm from 1 may
@@ -207,8 +215,7 @@ TEST_F(UnifiedAudioRecorderTest, APauseKeepsItsAudioOutOfTheFileAndItsTimeOutOfE
     recorder->stop();
     const auto streamedFrames = velto::testing::framesUntilEnd(audio);
 
-    auto drained = drainUntilEnd(events);
-    ASSERT_TRUE(drained.ended);
+    auto drained = endedWith(Kind::finished);
     EXPECT_EQ(drained.error, nullptr);
     ASSERT_EQ(drained.count(Kind::paused), 1);
     ASSERT_EQ(drained.count(Kind::resumed), 1);
@@ -243,11 +250,8 @@ TEST_F(UnifiedAudioRecorderTest, CancelKeepsTheFileAndEndsWithCancelled) {
     recorder->cancel();
     recorder->stop();  // already over: nothing
 
-    auto drained = drainUntilEnd(events);
-    ASSERT_TRUE(drained.ended);
+    auto drained = endedWith(Kind::cancelled);
     EXPECT_EQ(drained.error, nullptr);
-    EXPECT_EQ(drained.events.back().kind, Kind::cancelled);
-    EXPECT_EQ(drained.events.back().fileURL, file());
     EXPECT_EQ(drained.count(Kind::finished), 0);
     EXPECT_TRUE(std::filesystem::exists(file()));
     EXPECT_EQ(recorder->state(), State::cancelled);
@@ -308,9 +312,7 @@ TEST_F(UnifiedAudioRecorderTest, AConfigurationChangeRebuildsCaptureIntoTheSameF
     // the reserve: with no more deliveries the mixer reads all but the resampler's look-ahead.
     EXPECT_NEAR(secondFrames, 24000 - VariableRatioResampler::kTaps, VariableRatioResampler::kTaps);
     recorder->stop();
-    auto drained = drainUntilEnd(events);
-    EXPECT_EQ(drained.events.back().kind, Kind::finished);
-    EXPECT_EQ(drained.error, nullptr);
+    EXPECT_EQ(endedWith(Kind::finished).error, nullptr);
 
     // Both mixers' audio is in the one file, one after the other, every frame fed:
     // each mixer wrote out its reserve and its resampler's tail when it stopped.
@@ -327,13 +329,9 @@ TEST_F(UnifiedAudioRecorderTest, AFailedRestartFinishesWithTheFileThenEndsWithTh
     fakes.configurationChangeCenter->post();
     recorder->state();
 
-    auto drained = drainUntilEnd(events);
-    ASSERT_TRUE(drained.ended);
-    ASSERT_FALSE(drained.events.empty());
-    EXPECT_EQ(drained.events.back().kind, Kind::finished);
-    EXPECT_EQ(drained.events.back().fileURL, file());
-    ASSERT_NE(drained.error, nullptr);
-    EXPECT_EQ(caseDescriptionOf(drained.error), "systemAudioDeviceStartFailed(-50)");
+    const auto error = endedWith(Kind::finished).error;
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(caseDescriptionOf(error), "systemAudioDeviceStartFailed(-50)");
     EXPECT_EQ(recorder->state(), State::finished);
     // The file holds what was mixed before the restart.
     EXPECT_GT(readRecording(file()).samples.size(), 7000u);
@@ -349,10 +347,7 @@ TEST_F(UnifiedAudioRecorderTest, AFileThatCanNoLongerBeWrittenEndsTheRecordingAf
         mixFor(*recorder, 1.5);
         recorder->state();  // the failure report has hopped onto the work queue
     }
-    auto drained = drainUntilEnd(events);
-    ASSERT_TRUE(drained.ended);
-    EXPECT_EQ(drained.events.back().kind, Kind::finished);
-    EXPECT_EQ(velto::testing::recordingErrorCode(drained.error), RecordingError::Code::fileSystemError);
+    EXPECT_EQ(velto::testing::recordingErrorCode(endedWith(Kind::finished).error), RecordingError::Code::fileSystemError);
     EXPECT_EQ(recorder->state(), State::finished);
     EXPECT_EQ(recorder->mixer(), nullptr);
     EXPECT_FALSE(microphoneEngine()->isRunning());
