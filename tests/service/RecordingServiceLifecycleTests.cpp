@@ -3,6 +3,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <cmath>
+#include <limits>
 
 #include <thread>
 
@@ -59,6 +61,11 @@ TEST_F(RecordingServiceTest, startsThatCannotRecordAreRefusedAndTheServiceStaysI
         auto configuration = makeConfiguration(sources);
         configuration.trackLayout = TrackLayout::separate;
         EXPECT_EQ(thrownCode([&] { service().startRecording(configuration); }), Code::separateTracksNeedBothSources);
+    }
+    for (const double limit : {0.0, -1.0, std::numeric_limits<double>::infinity(), std::nan("")}) {
+        auto configuration = makeConfiguration(AudioSources::microphoneOnly());
+        configuration.maximumDurationSeconds = limit;
+        EXPECT_EQ(thrownCode([&] { service().startRecording(configuration); }), Code::invalidMaximumDuration) << limit;
     }
     EXPECT_EQ(service().recordingState(), RecordingState::idle);
     EXPECT_EQ(harness.recorderCount(), 0u);

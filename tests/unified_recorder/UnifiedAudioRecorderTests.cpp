@@ -31,6 +31,7 @@ public:
         RecordingConfiguration configuration(AudioFormat::wav, sources, std::move(microphone),
                                              BufferConfiguration(96000, kJitterFrames, 1024));
         configuration.echoCancellation = echoCancellation;
+        configuration.maximumDurationSeconds = maximumDurationSeconds;
         auto recorder = UnifiedAudioRecorder::create(file(), configuration, fakes.services(), clock, queue,
                                                      MixingTicks::caller);
         events = recorder->events();
@@ -101,6 +102,7 @@ public:
         return drained;
     }
 
+    std::optional<double> maximumDurationSeconds;
     CapturedLogs logs;
     velto::testing::TemporaryDirectory directory;
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(100.0);
@@ -352,6 +354,20 @@ TEST_F(UnifiedAudioRecorderTest, AFileThatCanNoLongerBeWrittenEndsTheRecordingAf
     EXPECT_EQ(recorder->mixer(), nullptr);
     EXPECT_FALSE(microphoneEngine()->isRunning());
     EXPECT_GE(readRecording(file()).samples.size(), 7000u);
+}
+
+// The recording ends by itself on the frame, as a stop would end it, whatever the
+// sources still hold.
+TEST_F(UnifiedAudioRecorderTest, AMaximumDurationEndsTheRecordingOnItsFrame) {
+    maximumDurationSeconds = 0.25;
+    auto recorder = start(AudioSources::microphoneOnly());
+    feedMicrophone(0.3f, 48000 + kJitterFrames);
+    mixFor(*recorder, 1.0);
+    const auto drained = endedWith(Kind::finished);
+    EXPECT_EQ(drained.error, nullptr);
+    EXPECT_EQ(recorder->state(), State::finished);
+    EXPECT_FALSE(microphoneEngine()->isRunning());
+    EXPECT_EQ(readRecording(file()).samples.size(), 4000u);
 }
 
 TEST_F(UnifiedAudioRecorderTest, ReleasingARunningRecorderStopsItsSources) {
