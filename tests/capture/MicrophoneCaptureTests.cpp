@@ -99,37 +99,6 @@ TEST_F(MicrophoneCaptureTest, ChannelsAreMappedOntoTheRing) {
     }
 }
 
-TEST_F(MicrophoneCaptureTest, EmptyBlockIsIgnoredAndAnOverrunKeepsWhatFits) {
-    auto capture = makeCapture(1, 1324);
-    capture->start(1024);
-    auto empty = channelNumberedBuffer(1, 1024);
-    empty->setFrameLength(0);
-    engine->deliver(*empty);
-    EXPECT_EQ(capture->ringBuffer()->availableFrames(), 0);
-    engine->deliver(*channelNumberedBuffer(1, 1024));
-    engine->deliver(*channelNumberedBuffer(1, 1024));
-    engine->deliver(*channelNumberedBuffer(1, 1024));
-    EXPECT_EQ(capture->ringBuffer()->availableFrames(), 1324);
-}
-
-TEST_F(MicrophoneCaptureTest, CountingSignalFromTheDeliveryThreadArrivesWithoutGaps) {
-    // The ring holds the whole run, so the delivery thread never has to wait for the reader.
-    constexpr int kBlocks = 300;
-    auto capture = makeCapture(1, kBlocks * 256);
-    capture->start(256);
-    std::vector<std::shared_ptr<PcmBuffer>> blocks;
-    for (int b = 0; b < kBlocks; ++b) {
-        auto block = PcmBuffer::make(PcmFormat{48000.0, 1, false}, 256);
-        for (int f = 0; f < 256; ++f) block->floatChannelData()[0][f] = static_cast<float>(b * 256 + f);
-        block->setFrameLength(256);
-        blocks.push_back(block);
-    }
-    engine->deliverOnDeliveryThread(std::move(blocks));
-    testing::expectCountingSignal(*capture->ringBuffer(), kBlocks * 256);
-    engine->joinDelivery();
-    capture->stop();
-}
-
 TEST_F(MicrophoneCaptureTest, AConfiguredDeviceIsSelectedNowAndAgainAfterEachStartsReset) {
     auto capture = makeCapture();
     capture->configureInputDevice(usbMicrophone);

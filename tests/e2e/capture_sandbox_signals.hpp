@@ -1,13 +1,11 @@
 #pragma once
-// Known signals for the sandbox tests: a sine played into a sandbox sink with pacat, and
-// the measures that tell whether it arrived (level, frequency, no gaps); running commands
-// against the sandbox server.
+// Known signals for the sandbox tests: a sine played into a sandbox sink with pacat;
+// running commands against the sandbox server.
 
 #include <atomic>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <numbers>
 #include <string>
 #include <vector>
@@ -25,17 +23,6 @@ inline std::string run(const std::string& command) {
     while (!output.empty() && (output.back() == '\n' || output.back() == ' ')) output.pop_back();
     return output;
 }
-
-#ifdef VELTO_SANDBOX_SCRIPT
-// The sandbox script, pointed at the server these tests talk to.
-inline std::string sandbox(const std::string& action) {
-    const char* server = std::getenv("PULSE_SERVER");
-    std::string directory = server != nullptr ? server : "";
-    if (directory.rfind("unix:", 0) == 0) directory = directory.substr(5);
-    directory = directory.substr(0, directory.rfind('/'));
-    return run("VELTO_SANDBOX_DIR=" + directory + " " VELTO_SANDBOX_SCRIPT " " + action);
-}
-#endif
 
 // Plays `seconds` of `sample(t)` into `device` (a sink name) with pacat, 32-bit float,
 // every channel alike; blocks until pacat has played it, or until `stop` is set (what
@@ -69,57 +56,6 @@ bool playInto(const std::string& device, std::uint32_t channels, double seconds,
 
 inline auto sine(double frequencyHertz, float amplitude) {
     return [=](double t) { return amplitude * static_cast<float>(std::sin(2.0 * std::numbers::pi * frequencyHertz * t)); };
-}
-
-inline bool playSine(const std::string& device, double frequencyHertz, float amplitude, double seconds,
-                     std::uint32_t channels = 2) {
-    return playInto(device, channels, seconds, sine(frequencyHertz, amplitude));
-}
-
-struct ToneMeasure {
-    std::size_t soundingFrames = 0;  // from the first to the last frame above the threshold
-    double rms = 0.0;                // over the middle half of the sounding part
-    double frequencyHertz = 0.0;     // from positive-going zero crossings over the same span
-    double weakestWindowPeak = 0.0;  // smallest peak of any 10 ms window there: near 0 means a gap
-};
-
-inline std::string describe(const ToneMeasure& m) {
-    char text[160];
-    std::snprintf(text, sizeof text, "sounding %zu frames, rms %.4f, %.2f Hz, weakest 10 ms peak %.4f", m.soundingFrames,
-                  m.rms, m.frequencyHertz, m.weakestWindowPeak);
-    return text;
-}
-
-inline ToneMeasure measureTone(const std::vector<float>& samples, double rateHertz, float threshold = 0.02f) {
-    ToneMeasure measure;
-    std::size_t first = samples.size();
-    std::size_t last = 0;
-    for (std::size_t i = 0; i < samples.size(); ++i) {
-        if (std::fabs(samples[i]) > threshold) {
-            first = std::min(first, i);
-            last = i;
-        }
-    }
-    if (first >= last) return measure;
-    measure.soundingFrames = last - first + 1;
-    const std::size_t begin = first + measure.soundingFrames / 4;
-    const std::size_t end = last - measure.soundingFrames / 4;
-    double sum = 0.0;
-    int crossings = 0;
-    for (std::size_t i = begin; i < end; ++i) {
-        sum += static_cast<double>(samples[i]) * samples[i];
-        if (i > begin && samples[i - 1] < 0.0f && samples[i] >= 0.0f) ++crossings;
-    }
-    measure.rms = std::sqrt(sum / static_cast<double>(end - begin));
-    measure.frequencyHertz = crossings * rateHertz / static_cast<double>(end - begin);
-    const auto window = static_cast<std::size_t>(rateHertz / 100);
-    measure.weakestWindowPeak = 1.0;
-    for (std::size_t start = begin; start + window <= end; start += window) {
-        double peak = 0.0;
-        for (std::size_t i = start; i < start + window; ++i) peak = std::max(peak, std::fabs(double{samples[i]}));
-        measure.weakestWindowPeak = std::min(measure.weakestWindowPeak, peak);
-    }
-    return measure;
 }
 
 }  // namespace velto::testing

@@ -1,7 +1,6 @@
 // The preferences file and the microphone preference kept in it: values read back by a
-// fresh store and by other processes, concurrent writers, corrupt files.
+// fresh store and by another process, corrupt files, an unwritable folder.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -45,33 +44,6 @@ protected:
     TemporaryDirectory folder;
 };
 
-// MARK: - The microphone preference
-
-// The empty string is a value apart from none; each key is its own; a number stored under
-// the key reads as its text (a flag does not).
-TEST_F(PreferenceStoreTest, storageKeepsTheEmptyStringAndEachKeyApart) {
-    auto store = freshStore();
-    UserDefaultsMicrophoneStorage first(file(), "first");
-    UserDefaultsMicrophoneStorage second(file(), "second");
-    first.setSelectedMicrophoneId(std::string());
-    EXPECT_EQ(first.getSelectedMicrophoneId(), std::string());
-    first.setSelectedMicrophoneId("a");
-    EXPECT_FALSE(second.getSelectedMicrophoneId().has_value());
-    second.setSelectedMicrophoneId("b");
-    first.setSelectedMicrophoneId(std::nullopt);
-    EXPECT_FALSE(first.getSelectedMicrophoneId().has_value());
-    EXPECT_EQ(second.getSelectedMicrophoneId(), "b");
-
-    store->setBool("first", true);
-    EXPECT_FALSE(first.getSelectedMicrophoneId().has_value());
-    store->setInteger("first", 42);
-    EXPECT_EQ(first.getSelectedMicrophoneId(), "42");
-    store->setNumber("first", 48000.0);
-    EXPECT_EQ(first.getSelectedMicrophoneId(), "48000");
-}
-
-// MARK: - The file
-
 TEST_F(PreferenceStoreTest, aFreshStoreAndAnotherProcessReadWhatWasWritten) {
     UserDefaultsMicrophoneStorage(file(), "selectedMicrophoneDeviceId").setSelectedMicrophoneId("from-parent");
     EXPECT_EQ(UserDefaultsMicrophoneStorage(file(), "selectedMicrophoneDeviceId").getSelectedMicrophoneId(),
@@ -89,32 +61,6 @@ TEST_F(PreferenceStoreTest, aFreshStoreAndAnotherProcessReadWhatWasWritten) {
     });
     ASSERT_TRUE(succeeded(writer));
     EXPECT_EQ(freshStore()->stringForKey("selectedMicrophoneDeviceId"), "from-child");
-}
-
-TEST_F(PreferenceStoreTest, concurrentWritersInTwoProcessesKeepEveryKey) {
-    constexpr int kKeysPerWriter = 40;
-    auto file = this->file();
-    auto writeKeys = [file](char prefix) {
-        return [file, prefix] {
-            auto store = UserDefaults::create(file);
-            for (int i = 0; i < kKeysPerWriter; ++i) store->setInteger(std::string(1, prefix) + std::to_string(i), i);
-            return true;
-        };
-    };
-    pid_t first = spawn(writeKeys('a'));
-    pid_t second = spawn(writeKeys('b'));
-    ASSERT_TRUE(succeeded(first));
-    ASSERT_TRUE(succeeded(second));
-
-    auto store = freshStore();
-    for (char prefix : {'a', 'b'})
-        for (int i = 0; i < kKeysPerWriter; ++i)
-            EXPECT_EQ(store->stringForKey(std::string(1, prefix) + std::to_string(i)), std::to_string(i));
-    // Only the store and its lock file remain: no temporary file is left behind.
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(file.parent_path()))
-        names.push_back(entry.path().filename().string());
-    EXPECT_THAT(names, ::testing::UnorderedElementsAre("preferences.json", "preferences.json.lock"));
 }
 
 TEST_F(PreferenceStoreTest, aCorruptFileReadsAsEmptyAndIsReplacedByTheNextWrite) {

@@ -15,14 +15,6 @@ CapturedLogs::~CapturedLogs() {
     setMinimumLogLevel(previousMinimum_);
 }
 
-int CapturedLogs::count(const std::string& category, const std::string& message) const {
-    std::lock_guard lock(mutex_);
-    int n = 0;
-    for (const auto& r : records_)
-        if (r.category == category && r.message == message) ++n;
-    return n;
-}
-
 bool CapturedLogs::containsPrefix(const std::string& category, const std::string& prefix) const {
     std::lock_guard lock(mutex_);
     for (const auto& r : records_)

@@ -24,8 +24,6 @@ public:
     CapturedLogs(const CapturedLogs&) = delete;
     CapturedLogs& operator=(const CapturedLogs&) = delete;
 
-    // How many records of that category have exactly this text.
-    int count(const std::string& category, const std::string& message) const;
     // True when some message of the category starts with `prefix`.
     bool containsPrefix(const std::string& category, const std::string& prefix) const;
 
