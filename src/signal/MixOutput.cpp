@@ -91,16 +91,19 @@ void MixOutput::flush() {
 
 void MixOutput::deliver(std::shared_ptr<PcmBuffer> block) {
     if (limitReached_) return;
+    bool reachesLimit = false;
     if (file_ && fileFrameLimit_) {
-        // The file ends on the very frame asked for: the block that crosses the
+        // The file ends on the very frame asked for: the block that reaches the
         // limit is cut there, for the stream too, so both end alike.
-        const int64_t room = std::max<int64_t>(0, *fileFrameLimit_ - file_->framesWritten());
-        if (room < block->frameLength()) block->setFrameLength(static_cast<uint32_t>(room));
-        if (room == 0) {
-            reportLimitReached();
-            return;
-        }
+        const int64_t room = *fileFrameLimit_ - file_->framesWritten();
+        reachesLimit = room <= static_cast<int64_t>(block->frameLength());
+        if (reachesLimit) block->setFrameLength(static_cast<uint32_t>(std::max<int64_t>(0, room)));
     }
+    if (block->frameLength() > 0) append(std::move(block));
+    if (reachesLimit) reportLimitReached();
+}
+
+void MixOutput::append(std::shared_ptr<PcmBuffer> block) {
     if (file_) {
         try {
             file_->write(*block);
@@ -121,15 +124,11 @@ void MixOutput::deliver(std::shared_ptr<PcmBuffer> block) {
     } else {
         framesWritten_ += block->frameLength();
     }
-    {
-        std::lock_guard guard(streamLock_);
-        if (audioStreamContinuation_) audioStreamContinuation_->yield(block);
-    }
-    if (file_ && fileFrameLimit_ && file_->framesWritten() >= *fileFrameLimit_) reportLimitReached();
+    std::lock_guard guard(streamLock_);
+    if (audioStreamContinuation_) audioStreamContinuation_->yield(block);
 }
 
 void MixOutput::reportLimitReached() {
-    if (limitReached_) return;
     limitReached_ = true;
     std::function<void()> handler;
     {

@@ -50,7 +50,10 @@ public:
     int64_t framesWritten() const { return framesWritten_.load(); }
 
 private:
+    // Cuts a block at the file's frame limit, then appends what is left.
     void deliver(std::shared_ptr<PcmBuffer> block);
+    // Writes the block to the file and hands it to the stream.
+    void append(std::shared_ptr<PcmBuffer> block);
     void reportLimitReached();
 
     std::shared_ptr<AudioFile> file_;
