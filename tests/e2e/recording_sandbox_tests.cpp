@@ -210,80 +210,6 @@ TEST_F(RecordingSandboxTest, EverySourceCaseRecordsTheTonesAtTheirGains) {
     }
 }
 
-// A tone whose frequency steps up every quarter second: which steps a file holds says
-// which moments of the playing it holds, whatever the sound server's latency.
-constexpr double kStepSeconds = 0.25;
-double stepHertz(int step) { return 300.0 + 100.0 * step; }
-std::function<float(double)> steppedTone(float amplitude) {
-    return [=](double t) {
-        const int step = static_cast<int>(t / kStepSeconds);
-        return amplitude * static_cast<float>(std::sin(2.0 * std::numbers::pi * stepHertz(step) * t));
-    };
-}
-// The loudest step in each eighth of a second of the file that carries a tone at all.
-std::vector<int> stepsHeard(const std::vector<float>& samples, int steps) {
-    std::vector<int> heard;
-    for (std::size_t begin = 0; begin + 2000 <= samples.size(); begin += 2000) {
-        int loudest = -1;
-        double loudestAmplitude = 0.05;
-        for (int step = 0; step < steps; ++step) {
-            const double amplitude = toneAmplitude(samples, begin, begin + 2000, stepHertz(step));
-            if (amplitude > loudestAmplitude) {
-                loudestAmplitude = amplitude;
-                loudest = step;
-            }
-        }
-        if (loudest >= 0) heard.push_back(loudest);
-    }
-    return heard;
-}
-
-// What is played while paused never reaches the file: the steps of the pause are missing,
-// those before and after follow one another; elapsed time stands still meanwhile.
-TEST_F(RecordingSandboxTest, PausingLeavesThePauseOutOfTheFile) {
-    constexpr int kSteps = 28;  // 7 s, up to 3000 Hz
-    Player microphone(kMicrophoneIn, 1, kSteps * kStepSeconds, steppedTone(kToneAmplitude));
-    auto recorder = start("paused.wav", AudioSources::microphoneOnly());
-    std::this_thread::sleep_until(started + 1500ms);
-    recorder->pause();
-    std::this_thread::sleep_until(started + 3500ms);
-    recorder->resume();
-    std::this_thread::sleep_until(started + 4500ms);
-    end(*recorder);
-    const double wallSeconds = seconds(stopped - started);
-
-    double pausedElapsed = -1, resumedElapsed = -2, lastProgress = 0;
-    for (const auto& event : events->events()) {
-        if (event.kind == Kind::paused) pausedElapsed = event.elapsedSeconds;
-        if (event.kind == Kind::resumed) resumedElapsed = event.elapsedSeconds;
-        if (event.kind == Kind::progress) lastProgress = event.elapsedSeconds;
-    }
-    EXPECT_NEAR(pausedElapsed, 1.5, 0.15);
-    // A block the mixer was writing as the pause came may still land: at most one tick.
-    EXPECT_NEAR(resumedElapsed, pausedElapsed, 0.03);
-
-    const auto recorded = readRecording(file);
-    const double fileSeconds = static_cast<double>(recorded.samples.size()) / 16000.0;
-    std::printf("[ measure  ] file %.3f s for %.3f s with a 2 s pause\n", fileSeconds, wallSeconds);
-    EXPECT_NEAR(fileSeconds, wallSeconds - 2.0, 0.3);
-    EXPECT_LE(lastProgress, fileSeconds);
-
-    const auto heard = stepsHeard(recorded.samples, kSteps);
-    ASSERT_GT(heard.size(), 10u);
-    int widestGap = 0;
-    for (std::size_t i = 1; i < heard.size(); ++i) {
-        EXPECT_GE(heard[i], heard[i - 1]) << "at " << i;
-        const int gap = heard[i] - heard[i - 1];
-        if (gap > 1) {
-            EXPECT_EQ(widestGap, 0) << "a second gap, at " << i;
-            widestGap = std::max(widestGap, gap);
-        }
-    }
-    // Two seconds are eight steps: at least six of them are not heard at all.
-    EXPECT_GE(widestGap - 1, 6) << "widest gap " << widestGap << " steps";
-    EXPECT_LE(widestGap - 1, 8) << "widest gap " << widestGap << " steps";
-}
-
 // The tone's amplitude rises steadily with wall time, so audio lost at the restart shows
 // as a step in the envelope: step ÷ slope is the lost time. Both capture paths: the
 // microphone's input engine and the system audio's tap device.
@@ -354,46 +280,12 @@ TEST_F(RecordingSandboxTest, ADeviceLoadedMidRecordingRestartsCaptureWithoutAGap
     }
 }
 
-// Lag (in samples, sub-sample by parabolic interpolation) at which `second` best matches
-// `first` around `center`, searched within ±maxLag.
-double lagAround(const std::vector<float>& first, const std::vector<float>& second, std::size_t center,
-                 std::size_t halfWindow, int maxLag) {
-    std::vector<double> scores;
-    for (int lag = -maxLag; lag <= maxLag; ++lag) {
-        double score = 0;
-        for (std::size_t i = center - halfWindow; i < center + halfWindow; ++i) {
-            score += static_cast<double>(first[i]) * second[static_cast<std::size_t>(static_cast<long>(i) + lag)];
-        }
-        scores.push_back(score);
-    }
-    const auto best = static_cast<std::size_t>(std::max_element(scores.begin(), scores.end()) - scores.begin());
-    double offset = 0;
-    if (best > 0 && best + 1 < scores.size()) {
-        const double left = scores[best - 1], middle = scores[best], right = scores[best + 1];
-        const double curvature = left - 2 * middle + right;
-        if (curvature < 0) offset = 0.5 * (left - right) / curvature;
-    }
-    return static_cast<double>(best) - maxLag + offset;
-}
-
-TEST_F(RecordingSandboxTest, SeparateTracksKeepEachSourceOnItsOwnAlignedChannel) {
-    // A tone of its own on each source, at different levels, and from 3.5 s of play on the
-    // same noise burst on both every second: the bursts show how the channels line up.
+TEST_F(RecordingSandboxTest, SeparateTracksKeepEachSourceOnItsOwnChannel) {
+    // A tone of its own on each source, at different levels. How the channels line up
+    // over time is measured by the drift sandbox test's marks.
     constexpr float kSystemAmplitude = 0.2f;
-    const auto withBursts = [](std::function<float(double)> tone) {
-        return [tone](double t) {
-            const double intoSecond = t - std::floor(t);
-            if (t < 3.0 || intoSecond < 0.5 || intoSecond >= 0.52) return tone(t);
-            // The same pseudo-random burst in every second and on both sources.
-            auto state = static_cast<std::uint32_t>((intoSecond - 0.5) * 48000.0 + 0.5) * 2654435761u + 12345u;
-            state ^= state >> 13;
-            state *= 0x5bd1e995u;
-            state ^= state >> 15;
-            return tone(t) + 0.3f * (static_cast<float>(state % 20001u) / 10000.0f - 1.0f);
-        };
-    };
-    Player microphone(kMicrophoneIn, 1, 9.0, withBursts(sine(kMicrophoneToneHertz, kToneAmplitude)));
-    Player speakers(kSpeakers, 2, 9.0, withBursts(sine(kSystemToneHertz, kSystemAmplitude)));
+    Player microphone(kMicrophoneIn, 1, 9.0, sine(kMicrophoneToneHertz, kToneAmplitude));
+    Player speakers(kSpeakers, 2, 9.0, sine(kSystemToneHertz, kSystemAmplitude));
     auto recorder = start("separate.flac", AudioSources::both(), AudioFormat::flac, TrackLayout::separate);
     std::this_thread::sleep_until(started + 6s);
     end(*recorder);
@@ -417,7 +309,7 @@ TEST_F(RecordingSandboxTest, SeparateTracksKeepEachSourceOnItsOwnAlignedChannel)
         systemChannel.push_back(recorded.samples[i + 1]);
     }
     ASSERT_GT(microphoneChannel.size(), 5u * 16000u);
-    // Before the bursts (file 1-2.5 s): each channel its own tone at its own, unscaled level.
+    // File 1-2.5 s: each channel its own tone at its own, unscaled level.
     const std::size_t begin = 16000, end = 40000;
     const auto decibels = [](double amplitude) { return 20.0 * std::log10(std::max(amplitude, 1e-12)); };
     const double microphoneOwn = toneAmplitude(microphoneChannel, begin, end, kMicrophoneToneHertz);
@@ -442,28 +334,6 @@ TEST_F(RecordingSandboxTest, SeparateTracksKeepEachSourceOnItsOwnAlignedChannel)
     EXPECT_LT(decibels(microphoneOther), -80.0);
     EXPECT_LT(decibels(systemOther), -80.0);
 
-    // Every burst lands on both channels with the same offset as the first one.
-    std::vector<double> lags;
-    for (std::size_t i = 40000; i + 1000 < microphoneChannel.size(); ++i) {
-        if (std::fabs(microphoneChannel[i]) > kToneAmplitude + 0.15f) {
-            std::printf("[ measure  ] separate: burst at %.3f s of the file\n", static_cast<double>(i) / 16000.0);
-            lags.push_back(lagAround(microphoneChannel, systemChannel, i + 160, 160, 64));
-            i += 8000;
-        }
-    }
-    // The two players are separate streams: one starved on a loaded machine shifts its own
-    // audio (a sanitizer build once moved one by 36 samples after the first burst). The
-    // recorder keeps the channels aligned if every burst but at most one shares the lag.
-    ASSERT_GE(lags.size(), 3u);
-    std::vector<double> sorted = lags;
-    std::sort(sorted.begin(), sorted.end());
-    const double median = sorted[sorted.size() / 2];
-    std::size_t aligned = 0;
-    for (double lag : lags) {
-        std::printf("[ measure  ] separate: burst lag between channels %.3f samples\n", lag);
-        aligned += std::fabs(lag - median) <= 1.0;
-    }
-    EXPECT_GE(aligned + 1, lags.size());
     EXPECT_TRUE(microphone.played());
     EXPECT_TRUE(speakers.played());
 }

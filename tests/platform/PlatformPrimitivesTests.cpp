@@ -3,7 +3,6 @@
 
 #include "platform/ChangeCoalescer.hpp"
 #include "platform/pulse/InterleavedSampleRing.hpp"
-#include "platform/pulse/PulseObjectIDs.hpp"
 #include "platform/pulse/SilencePacer.hpp"
 
 #include <gmock/gmock.h>
@@ -61,16 +60,6 @@ TEST(InterleavedSampleRingTest, WrapsAroundRefusesWhatDoesNotFitAndTakesTheOldes
     EXPECT_EQ(ring.write(first, 2), 2u);
     EXPECT_EQ(ring.discard(9), 2u);
     EXPECT_EQ(ring.availableFrames(), 0u);
-}
-
-TEST(PulseObjectIDsTest, KindsHaveSeparateRangesAndIndexZeroIsAnObject) {
-    const auto source0 = makeObjectID(PulseObjectKind::source, 0);
-    EXPECT_NE(source0, kAudioObjectUnknown);
-    EXPECT_NE(source0, kAudioObjectSystemObject);
-    EXPECT_NE(source0, makeObjectID(PulseObjectKind::sink, 0));
-    EXPECT_EQ(objectIndex(source0, PulseObjectKind::source), 0u);
-    EXPECT_FALSE(objectIndex(source0, PulseObjectKind::sink).has_value());
-    EXPECT_EQ(objectIndex(makeObjectID(PulseObjectKind::tap, 12345), PulseObjectKind::tap), 12345u);
 }
 
 TEST(SilencePacerTest, IdleSourceIsFilledAtTheNominalRateFromItsLastRealBlock) {
