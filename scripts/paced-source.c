@@ -8,6 +8,9 @@
  *                                          of real time have passed (or forever)
  *   paced-source RATE PPM SECONDS --burst  unpaced: SECONDS of signal at once, for a
  *                                          player whose device keeps the time
+ * VELTO_PACED_VOICE=second gives the second voice: a 660 Hz tone and 2 kHz bursts, for
+ * the other source of a recording that cancels echo (the same signal on both sources
+ * would pass for the loudspeakers' echo in the microphone).
  * Built by scripts/sound-sandbox.sh with the system's C compiler. */
 #define _POSIX_C_SOURCE 200809L
 #include <errno.h>
@@ -26,13 +29,15 @@ static double seconds_now(void) {
     return (double)ts.tv_sec + (double)ts.tv_nsec * 1e-9;
 }
 
+static double tone_hertz = 440.0, mark_hertz = 4000.0;
+
 static float sample_at(double true_seconds) {
     const double pi = 3.14159265358979323846;
-    double value = 0.1 * sin(2 * pi * 440.0 * true_seconds);
+    double value = 0.1 * sin(2 * pi * tone_hertz * true_seconds);
     const double mark = true_seconds - floor(true_seconds + 0.5); /* from the nearest whole second */
     if (fabs(mark) < 0.005) {
         const double window = 0.5 + 0.5 * cos(2 * pi * mark / 0.01);
-        value += 0.4 * window * sin(2 * pi * 4000.0 * mark);
+        value += 0.4 * window * sin(2 * pi * mark_hertz * mark);
     }
     return (float)value;
 }
@@ -62,6 +67,11 @@ int main(int argc, char **argv) {
         return 2;
     }
     signal(SIGPIPE, SIG_IGN);
+    const char *voice = getenv("VELTO_PACED_VOICE");
+    if (voice != NULL && strcmp(voice, "second") == 0) {
+        tone_hertz = 660.0;
+        mark_hertz = 2000.0;
+    }
     const double rate = atof(argv[1]);
     const double ppm = atof(argv[2]);
     const double seconds = argc > 3 ? atof(argv[3]) : 0.0;

@@ -2,7 +2,9 @@
 # A private PulseAudio server with no hardware: speakers and a virtual microphone made of
 # null sinks, for the end-to-end tests and for recording on a machine without sound.
 #
-#   sound-sandbox.sh start    start it (does nothing when it already runs)
+#   sound-sandbox.sh start    start it (does nothing when it already runs); with
+#                             VELTO_SANDBOX_CLOCK=paced its devices keep the time of one
+#                             steady clock, as a real sound card's do (see below)
 #   sound-sandbox.sh stop     stop it (does nothing when it is not running)
 #   sound-sandbox.sh env      print the export line that points clients at it
 #   sound-sandbox.sh status   say whether it runs; exit 0 when it does
@@ -19,11 +21,20 @@
 #                             burst on every whole second (scripts/paced-source.c)
 #   sound-sandbox.sh skewed-mic off
 #                             the skewed microphone goes
+#   sound-sandbox.sh card-clock PPM
+#                             (paced sandbox) the card's clock runs PPM off the system's
 #
 # Devices:
 #   velto_speakers   default sink (the speakers; its monitor is what system audio captures)
-#   velto_mic_in     null sink that feeds the virtual microphone: play into it to "speak"
-#   velto_mic        default source: velto_mic_in's monitor remapped into a normal source
+#   velto_mic_in     sink that feeds the virtual microphone: play into it to "speak"
+#   velto_mic        default source: what plays into velto_mic_in
+# By default the sinks are null sinks and velto_mic remaps velto_mic_in's monitor. A null
+# sink keeps time by rendering ahead in chunks, and how far ahead wanders by milliseconds
+# over tens of seconds: its monitor runs some tens of ppm off the system clock for a
+# minute at a time. With VELTO_SANDBOX_CLOCK=paced the two sinks are pipe sinks and the
+# microphone a pipe source, and one process (scripts/paced-clock.c) empties the sinks and
+# feeds the microphone at the pace of the monotonic clock, as a sound card's converters
+# do on the card's crystal: recordings whose timing is judged (clock drift, echo) use it.
 #
 # VELTO_SANDBOX_DIR chooses where the server keeps its socket, state and log.
 set -euo pipefail
@@ -41,16 +52,56 @@ is_running() {
     PULSE_SERVER="$server" timeout 5 pactl info >/dev/null 2>&1
 }
 
+sandbox_clock() { cat "$dir/clock" 2>/dev/null || echo null; }
+
 write_script() {
-    cat >"$dir/sandbox.pa" <<PA
-load-module module-native-protocol-unix socket=$socket auth-anonymous=1
-load-module module-null-sink sink_name=velto_speakers format=float32le rate=48000 channels=2 sink_properties=device.description=Velto-Speakers
-load-module module-null-sink sink_name=velto_mic_in format=float32le rate=48000 channels=1 sink_properties=device.description=Velto-Microphone-Input
-load-module module-remap-source source_name=velto_mic master=velto_mic_in.monitor format=float32le rate=48000 channels=1 source_properties=device.description=Velto-Microphone
-set-default-sink velto_speakers
-set-default-source velto_mic
-PA
+    local clock=$1
+    {
+        echo "load-module module-native-protocol-unix socket=$socket auth-anonymous=1"
+        if [[ "$clock" == paced ]]; then
+            echo "load-module module-pipe-sink sink_name=velto_speakers file=$dir/speakers.fifo format=float32le rate=48000 channels=2 sink_properties=device.description=Velto-Speakers"
+            echo "load-module module-pipe-sink sink_name=velto_mic_in file=$dir/mic-in.fifo format=float32le rate=48000 channels=1 sink_properties=device.description=Velto-Microphone-Input"
+            echo "load-module module-pipe-source source_name=velto_mic file=$dir/mic.fifo format=float32le rate=48000 channels=1 source_properties=device.description=Velto-Microphone"
+        else
+            echo "load-module module-null-sink sink_name=velto_speakers format=float32le rate=48000 channels=2 sink_properties=device.description=Velto-Speakers"
+            echo "load-module module-null-sink sink_name=velto_mic_in format=float32le rate=48000 channels=1 sink_properties=device.description=Velto-Microphone-Input"
+            echo "load-module module-remap-source source_name=velto_mic master=velto_mic_in.monitor format=float32le rate=48000 channels=1 source_properties=device.description=Velto-Microphone"
+        fi
+        echo "set-default-sink velto_speakers"
+        echo "set-default-source velto_mic"
+    } >"$dir/sandbox.pa"
 }
+
+# --- the paced card's clock ----------------------------------------------------------
+build_tool() {  # NAME: scripts/NAME.c, built into the sandbox folder on first use
+    local binary="$dir/$1" source_file
+    source_file="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)/$1.c"
+    if [[ ! -x "$binary" || "$source_file" -nt "$binary" ]]; then
+        cc -O2 -o "$binary" "$source_file" -lm || { echo "cannot build $source_file" >&2; return 1; }
+    fi
+    echo "$binary"
+}
+
+card_clock_stop() {
+    if [[ -f "$dir/card-clock.pid" ]]; then
+        kill "$(cat "$dir/card-clock.pid")" 2>/dev/null || true
+        rm -f "$dir/card-clock.pid"
+    fi
+}
+
+card_clock() {  # PPM
+    local ppm="${1:-0}" binary
+    [[ "$ppm" =~ ^[-+]?[0-9]+([.][0-9]+)?$ ]] || { echo "card-clock: PPM must be a number" >&2; return 2; }
+    [[ "$(sandbox_clock)" == paced ]] || { echo "card-clock: the sandbox was not started paced" >&2; return 1; }
+    binary="$(build_tool paced-clock)" || return 1
+    card_clock_stop
+    # The speakers are emptied, and what plays into velto_mic_in reaches velto_mic, at one pace.
+    setsid "$binary" 48000 "$ppm" "$dir/speakers.fifo:2" "$dir/mic-in.fifo:$dir/mic.fifo:1" \
+        >/dev/null 2>>"$dir/card-clock.log" </dev/null &
+    echo $! >"$dir/card-clock.pid"
+    echo "$ppm" >"$dir/card-clock.ppm"
+}
+# --- end of the paced card's clock ---------------------------------------------------
 
 start() {
     if is_running; then
@@ -60,7 +111,10 @@ start() {
     stop_quietly
     mkdir -p "$dir/runtime" "$dir/home" "$dir/state"
     chmod 700 "$dir" "$dir/runtime"
-    write_script
+    local clock="${VELTO_SANDBOX_CLOCK:-null}"
+    [[ "$clock" == null || "$clock" == paced ]] || { echo "VELTO_SANDBOX_CLOCK must be null or paced" >&2; return 2; }
+    echo "$clock" >"$dir/clock"
+    write_script "$clock"
     # A user-mode server: root is allowed to run one, it only warns. Its state, cookie
     # and runtime files stay inside the sandbox directory, away from any real server.
     (
@@ -74,7 +128,10 @@ start() {
     echo $! >"$pidfile"
     for _ in $(seq 1 100); do
         if is_running; then
-            echo "sound sandbox started at $server"
+            if [[ "$clock" == paced ]]; then
+                card_clock 0 || { stop_quietly; return 1; }
+            fi
+            echo "sound sandbox started at $server$([[ "$clock" == paced ]] && echo " (paced clock)")"
             echo "export PULSE_SERVER=$server"
             return 0
         fi
@@ -88,6 +145,7 @@ start() {
 }
 
 stop_quietly() {
+    card_clock_stop
     if [[ -f "$pidfile" ]]; then
         local pid
         pid="$(cat "$pidfile")"
@@ -156,15 +214,6 @@ echo_path() {
 # Null sinks all run on the system clock, so a second clock is made by hand: a pipe
 # source hands on whatever its pipe receives, and a writer paces the samples by the
 # monotonic clock at a skewed rate. The writer is built on first use.
-paced_source_binary() {
-    local binary="$dir/paced-source" source_file
-    source_file="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)/paced-source.c"
-    if [[ ! -x "$binary" || "$source_file" -nt "$binary" ]]; then
-        cc -O2 -o "$binary" "$source_file" -lm || { echo "skewed-mic: cannot build $source_file" >&2; return 1; }
-    fi
-    echo "$binary"
-}
-
 skewed_mic_off() {
     if [[ -f "$dir/skewed-mic.pid" ]]; then
         kill "$(cat "$dir/skewed-mic.pid")" 2>/dev/null || true
@@ -183,7 +232,7 @@ skewed_mic() {
         on)
             local ppm="${2:-}" binary module
             [[ "$ppm" =~ ^[-+]?[0-9]+([.][0-9]+)?$ ]] || { echo "skewed-mic: PPM must be a number" >&2; return 2; }
-            binary="$(paced_source_binary)" || return 1
+            binary="$(build_tool paced-source)" || return 1
             skewed_mic_off
             module="$(PULSE_SERVER="$server" pactl load-module module-pipe-source source_name=velto_skewed_mic \
                 file="$dir/skewed-mic.fifo" format=float32le rate=16000 channels=1 \
@@ -210,6 +259,11 @@ case "${1:-}" in
     start) start ;;
     echo-path) shift; echo_path "$@" ;;
     skewed-mic) shift; skewed_mic "$@" ;;
+    card-clock)
+        shift
+        is_running || { echo "sound sandbox not running; start it first" >&2; exit 1; }
+        card_clock "$@" && echo "card clock: ${1:-0} ppm off the system clock"
+        ;;
     stop)
         skewed_mic_off
         stop_quietly
@@ -225,7 +279,7 @@ case "${1:-}" in
         fi
         ;;
     *)
-        echo "usage: $0 start|stop|env|status|echo-path|skewed-mic" >&2
+        echo "usage: $0 start|stop|env|status|echo-path|skewed-mic|card-clock" >&2
         exit 2
         ;;
 esac

@@ -7,7 +7,9 @@
 //   length_s X           the file's length
 //   dropouts N N         10 ms stretches where a channel's tone fell silent mid-file
 //   tail_ms X            how much longer one channel sounds than the other at the end
-// Usage: velto_measure_marks FILE [SETTLE_SECONDS]
+// With --trace it also prints, for every mark after SETTLE s, `grid CHANNEL SECOND MS`: where
+// the mark lies against the channel's 1 s grid (the time series behind spacing_move_ms).
+// Usage: velto_measure_marks FILE [SETTLE_SECONDS [--trace]]
 #include <sndfile.h>
 
 #include <algorithm>
@@ -15,28 +17,30 @@
 #include <cstdio>
 #include <numbers>
 #include <optional>
+#include <string_view>
 #include <vector>
 
 namespace {
 
 constexpr double kPi = std::numbers::pi;
 
-// The burst as the writer makes it, at `rate`, centred at index `half`.
-std::vector<double> burstTemplate(double rate, int& half) {
+// The burst as the writer makes it (4 kHz, or 2 kHz in its second voice), at `rate`,
+// centred at index `half`.
+std::vector<double> burstTemplate(double rate, double hertz, int& half) {
     half = static_cast<int>(std::ceil(0.005 * rate));
     std::vector<double> shape(static_cast<size_t>(2 * half + 1));
     for (int i = -half; i <= half; ++i) {
         const double t = i / rate;
         if (std::abs(t) >= 0.005) continue;
-        shape[static_cast<size_t>(i + half)] = 0.4 * (0.5 + 0.5 * std::cos(2 * kPi * t / 0.01)) * std::sin(2 * kPi * 4000 * t);
+        shape[static_cast<size_t>(i + half)] = 0.4 * (0.5 + 0.5 * std::cos(2 * kPi * t / 0.01)) * std::sin(2 * kPi * hertz * t);
     }
     return shape;
 }
 
 // Mark centres (in frames, to a fraction of a frame) on one channel.
-std::vector<double> findMarks(const std::vector<float>& x, double rate) {
+std::vector<double> findMarks(const std::vector<float>& x, double rate, double hertz) {
     int half = 0;
-    const auto shape = burstTemplate(rate, half);
+    const auto shape = burstTemplate(rate, hertz, half);
     const auto correlate = [&](long centre) {
         double sum = 0;
         for (int i = -half; i <= half; ++i) {
@@ -89,6 +93,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const double settle = argc > 2 ? std::atof(argv[2]) : 10.0;
+    const bool trace = argc > 3 && std::string_view(argv[3]) == "--trace";
     SF_INFO info{};
     SNDFILE* file = sf_open(argv[1], SFM_READ, &info);
     if (!file || info.channels != 2) {
@@ -105,7 +110,13 @@ int main(int argc, char** argv) {
         for (sf_count_t i = 0; i < info.frames; ++i) channels[c][static_cast<size_t>(i)] = interleaved[static_cast<size_t>(2 * i + c)];
     }
 
-    std::vector<double> marks[2] = {findMarks(channels[0], rate), findMarks(channels[1], rate)};
+    // Each channel in whichever voice it carries.
+    const auto marksOf = [&](const std::vector<float>& x) {
+        auto first = findMarks(x, rate, 4000.0);
+        auto second = findMarks(x, rate, 2000.0);
+        return first.size() >= second.size() ? first : second;
+    };
+    std::vector<double> marks[2] = {marksOf(channels[0]), marksOf(channels[1])};
     std::printf("marks %zu %zu\n", marks[0].size(), marks[1].size());
 
     // Pair each microphone mark with the nearest system mark.
@@ -130,6 +141,7 @@ int main(int argc, char** argv) {
             if (!first) first = m;
             const double seconds = (m - *first) / rate;
             drift.push_back((seconds - std::round(seconds)) * 1000.0);
+            if (trace) std::printf("grid %d %.0f %.3f\n", c, m / rate, drift.back());
         }
         spacingMove[c] = movement(drift);
     }
