@@ -7,6 +7,7 @@
 #include "logging/LogThinning.hpp"
 #include "logging/LoggerCompat.hpp"
 #include "logging/NumberFormat.hpp"
+#include "signal/ClockPairing.hpp"
 
 namespace velto {
 
@@ -130,16 +131,15 @@ void AudioMixer::start(const MixerInputs& inputs) {
                            : bufferFrameCapacity_;
     skewEstimates_ = {};
     skewOutOfRangeReported_ = false;
-    // The echo canceller learns where the loudspeakers' echo lies in the microphone;
-    // a steered source's ratio follows its controller, and on devices that hand their
-    // audio on unevenly the two sources' ratios wander apart by enough to move that
-    // echo under the canceller. While it runs, the sources are read as captured.
     const bool echoWillRun = cancelEcho && mixingRate == static_cast<double>(EchoCanceller::kSampleRateHertz);
-    if (inputs.driftCorrection && echoWillRun) {
-        logger().info("Drift correction off: the echo canceller needs the sources as they were captured");
-    } else if (inputs.driftCorrection) {
+    if (inputs.driftCorrection) {
         if (system) system_.steer(system->carriedSkew);
         if (microphone) microphone_.steer(microphone->carriedSkew);
+        // The canceller needs the echo to stay where it found it: a microphone on the
+        // system audio's clock is read at its ratio (see ClockPairing).
+        if (echoWillRun && clock_pairing::startsPaired(system->carriedSkew, microphone->carriedSkew)) {
+            microphone_.followRatioOf(&system_);
+        }
         // A steered block reads up to a fine resampler's kernel and a few per mille
         // more before it, which the work arrays must hold as well.
         blockFrameLimit_ = std::max<int64_t>(
@@ -318,6 +318,17 @@ void AudioMixer::followClocks(double nowSeconds, const std::shared_ptr<FloatRing
     const bool caughtUp = pacer_.framesDue(nowSeconds) < kMinimumBlockFrames;
     if (systemRing) system_.followClock(nowSeconds, *systemRing, caughtUp);
     if (microphoneRing) microphone_.followClock(nowSeconds, *microphoneRing, caughtUp);
+    if (microphone_.isFollowing() && clock_pairing::microphoneHasItsOwnClock(*microphone_.driftController(),
+                                                                             *system_.driftController())) {
+        microphone_.followRatioOf(nullptr);
+        const DriftController& mic = *microphone_.driftController();
+        const DriftController& sys = *system_.driftController();
+        const double apartPpm = (mic.estimatedSkew() - sys.estimatedSkew()) * 1e6;
+        const double fillApartMs = (mic.fillErrorSeconds() - sys.fillErrorSeconds()) * 1e3;
+        logger().info("The microphone runs on a clock of its own (" + formatDouble(std::round(apartPpm * 10) / 10) +
+                      " ppm against the system audio's, its fill " + formatDouble(std::round(fillApartMs * 100) / 100) +
+                      " ms off): it is steered on its own from here");
+    }
 
     if (!skewOutOfRangeReported_ && (system_.skewOutOfRange() || microphone_.skewOutOfRange())) {
         skewOutOfRangeReported_ = true;

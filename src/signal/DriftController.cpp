@@ -7,40 +7,39 @@ namespace velto {
 
 namespace {
 
-constexpr double kForgetSeconds = 30.0;
+// The line through the deliveries spans this much and keeps the earliest of each bin.
+constexpr double kLineWindowSeconds = 30.0;
+constexpr double kLineBinSeconds = 0.25;
 constexpr double kErrorFilterSeconds = 1.0;
-// The loop starts quick enough to take out what the estimate missed while it
-// formed, then narrows so that delivery jitter moves the sources less.
-constexpr double kAcquiringRadiansPerSecond = 0.15;
-constexpr double kTrackingRadiansPerSecond = 0.05;
-constexpr double kNarrowingFromSeconds = 20.0;
-constexpr double kNarrowingOverSeconds = 20.0;
-// The integrator waits for the first estimate: what it gathered meanwhile would
-// have to be unwound later, moving the source long after it had settled.
-constexpr double kIntegratorFromSeconds = 3.0;
+// The estimate is followed through a low-pass this slow: the line's slope steps a
+// little whenever a bin closes, and the fine resampler's ratio should not.
+constexpr double kFollowSeconds = 1.0;
+// The loop answers only a fill this far off the one held (the jitter reserve holds
+// far more), and then slowly (critically damped): its work is what the estimate
+// leaves over minutes, and each of its moves is one the sources make.
+constexpr double kFillToleranceSeconds = 0.005;
+constexpr double kLoopRadiansPerSecond = 0.05;
 // Beyond the largest skew, room for the loop to bring the fill back.
 constexpr double kLargestCorrection = DriftController::kLargestSkew * 1.5;
-// The line's points: the earliest delivery of each half second while the line
-// is young, of every two seconds once it has enough behind it to let the
-// points come slower and cleaner (fewer of them fall in a stretch of late ones).
-constexpr double kYoungBinSeconds = 0.5;
-constexpr double kSettledBinSeconds = 2.0;
-constexpr double kYoungLineSeconds = 10.0;
-// A line through fewer points, or a shorter span, says little about a rate.
-constexpr double kMinimumWeight = 2.5;
+// A line over a shorter span says little about a rate.
 constexpr double kMinimumSpanSeconds = 1.0;
 // Out of range only once the estimate is settled, not on a start-up transient.
 constexpr double kOutOfRangeJudgedAfterSeconds = 10.0;
-// A delivery this far off the line through the others is a jump, not jitter.
+// A source whose deliveries lie this far off the line for this long has jumped (a
+// device that lost time to an underrun, or caught up at once), which no skew explains:
+// the line starts afresh. A single late delivery (a stalled main loop) is back on the
+// line with the next one; a lasting step would bend the line for its whole window
+// (35 ms lost read as -3800 ppm for half a minute on the sandbox's speakers).
 constexpr double kLineSettledSeconds = 5.0;
-constexpr double kDiscontinuitySeconds = 0.05;
+constexpr double kStepSeconds = 0.01;
+constexpr double kStepLastingSeconds = 1.0;
 // The fill is held from when the line has this much behind it.
 constexpr double kLineReadySeconds = 2.0;
 
 }  // namespace
 
 DriftController::DriftController(double nominalRateHertz, std::optional<double> carriedSkew)
-    : nominalRateHertz_(nominalRateHertz), priorSkew_(carriedSkew) {
+    : nominalRateHertz_(nominalRateHertz), priorSkew_(carriedSkew), line_(kLineWindowSeconds, kLineBinSeconds) {
     if (priorSkew_) correction_ = std::clamp(*priorSkew_, -kLargestSkew, kLargestSkew);
 }
 
@@ -52,65 +51,39 @@ void DriftController::addDelivery(int64_t producedFrames, double atSeconds) {
         firstStampFrames_ = producedFrames;
     }
     // Relative to the first stamp, and y as the deviation from the nominal rate,
-    // so that the sums stay small and keep their precision over hours.
+    // so that the values stay small and keep their precision over hours.
     const double x = atSeconds - *firstStampSeconds_;
     const double y = static_cast<double>(producedFrames - firstStampFrames_) / nominalRateHertz_ - x;
-    const double binSeconds = regressionSpanSeconds() < kYoungLineSeconds ? kYoungBinSeconds : kSettledBinSeconds;
-    if (binStartSeconds_ && atSeconds - *binStartSeconds_ >= binSeconds) {
-        addLinePoint(binBestX_, binBestY_);
-        binStartSeconds_.reset();
+    const double offLine = line_.hasLine() && line_.spanSeconds() >= kLineSettledSeconds ? y - line_.valueAt(x) : 0.0;
+    if (std::abs(offLine) <= kStepSeconds || (stepStartSeconds_ && (offLine > 0) != (stepSign_ > 0))) {
+        stepStartSeconds_.reset();
     }
-    if (!binStartSeconds_) {
-        binStartSeconds_ = atSeconds;
-        binBestX_ = x;
-        binBestY_ = y;
-    } else if (y > binBestY_) {
-        binBestX_ = x;
-        binBestY_ = y;
-    }
-}
-
-void DriftController::addLinePoint(double x, double y) {
-    if (pointCount_ > 0) {
-        if (regressionSpanSeconds() >= kLineSettledSeconds &&
-            std::abs(y - (lineIntercept() + regressionSlope() * x)) > kDiscontinuitySeconds) {
-            // The source jumped: what came before says nothing about its rate from
-            // here, nor about the fill to hold.
+    if (std::abs(offLine) > kStepSeconds) {
+        if (!stepStartSeconds_) {
+            stepStartSeconds_ = x;
+            stepSign_ = offLine > 0 ? 1 : -1;
+        }
+        if (x - *stepStartSeconds_ >= kStepLastingSeconds) {
+            // What came before says nothing about the source's place from here, nor
+            // about the fill to hold; its rate is what it was.
             priorSkew_ = estimatedSkew();
             setpointFrames_.reset();
-            weightSum_ = xSum_ = ySum_ = xxSum_ = xySum_ = 0;
-            pointCount_ = 0;
+            line_.clear();
+            stepStartSeconds_.reset();
         } else {
-            const double decay = std::exp(-std::max(0.0, x - lastPointSeconds_) / kForgetSeconds);
-            weightSum_ *= decay;
-            xSum_ *= decay;
-            ySum_ *= decay;
-            xxSum_ *= decay;
-            xySum_ *= decay;
+            return;  // off the line, for now: kept out of it
         }
     }
-    if (pointCount_ == 0) linePointsFromSeconds_ = x;
-    ++pointCount_;
-    lastPointSeconds_ = x;
-    weightSum_ += 1.0;
-    xSum_ += x;
-    ySum_ += y;
-    xxSum_ += x * x;
-    xySum_ += x * y;
+    line_.add(x, y);
 }
 
-double DriftController::regressionSpanSeconds() const {
-    return pointCount_ > 0 ? lastPointSeconds_ - linePointsFromSeconds_ : 0.0;
-}
+double DriftController::regressionSpanSeconds() const { return line_.spanSeconds(); }
 
-double DriftController::lineIntercept() const {
-    return weightSum_ > 0 ? (ySum_ - regressionSlope() * xSum_) / weightSum_ : 0.0;
-}
+double DriftController::lineValueAt(double x) const { return line_.valueAt(x); }
 
 double DriftController::regressionSlope() const {
-    const double denominator = weightSum_ * xxSum_ - xSum_ * xSum_;
-    if (weightSum_ < kMinimumWeight || regressionSpanSeconds() < kMinimumSpanSeconds || denominator <= 0) return 0.0;
-    return (weightSum_ * xySum_ - xSum_ * ySum_) / denominator;
+    if (!line_.hasLine() || line_.spanSeconds() < kMinimumSpanSeconds) return 0.0;
+    return line_.slope();
 }
 
 double DriftController::estimatedSkew() const {
@@ -119,6 +92,15 @@ double DriftController::estimatedSkew() const {
     // An earlier estimate hands over to this line's own as its stamps accumulate.
     const double weight = std::min(1.0, regressionSpanSeconds() / kOwnEstimateSeconds);
     return weight * own + (1.0 - weight) * *priorSkew_;
+}
+
+void DriftController::setFollowingAnother(bool following) {
+    if (following_ && !following) {
+        // Taking over: the fill found from now on is the one to hold.
+        setpointFrames_.reset();
+        integral_ = 0;
+    }
+    following_ = following;
 }
 
 double DriftController::update(double nowSeconds, int64_t producedFrames, double deliveredAtSeconds,
@@ -134,10 +116,8 @@ double DriftController::update(double nowSeconds, int64_t producedFrames, double
     // less what was read. The line, not the last stamp: a device that hands its
     // audio on in uneven batches moves the last stamp by whole batches, the line not.
     const double lineSeconds = nowSeconds - *firstStampSeconds_;
-    const double slope = regressionSlope();
-    const double intercept = lineIntercept();
-    const double predictedFrames = static_cast<double>(firstStampFrames_) +
-                                   (lineSeconds + intercept + slope * lineSeconds) * nominalRateHertz_;
+    const double predictedFrames =
+        static_cast<double>(firstStampFrames_) + (lineSeconds + lineValueAt(lineSeconds)) * nominalRateHertz_;
     const double fillFrames = predictedFrames - static_cast<double>(readFrames);
     if (!setpointFrames_) {
         setpointFrames_ = fillFrames;
@@ -154,18 +134,29 @@ double DriftController::update(double nowSeconds, int64_t producedFrames, double
     if (std::abs(skew) > kLargestSkew * 1.05 && regressionSpanSeconds() >= kOutOfRangeJudgedAfterSeconds) {
         skewOutOfRange_ = true;
     }
-    const double feedForward = std::clamp(skew, -kLargestSkew, kLargestSkew);
+    // The estimate is followed once it lies clearly away from where the source started
+    // (no skew, or the one carried over): beyond twice its deliveries' scatter over its
+    // span. A young line's wander (a few hundred ppm at 2 s on the sandbox's monitor)
+    // then moves nothing, and a real skew is taken whole, without a bias to unwind.
     const double span = regressionSpanSeconds();
-    const double narrowing = std::clamp((span - kNarrowingFromSeconds) / kNarrowingOverSeconds, 0.0, 1.0);
-    const double loopRadiansPerSecond =
-        kAcquiringRadiansPerSecond + (kTrackingRadiansPerSecond - kAcquiringRadiansPerSecond) * narrowing;
-    const double proportionalGain = 2.0 * loopRadiansPerSecond;  // critically damped
-    const double integralGain = loopRadiansPerSecond * loopRadiansPerSecond;
-    const double headroom = kLargestCorrection - std::abs(feedForward);
-    if (span >= kIntegratorFromSeconds || priorSkew_) {
-        integral_ = std::clamp(integral_ + integralGain * filteredErrorSeconds_ * dt, -headroom, headroom);
+    const double prior = priorSkew_.value_or(0.0);
+    const double uncertainty = 2.0 * line_.scatterSeconds() / std::max(span, kMinimumSpanSeconds);
+    followingEstimate_ = followingEstimate_ || std::abs(skew - prior) > uncertainty;
+    const double target = std::clamp(followingEstimate_ ? skew : prior, -kLargestSkew, kLargestSkew);
+    if (!feedForward_) feedForward_ = correction_;
+    *feedForward_ += (target - *feedForward_) * std::min(1.0, dt / kFollowSeconds);
+    if (following_) {
+        // Another source's correction is applied: the error is watched, not answered.
+        correction_ = *feedForward_;
+        return correction_;
     }
-    correction_ = std::clamp(feedForward + proportionalGain * filteredErrorSeconds_ + integral_, -kLargestCorrection,
+    const double loopErrorSeconds =
+        std::copysign(std::max(0.0, std::abs(filteredErrorSeconds_) - kFillToleranceSeconds), filteredErrorSeconds_);
+    const double proportionalGain = 2.0 * kLoopRadiansPerSecond;
+    const double integralGain = kLoopRadiansPerSecond * kLoopRadiansPerSecond;
+    const double headroom = kLargestCorrection - std::abs(*feedForward_);
+    integral_ = std::clamp(integral_ + integralGain * loopErrorSeconds * dt, -headroom, headroom);
+    correction_ = std::clamp(*feedForward_ + proportionalGain * loopErrorSeconds + integral_, -kLargestCorrection,
                              kLargestCorrection);
     return correction_;
 }

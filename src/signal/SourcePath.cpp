@@ -68,6 +68,13 @@ void SourcePath::steer(std::optional<double> carriedSkew) {
     fine_.pushSilence(VariableRatioResampler::kDelayFrames);
 }
 
+void SourcePath::followRatioOf(const SourcePath* leader) {
+    if (!drift_) return;
+    leader_ = leader && leader->drift_ ? leader : nullptr;
+    drift_->setFollowingAnother(leader_ != nullptr);
+    if (leader_) step_ = leader_->step_;
+}
+
 std::optional<double> SourcePath::estimatedSkew() const {
     if (!drift_) return std::nullopt;
     return drift_->estimatedSkew();
@@ -83,6 +90,7 @@ void SourcePath::followClock(double nowSeconds, const FloatRingBuffer& ring, boo
     const int64_t producedFrames = delivery ? delivery->totalWrittenFrames : readFrames + ring.availableFrames();
     const double deliveredAtSeconds = delivery ? delivery->atSeconds : nowSeconds;
     step_ = 1.0 + drift_->update(nowSeconds, producedFrames, deliveredAtSeconds, readFrames);
+    if (leader_) step_ = leader_->step_;
 }
 
 int64_t SourcePath::steeredFrames(int64_t nominalFrames) const {
@@ -114,6 +122,7 @@ void SourcePath::release() {
     ring_.reset();
     converter_.reset();
     drift_.reset();
+    leader_ = nullptr;
     fine_.reset();
     step_ = 1.0;
 }
@@ -218,6 +227,7 @@ void SourcePath::discardCaptured(FloatRingBuffer& ring) {
     // The fill drops to nothing: the level to hold is found again once the mixer has caught up.
     if (drift_) {
         drift_ = std::make_unique<DriftController>(sampleRateHertz_, drift_->estimatedSkew());
+        drift_->setFollowingAnother(leader_ != nullptr);
         holdingFill_ = false;
     }
 }

@@ -83,6 +83,13 @@ public:
     // blocks' ratio. Until `holdFromNow` first comes true (the mixer has caught
     // up with its clock) the fill is still settling and is not held.
     void followClock(double nowSeconds, const FloatRingBuffer& ring, bool holdFromNow);
+    // Reads this steered source at `leader`'s ratio rather than its own, for two sources
+    // on one clock that must not move against each other (the echo canceller's); its
+    // controller keeps watching. nullptr: steered on its own again, from where it is.
+    // `leader` is followed after its own followClock(), so it must be called first.
+    void followRatioOf(const SourcePath* leader);
+    bool isFollowing() const { return leader_ != nullptr; }
+    const DriftController* driftController() const { return drift_.get(); }
     // The source's estimated skew against the mixing clock; none unsteered.
     std::optional<double> estimatedSkew() const;
     bool skewOutOfRange() const { return drift_ && drift_->skewOutOfRange(); }
@@ -141,6 +148,7 @@ private:
     VariableRatioResampler fine_;
     std::unique_ptr<float[]> nominalBuffer_;  // mono, mixing rate, before the fine resampler
     double step_ = 1.0;                       // fine resampler input frames per output frame
+    const SourcePath* leader_ = nullptr;      // whose ratio this source follows, if any
     bool holdingFill_ = false;
 };
 
