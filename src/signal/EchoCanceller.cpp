@@ -69,14 +69,12 @@ void EchoCanceller::processFrame() noexcept {
         historyWriteIndex_ = (historyWriteIndex_ + 1) % historySize;
     }
     const int64_t delayFrames = estimator_.delayFrames();
-    if (delayFrames >= 0) {
-        const int64_t shift = std::max<int64_t>(0, delayFrames - kAlignmentMarginFrames);
-        if (shift != alignmentShiftFrames_) {
-            // What the filter learnt belongs to the old alignment (a reset keeps
-            // speex's power estimates, which is why the filter runs before the first estimate).
-            speex_echo_state_reset(speex_);
-            alignmentShiftFrames_ = shift;
-        }
+    if (delayFrames >= 0 && needsRealigning(delayFrames)) {
+        // What the filter learnt belongs to the old alignment (a reset keeps
+        // speex's power estimates, which is why the filter runs before the first estimate).
+        speex_echo_state_reset(speex_);
+        alignmentShiftFrames_ = std::max<int64_t>(0, delayFrames - kAlignmentMarginFrames);
+        aligned_ = true;
     }
 
     const float* output = microphone;
@@ -117,6 +115,17 @@ void EchoCanceller::processFrame() noexcept {
     }
     microphoneOut_.push(output, kFrameFrames);
     systemOut_.push(system, kFrameFrames);
+}
+
+// The estimate of a long echo's delay may swing between neighbouring envelope lags;
+// a reset for each swing would throw away what the filter has learnt, every time. A
+// filter already placed keeps its place while the echo's start stays inside its first
+// quarter, half the margin in at least (the echo rises a little before its estimated
+// start): the room's response after it then still fits.
+bool EchoCanceller::needsRealigning(int64_t delayFrames) const noexcept {
+    if (!aligned_) return true;
+    const int64_t intoFilterFrames = delayFrames - alignmentShiftFrames_;
+    return intoFilterFrames < kAlignmentMarginFrames / 2 || intoFilterFrames > kFilterFrames / 4;
 }
 
 void EchoCanceller::engage(const float* system, const float* microphone, float* cancelled) noexcept {

@@ -36,7 +36,7 @@ public:
     static constexpr int64_t kFrameFrames = 160;                  // 10 ms
     static constexpr int64_t kFilterFrames = 1024;                // 64 ms of room after the delay
     static constexpr int64_t kMaximumDelayFrames = 8000;          // 500 ms of echo delay
-    static constexpr int64_t kAlignmentMarginFrames = 160;        // the filter starts 10 ms before the echo
+    static constexpr int64_t kAlignmentMarginFrames = 240;        // the filter starts 15 ms before the echo
     // Suppression is measured from this long after the echo first showed itself.
     static constexpr int64_t kConvergenceFrames = 3 * kSampleRateHertz;
 
@@ -69,6 +69,7 @@ private:
     explicit EchoCanceller(int64_t maximumBlockFrames);
     void processFrame() noexcept;
     void engage(const float* system, const float* microphone, float* cancelled) noexcept;
+    bool needsRealigning(int64_t delayFrames) const noexcept;
 
     int64_t maximumBlockFrames_;
     SpeexEchoState_* speex_ = nullptr;
@@ -78,6 +79,7 @@ private:
     std::vector<float> systemHistory_;
     int64_t historyWriteIndex_ = 0;
     int64_t alignmentShiftFrames_ = 0;  // until a delay is estimated, the filter covers short echoes
+    bool aligned_ = false;               // placed by a delay estimate
     bool engaged_ = false;               // the filter's output replaces the microphone
     double recentMicrophoneEnergy_ = 0;  // smoothed over ~0.2 s of frames with system audio
     double recentFilteredEnergy_ = 0;

@@ -16,6 +16,8 @@ constexpr double kMinimumConfidence = 0.35;
 // A new delay must win this many decisions in a row (one per 10 ms) before it is
 // reported, so that one lucky peak does not make the echo filter start over.
 constexpr int64_t kVotesToSwitch = 50;
+// Steps up to this many envelope blocks (16 ms) from the delay reported keep it.
+constexpr int64_t kStickyBlocks = 8;
 // The first delay is taken sooner: until then the filter covers only short echoes.
 constexpr int64_t kVotesToLock = 10;
 // Half a second of envelopes before any decision.
@@ -83,8 +85,10 @@ void EchoDelayEstimator::decide() noexcept {
         candidateVotes_ = 0;
         return;
     }
-    // Neighbouring envelope blocks share the peak; a step of one block is not worth a restart.
-    if (delayFrames_ >= 0 && std::abs(bestFrames - delayFrames_) <= kEnvelopeBlockFrames) {
+    // A speech envelope's correlation peak is some 10 ms wide, and its top wanders
+    // across it; the echo filter covers that much either side of the delay, so a step
+    // within it is not worth a restart.
+    if (delayFrames_ >= 0 && std::abs(bestFrames - delayFrames_) <= kStickyBlocks * kEnvelopeBlockFrames) {
         confidence_ = best;
         return;
     }
