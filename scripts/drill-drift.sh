@@ -3,9 +3,10 @@
 #   1. the mixer simulation of an eight-hour recording, microphone +500 ppm and
 #      system audio -500 ppm, on the injected clock;
 #   2. on the sandbox, a microphone SKEW ppm off the system clock for each SKEW in
-#      200 -200 1000 -1000 2000 -2000, recorded for SECONDS (default 600), judged
-#      against the targets (after 10 s: each track's marks and the offset between the
-#      tracks move less than 1 ms) and printing the figures of each run.
+#      200 -200 1000 -1000 2000 -2000 (echo cancellation off and on in turn), recorded
+#      for SECONDS (default 600), judged against the targets (after 10 s: each track's
+#      marks and the offset between the tracks move less than 1 ms) and printing the
+#      figures of each run.
 #   scripts/drill-drift.sh [SECONDS]
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -22,9 +23,9 @@ start=$(date +%s)
 echo "($(($(date +%s) - start)) s)"
 
 status=0
-for ppm in 200 -200 1000 -1000 2000 -2000; do
-    echo "== microphone $ppm ppm, $seconds s on the sandbox"
-    VELTO_DRIFT_SKEWS=$ppm VELTO_DRIFT_SECONDS=$seconds VELTO_DRIFT_GRID_MS=1 VELTO_DRIFT_OFFSET_MS=1 \
+for run in 200:off -200:on 1000:off -1000:on 2000:off -2000:on; do
+    echo "== microphone ${run%:*} ppm, echo cancellation ${run#*:}, $seconds s on the sandbox"
+    VELTO_DRIFT_RUNS=$run VELTO_DRIFT_SECONDS=$seconds VELTO_DRIFT_GRID_MS=1 VELTO_DRIFT_OFFSET_MS=1 \
         bash "$root/tests/cli/sandbox-drift.sh" "$build/cli/velto" "$build/tests/velto_measure_marks" "$root" || status=1
 done
 exit $status
