@@ -3,7 +3,8 @@
 // beforehand, every call is recorded in order (so tests can check teardown order), and
 // the installed IO block is driven from the test with deliverInput(). Snapshots are read
 // property by property through AudioHardware's own readSystemSnapshot(), as on Core Audio,
-// so the statuses scripted for each property also fail the snapshot.
+// so the statuses scripted for each property also fail the snapshot; like Core Audio, a
+// process tap needs nothing of an operation's snapshot.
 //
 // Threads: all methods are thread-safe. deliverInput() runs the IO block on the calling
 // thread, which plays the sound server's delivery thread (as PulseAudio runs it on its
@@ -69,6 +70,7 @@ public:
                                std::optional<std::string>& outText) override;
     OSStatus getStreamDescriptionProperty(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                           AudioStreamBasicDescription& outDescription) override;
+    using AudioHardware::createProcessTap;
     OSStatus createProcessTap(const TapDescription& description, AudioObjectID& outTapID) override;
     OSStatus destroyProcessTap(AudioObjectID tapID) override;
     OSStatus createAggregateDevice(const PropertyDictionary& description, AudioObjectID& outDeviceID) override;

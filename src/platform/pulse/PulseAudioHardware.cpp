@@ -4,6 +4,7 @@
 #include "logging/LoggerCompat.hpp"
 #include "platform/Uuid.hpp"
 #include "platform/pulse/PulseObjectIDs.hpp"
+#include "platform/pulse/PulseSnapshotDetail.hpp"
 #include "veltoaudio/Error.hpp"
 
 #include <algorithm>
@@ -78,6 +79,7 @@ OSStatus PulseAudioHardware::readSystemSnapshot(AudioSystemSnapshot& outSnapshot
     if (const PulseSinkInfo* sink = server.value->defaultSink()) {
         snapshot.defaultSystemOutputDevice = makeObjectID(PulseObjectKind::sink, sink->index);
     }
+    snapshot.platformDetail = std::make_shared<const PulseSnapshotDetail>(std::move(*server.value));
     outSnapshot = std::move(snapshot);
     return noErr;
 }
@@ -195,9 +197,15 @@ OSStatus PulseAudioHardware::getStreamDescriptionProperty(AudioObjectID object,
 }
 
 OSStatus PulseAudioHardware::createProcessTap(const TapDescription& description, AudioObjectID& outTapID) {
-    auto server = connection_->snapshot();
-    if (!server) return statusOf(server.error);
-    const PulseSinkInfo* sink = server.value->defaultSink();
+    return createProcessTap(description, readSnapshotForOperation(), outTapID);
+}
+
+OSStatus PulseAudioHardware::createProcessTap(const TapDescription& description, const AudioSystemSnapshot& system,
+                                              AudioObjectID& outTapID) {
+    const PulseServerSnapshot* server = PulseSnapshotDetail::in(system);
+    // No answer: the read failed, or the snapshot was not read here.
+    if (server == nullptr) return system.readStatus != noErr ? system.readStatus : kAudio_ParamError;
+    const PulseSinkInfo* sink = server->defaultSink();
     if (sink == nullptr || sink->monitorSourceName.empty()) {
         logger().error("No default output to tap: the server has no default sink with a monitor");
         return kAudioHardwareBadDeviceError;

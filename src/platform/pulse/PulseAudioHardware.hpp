@@ -44,7 +44,8 @@ public:
     PulseAudioHardware(const PulseAudioHardware&) = delete;
     PulseAudioHardware& operator=(const PulseAudioHardware&) = delete;
 
-    // One snapshot of the server: a single round trip.
+    // One snapshot of the server: a single round trip. The server's whole answer rides
+    // along (PulseSnapshotDetail) for the other lookups of the same operation.
     platform::OSStatus readSystemSnapshot(platform::AudioSystemSnapshot& outSnapshot) override;
     platform::OSStatus getPropertyDataSize(platform::AudioObjectID object,
                                            const platform::AudioObjectPropertyAddress& address,
@@ -63,6 +64,9 @@ public:
                                                     const platform::AudioObjectPropertyAddress& address,
                                                     platform::AudioStreamBasicDescription& outDescription) override;
     platform::OSStatus createProcessTap(const platform::TapDescription& description,
+                                        platform::AudioObjectID& outTapID) override;
+    platform::OSStatus createProcessTap(const platform::TapDescription& description,
+                                        const platform::AudioSystemSnapshot& system,
                                         platform::AudioObjectID& outTapID) override;
     platform::OSStatus destroyProcessTap(platform::AudioObjectID tapID) override;
     platform::OSStatus createAggregateDevice(const platform::PropertyDictionary& description,
