@@ -115,7 +115,7 @@ void MixOutput::append(std::shared_ptr<PcmBuffer> block) {
                 writeFailureReported_ = true;
                 std::function<void(ErrorPtr)> handler;
                 {
-                    std::lock_guard guard(streamLock_);
+                    MutexLock guard(streamLock_);
                     handler = writeFailureHandler_;
                 }
                 if (handler) handler(captureError(error));
@@ -124,7 +124,7 @@ void MixOutput::append(std::shared_ptr<PcmBuffer> block) {
     } else {
         framesWritten_ += block->frameLength();
     }
-    std::lock_guard guard(streamLock_);
+    MutexLock guard(streamLock_);
     if (audioStreamContinuation_) audioStreamContinuation_->yield(block);
 }
 
@@ -132,19 +132,19 @@ void MixOutput::reportLimitReached() {
     limitReached_ = true;
     std::function<void()> handler;
     {
-        std::lock_guard guard(streamLock_);
+        MutexLock guard(streamLock_);
         handler = limitReachedHandler_;
     }
     if (handler) handler();
 }
 
 void MixOutput::setLimitReachedHandler(std::function<void()> handler) {
-    std::lock_guard guard(streamLock_);
+    MutexLock guard(streamLock_);
     limitReachedHandler_ = std::move(handler);
 }
 
 AudioBufferStream MixOutput::audioStream() {
-    std::lock_guard guard(streamLock_);
+    MutexLock guard(streamLock_);
     if (!audioStream_) {
         auto [stream, continuation] = AudioBufferSource::make();
         audioStream_ = std::move(stream);
@@ -154,12 +154,12 @@ AudioBufferStream MixOutput::audioStream() {
 }
 
 void MixOutput::finishStream() {
-    std::lock_guard guard(streamLock_);
+    MutexLock guard(streamLock_);
     if (audioStreamContinuation_) audioStreamContinuation_->finish();
 }
 
 void MixOutput::setWriteFailureHandler(std::function<void(ErrorPtr)> handler) {
-    std::lock_guard guard(streamLock_);
+    MutexLock guard(streamLock_);
     writeFailureHandler_ = std::move(handler);
 }
 

@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 
+#include "dispatch/ThreadAnnotations.hpp"
 #include "signal/AudioConverter.hpp"
 #include "signal/AudioFile.hpp"
 #include "veltoaudio/Error.hpp"
@@ -66,11 +66,11 @@ private:
     bool limitReached_ = false;
     std::atomic<int64_t> framesWritten_{0};
 
-    std::mutex streamLock_;
-    std::optional<AudioBufferStream> audioStream_;                            // guarded by streamLock_
-    std::optional<AudioBufferSource::Continuation> audioStreamContinuation_;  // guarded by streamLock_
-    std::function<void(ErrorPtr)> writeFailureHandler_;                       // guarded by streamLock_
-    std::function<void()> limitReachedHandler_;                               // guarded by streamLock_
+    Mutex streamLock_;
+    std::optional<AudioBufferStream> audioStream_ VELTO_GUARDED_BY(streamLock_);
+    std::optional<AudioBufferSource::Continuation> audioStreamContinuation_ VELTO_GUARDED_BY(streamLock_);
+    std::function<void(ErrorPtr)> writeFailureHandler_ VELTO_GUARDED_BY(streamLock_);
+    std::function<void()> limitReachedHandler_ VELTO_GUARDED_BY(streamLock_);
 };
 
 }  // namespace velto

@@ -40,12 +40,12 @@ void stopIfCapturing(MicrophoneCapture& capture) {
 struct UnifiedAudioRecorder::Private {};
 
 MixerLevels UnifiedAudioRecorder::LiveOutput::levels() const {
-    std::lock_guard lock(levelsLock);
+    MutexLock lock(levelsLock);
     return currentLevels;
 }
 
 void UnifiedAudioRecorder::LiveOutput::setLevels(MixerLevels levels) {
-    std::lock_guard lock(levelsLock);
+    MutexLock lock(levelsLock);
     currentLevels = levels;
     const auto keepLouder = [](std::optional<float>& loudest, const std::optional<AudioLevels>& source) {
         if (source && (!loudest || source->peak > *loudest)) loudest = source->peak;
@@ -55,7 +55,7 @@ void UnifiedAudioRecorder::LiveOutput::setLevels(MixerLevels levels) {
 }
 
 UnifiedAudioRecorder::LiveOutput::LoudestPeaks UnifiedAudioRecorder::LiveOutput::takeLoudestPeaks() {
-    std::lock_guard lock(levelsLock);
+    MutexLock lock(levelsLock);
     return std::exchange(loudestPeaks, LoudestPeaks{});
 }
 
