@@ -19,9 +19,10 @@ namespace velto {
 // The end of the mixer's road: brings the bus's blocks to the output format,
 // appends them to the file and hands the same buffers to the audio stream.
 //
-// Degradation policy: a block that cannot be converted or written is logged and
-// skipped; the first failed write is also reported through the failure handler,
-// once, because only the mixer's owner can decide to end the recording.
+// Degradation policy: a block that cannot be converted or written is skipped. The
+// first failed write is logged and reported through the failure handler, once,
+// because only the mixer's owner can decide to end the recording; later ones are
+// counted, and the count logged at the release.
 //
 // Threads: configure() and release() while no block is written; write() and
 // flush() on the mixing thread; audioStream(), finishStream(), the handler and
@@ -62,6 +63,7 @@ private:
     std::shared_ptr<AudioConverter> converter_;
     uint32_t busChannels_ = 1;
     bool writeFailureReported_ = false;
+    int64_t writeFailuresAfterFirst_ = 0;  // not logged one by one; told at the release
     std::optional<int64_t> fileFrameLimit_;
     bool limitReached_ = false;
     std::atomic<int64_t> framesWritten_{0};
