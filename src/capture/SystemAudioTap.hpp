@@ -51,7 +51,7 @@ public:
     // restart on the same one keeps its drift estimate.
     const std::string& clockDeviceUID() const { return clockDeviceUID_; }
 
-    // One IO cycle's input; runs on the IO queue (public so that tests can drive it).
+    // One IO cycle's input; runs on the platform's delivery thread (public so that tests can drive it).
     void handleInput(const platform::AudioBufferList& bufferList, double lastFrameAgeSeconds);
 
 private:

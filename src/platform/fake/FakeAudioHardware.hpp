@@ -53,7 +53,8 @@ public:
     std::optional<PropertyDictionary> lastAggregateDescription() const;
     bool hasIOBlock() const;
 
-    // Runs the installed IO block on its queue with `input`; false when no block is installed.
+    // Runs the installed IO block with `input` on the calling thread, which plays the
+    // platform's delivery thread; false when no block is installed.
     bool deliverInput(const AudioBufferList& input);
     // Interleaved frames the device has captured but not yet handed on: the next
     // deviceFlushCapturedInput() delivers them.
