@@ -2,7 +2,9 @@
 # The whole test suite: installs what is missing, builds, and runs every test in a
 # normal build (then clang-tidy over the files changed since main), under
 # ThreadSanitizer (the library is threads and callbacks) and under AddressSanitizer +
-# UndefinedBehaviorSanitizer.
+# UndefinedBehaviorSanitizer. With CI=true (as .ci/run sets it) the normal build's tests
+# are followed by the Clang build, whose thread-safety analysis turns a violated
+# VELTO_GUARDED_BY into an error, and clang-tidy checks the whole tree.
 #   scripts/test.sh            all three
 #   scripts/test.sh --quick    normal build only
 set -euo pipefail
@@ -32,6 +34,11 @@ run_suite() {  # name, cmake args...
 }
 
 run_suite normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
+if [[ "${CI:-}" == true ]]; then
+  # GCC ignores the annotations: only a Clang build checks them.
+  echo "== clang build (thread-safety analysis)"
+  bash scripts/clang-checks.sh --build
+fi
 # clang-tidy: in CI over the whole tree (a clean checkout of main has no change to
 # look at; a few minutes on two cores), elsewhere over what this branch changed
 # (VELTO_TIDY_BASE, default main), under a minute for a usual change.

@@ -48,7 +48,11 @@ MicrophoneCapture::~MicrophoneCapture() {
 }
 
 void MicrophoneCapture::configureInputDevice(const MicrophoneDevice& device) {
-    const auto deviceID = platform::configureInputDevice(device, *discovery_, *hardware_, *audioEngine_, logger());
+    configureInputDevice(device, hardware_->readSnapshotForOperation());
+}
+
+void MicrophoneCapture::configureInputDevice(const MicrophoneDevice& device, const AudioSystemSnapshot& system) {
+    const auto deviceID = platform::configureInputDevice(device, system, *discovery_, *audioEngine_, logger());
     if (!deviceID) throw AudioEngineRecorderError::unknownError();
     selectedMicrophone_ = device;
     selectedMicrophoneID_ = *deviceID;
@@ -59,9 +63,17 @@ void MicrophoneCapture::start(std::uint32_t bufferSizeFrames) {
         logger().error("Microphone capture already active");
         return;
     }
+    start(bufferSizeFrames, hardware_->readSnapshotForOperation());
+}
+
+void MicrophoneCapture::start(std::uint32_t bufferSizeFrames, const AudioSystemSnapshot& system) {
+    if (isCapturing_) {
+        logger().error("Microphone capture already active");
+        return;
+    }
     logger().info("Starting microphone capture with system default input device");
     try {
-        setupEngine(bufferSizeFrames);
+        setupEngine(bufferSizeFrames, system);
         audioEngine_->start();
     } catch (...) {
         cleanup();
@@ -71,7 +83,7 @@ void MicrophoneCapture::start(std::uint32_t bufferSizeFrames) {
     if (selectedMicrophone_) {
         clockDeviceUID_ = selectedMicrophone_->id;
     } else {
-        const auto defaultDevice = discovery_->defaultAudioDevice();
+        const auto defaultDevice = discovery_->defaultAudioDevice(system);
         clockDeviceUID_ = defaultDevice ? defaultDevice->uniqueID : std::string();
     }
     logger().info("Microphone capture started with format: " + describe(inputFormat_));
@@ -89,15 +101,15 @@ void MicrophoneCapture::stop() {
     logger().debug("Microphone capture stopped");
 }
 
-void MicrophoneCapture::setupEngine(std::uint32_t bufferSizeFrames) {
+void MicrophoneCapture::setupEngine(std::uint32_t bufferSizeFrames, const AudioSystemSnapshot& system) {
     logger().info("Creating fresh PulseAudio input engine for isolated microphone capture");
     if (audioEngine_->isRunning()) audioEngine_->stop();
     audioEngine_->reset();
     // The reset engine has forgotten its device: select the remembered one again.
-    if (selectedMicrophone_) configureInputDevice(*selectedMicrophone_);
+    if (selectedMicrophone_) configureInputDevice(*selectedMicrophone_, system);
     audioEngine_->removeTap(kInputBus);
 
-    const PcmFormat hardwareFormat = audioEngine_->inputFormat(kInputBus);
+    const PcmFormat hardwareFormat = audioEngine_->inputFormat(kInputBus, system);
     logger().info("Hardware input format: " + hardwareFormat.description());
 
     std::weak_ptr<MicrophoneCapture> weakSelf = weak_from_this();

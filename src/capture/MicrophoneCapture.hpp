@@ -30,11 +30,14 @@ public:
     MicrophoneCapture& operator=(const MicrophoneCapture&) = delete;
 
     // Throws AudioEngineRecorderError::unknownError when the device cannot be selected;
-    // the earlier selection then stays.
+    // the earlier selection then stays. Reads the system once.
     void configureInputDevice(const MicrophoneDevice& device);
     // Throws the engine's PlatformError (or the device selection's error); a failed start
-    // leaves no tap installed and an empty ring buffer.
+    // leaves no tap installed and an empty ring buffer. Reads the system once.
     void start(std::uint32_t bufferSizeFrames);
+    // The same within an operation that has read `system` already: every lookup reads it.
+    void configureInputDevice(const MicrophoneDevice& device, const platform::AudioSystemSnapshot& system);
+    void start(std::uint32_t bufferSizeFrames, const platform::AudioSystemSnapshot& system);
     void stop();
     // Returns once the ring buffer holds everything captured until now (the engine may
     // hold some back between deliveries). Capture goes on; nothing happens when not capturing.
@@ -53,7 +56,7 @@ public:
     void handleTapBuffer(const PcmBuffer& buffer, double lastFrameAgeSeconds);
 
 private:
-    void setupEngine(std::uint32_t bufferSizeFrames);
+    void setupEngine(std::uint32_t bufferSizeFrames, const platform::AudioSystemSnapshot& system);
     void cleanup();
 
     std::shared_ptr<FloatRingBuffer> ringBuffer_;

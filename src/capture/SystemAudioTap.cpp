@@ -80,15 +80,18 @@ void SystemAudioTap::start() {
         logger().error("System audio tap already active");
         return;
     }
+    start(hardware_->readSnapshotForOperation());
+}
+
+void SystemAudioTap::start(const AudioSystemSnapshot& system) {
+    if (isCapturing_) {
+        logger().error("System audio tap already active");
+        return;
+    }
     logger().info("Starting real PulseAudio system audio tap");
     try {
-        // One read of the system serves the whole start: on a sound server every read is
-        // a round trip.
-        AudioSystemSnapshot system;
-        if (const OSStatus status = hardware_->readSystemSnapshot(system); status != noErr) {
-            throw RecordingError::systemAudioTapCreationFailed(status);
-        }
-        createProcessTap(std::move(system.processes));
+        if (system.readStatus != noErr) throw RecordingError::systemAudioTapCreationFailed(system.readStatus);
+        createProcessTap(system);
         readTapFormat();
         createAggregateDevice(system);
         createIOBlock();
@@ -118,19 +121,19 @@ void SystemAudioTap::stop() {
     logger().debug("System audio tap stopped");
 }
 
-void SystemAudioTap::createProcessTap(std::vector<AudioObjectID> processes) {
-    logger().debug("Found " + std::to_string(processes.size()) + " audio processes for tapping");
-    if (processes.empty()) {
+void SystemAudioTap::createProcessTap(const AudioSystemSnapshot& system) {
+    logger().debug("Found " + std::to_string(system.processes.size()) + " audio processes for tapping");
+    if (system.processes.empty()) {
         logger().error("No audio processes found for tapping - system audio capture may not work as expected");
     }
-    auto description = TapDescription::stereoMixdownOfProcesses(std::move(processes));
+    auto description = TapDescription::stereoMixdownOfProcesses(system.processes);
     description.uuid = makeRandomUUIDString();
     description.muteBehavior = TapMuteBehavior::unmuted;
     description.name = kDeviceName;
     description.isPrivate = true;
     description.isExclusive = false;
     logger().debug("Creating process tap with UUID: " + description.uuid);
-    const OSStatus status = hardware_->createProcessTap(description, tapID_);
+    const OSStatus status = hardware_->createProcessTap(description, system, tapID_);
     if (status != noErr) throw statusError("AudioHardwareCreateProcessTap", status);
     logger().info("Created process tap with ID: " + std::to_string(tapID_));
 }

@@ -33,7 +33,10 @@ public:
     SystemAudioTap& operator=(const SystemAudioTap&) = delete;
 
     // Throws RecordingError; a failed start leaves no tap, device or IO block behind.
+    // Reads the system once.
     void start();
+    // The same within an operation that has read `system` already: every lookup reads it.
+    void start(const platform::AudioSystemSnapshot& system);
     void stop();
     // Returns once the ring buffer holds everything captured until now (the device may
     // hold some back between cycles). Capture goes on; nothing happens when not capturing.
@@ -48,11 +51,11 @@ public:
     // restart on the same one keeps its drift estimate.
     const std::string& clockDeviceUID() const { return clockDeviceUID_; }
 
-    // One IO cycle's input; runs on the IO queue (public so that tests can drive it).
+    // One IO cycle's input; runs on the platform's delivery thread (public so that tests can drive it).
     void handleInput(const platform::AudioBufferList& bufferList, double lastFrameAgeSeconds);
 
 private:
-    void createProcessTap(std::vector<platform::AudioObjectID> processes);
+    void createProcessTap(const platform::AudioSystemSnapshot& system);
     void readTapFormat();
     void createAggregateDevice(const platform::AudioSystemSnapshot& system);
     std::string readTapUID();

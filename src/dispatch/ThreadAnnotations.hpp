@@ -2,8 +2,8 @@
 // Clang's thread-safety analysis (-Wthread-safety): a member declared
 // VELTO_GUARDED_BY(mutex_) may only be touched with that mutex held, and the Clang build
 // refuses code that does otherwise. Other compilers see empty macros. The analysis knows
-// only annotated types, hence Mutex and MutexLock in place of std::mutex and
-// std::lock_guard where a member names its guard.
+// only annotated types, hence Mutex, MutexLock and MutexUniqueLock in place of
+// std::mutex, std::lock_guard and std::unique_lock where a member names its guard.
 
 #include <mutex>
 
@@ -54,6 +54,35 @@ public:
 
 private:
     Mutex& mutex_;
+};
+
+// std::unique_lock for a Mutex: for a lock given up before its scope ends, and for
+// std::condition_variable_any, which gives it up and takes it again while it waits. A
+// wait belongs in a loop over the condition, written where the analysis sees the lock
+// held (a predicate lambda is checked as a function of its own, without it).
+class VELTO_SCOPED_CAPABILITY MutexUniqueLock {
+public:
+    explicit MutexUniqueLock(Mutex& mutex) VELTO_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+    ~MutexUniqueLock() VELTO_RELEASE() {
+        if (owns_) mutex_.unlock();
+    }
+    MutexUniqueLock(const MutexUniqueLock&) = delete;
+    MutexUniqueLock& operator=(const MutexUniqueLock&) = delete;
+    MutexUniqueLock(MutexUniqueLock&&) = delete;
+    MutexUniqueLock& operator=(MutexUniqueLock&&) = delete;
+
+    void lock() VELTO_ACQUIRE() {
+        mutex_.lock();
+        owns_ = true;
+    }
+    void unlock() VELTO_RELEASE() {
+        owns_ = false;
+        mutex_.unlock();
+    }
+
+private:
+    Mutex& mutex_;
+    bool owns_ = true;
 };
 
 }  // namespace velto

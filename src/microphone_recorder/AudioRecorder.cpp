@@ -206,9 +206,11 @@ void AudioRecorder::drainTapInlet(bool everything) {
 }
 
 void AudioRecorder::setupRecording() {
-    if (preferredMicrophone_) configureInputDevice(*preferredMicrophone_);
+    // One read of the system serves the device selection and the input's format.
+    const platform::AudioSystemSnapshot system = services_.audioHardware->readSnapshotForOperation();
+    if (preferredMicrophone_) configureInputDevice(*preferredMicrophone_, system);
 
-    const PcmFormat inputFormat = audioEngine_->inputFormat(kInputBus);
+    const PcmFormat inputFormat = audioEngine_->inputFormat(kInputBus, system);
     logger().info("Input format: " + formatDouble(inputFormat.sampleRate) + " Hz, " +
                   std::to_string(inputFormat.channelCount) + " channels");
     logger().info("Input format settings: " + describeInputSettings(inputFormat));
@@ -246,9 +248,9 @@ void AudioRecorder::setupRecording() {
     tapInstalled_ = true;
 }
 
-void AudioRecorder::configureInputDevice(const MicrophoneDevice& device) {
-    const auto selected = platform::configureInputDevice(device, *services_.captureDeviceDiscovery,
-                                                         *services_.audioHardware, *audioEngine_, logger());
+void AudioRecorder::configureInputDevice(const MicrophoneDevice& device, const platform::AudioSystemSnapshot& system) {
+    const auto selected =
+        platform::configureInputDevice(device, system, *services_.captureDeviceDiscovery, *audioEngine_, logger());
     if (!selected) throw AudioEngineRecorderError::unknownError();
 }
 

@@ -80,7 +80,7 @@ public:
 private:
     void startEngineRecording();
     void setupRecording();
-    void configureInputDevice(const MicrophoneDevice& device);
+    void configureInputDevice(const MicrophoneDevice& device, const platform::AudioSystemSnapshot& system);
     void processAudioBuffer(const std::shared_ptr<PcmBuffer>& buffer);
     void startDrainTimer();
     void stopDrainTimer();

@@ -2,8 +2,8 @@
 // Where the input engine's tap thread leaves the microphone's blocks for the recorder
 // queue: a ring buffer allocated once at set-up. The tap only copies samples into it
 // (deinterleaving into scratch space that is also allocated once); it allocates nothing,
-// takes no lock but the ring's, and never waits for the queue. The queue takes the
-// samples out in blocks of the tap's size on its own schedule.
+// takes no lock (the ring is lock-free) and never waits for the queue. The queue takes
+// the samples out in blocks of the tap's size on its own schedule.
 //
 // Threads: push() on the tap thread only; take() on the recorder queue only; the
 // counters from any thread.

@@ -3,6 +3,7 @@
 // finishing it, relaying it. A host only ever reads (veltoaudio/EventStream.hpp).
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -10,10 +11,10 @@
 #include <exception>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <utility>
 
+#include "dispatch/ThreadAnnotations.hpp"
 #include "veltoaudio/EventStream.hpp"
 #include "veltoaudio/PcmBuffer.hpp"
 
@@ -39,7 +40,7 @@ public:
     bool yield(T value) {
         std::optional<T> evicted;  // released outside the lock
         {
-            std::lock_guard lock(mutex_);
+            MutexLock lock(mutex_);
             if (terminated_) return false;
             if (!relaying_) {
                 if (limit_ != 0 && buffer_.size() >= limit_) {
@@ -52,7 +53,7 @@ public:
                 return true;
             }
         }
-        std::lock_guard relayLock(relayMutex_);
+        MutexLock relayLock(relayMutex_);
         relay_(std::move(value));
         return true;
     }
@@ -60,10 +61,10 @@ public:
     // The relay mutex keeps elements in order even while what was buffered before the
     // relay began is still being handed on.
     void relay(std::function<void(T)> handler) {
-        std::lock_guard relayLock(relayMutex_);
+        MutexLock relayLock(relayMutex_);
         std::deque<T> buffered;
         {
-            std::lock_guard lock(mutex_);
+            MutexLock lock(mutex_);
             if (relaying_ || !handler) return;
             relaying_ = true;
             relay_ = std::move(handler);
@@ -76,7 +77,7 @@ public:
     void cancel() noexcept override { terminate(StreamTermination::cancelled, nullptr); }
 
     void setOnTermination(std::function<void(StreamTermination)> handler) {
-        std::unique_lock lock(mutex_);
+        MutexUniqueLock lock(mutex_);
         if (!terminated_) {
             onTermination_ = std::move(handler);
             return;
@@ -88,25 +89,29 @@ public:
     }
 
     std::optional<T> next() override {
-        std::unique_lock lock(mutex_);
-        available_.wait(lock, [&] { return !buffer_.empty() || terminated_; });
+        MutexUniqueLock lock(mutex_);
+        while (buffer_.empty() && !terminated_) available_.wait(lock);
         return takeLocked();
     }
 
     bool waitFor(std::chrono::nanoseconds timeout) override {
-        std::unique_lock lock(mutex_);
-        return available_.wait_for(lock, timeout, [&] { return !buffer_.empty() || terminated_; });
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        MutexUniqueLock lock(mutex_);
+        while (buffer_.empty() && !terminated_) {
+            if (available_.wait_until(lock, deadline) == std::cv_status::timeout) return !buffer_.empty() || terminated_;
+        }
+        return true;
     }
 
     bool isTerminated() const noexcept override {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         return terminated_;
     }
 
     std::uint64_t droppedCount() const noexcept override { return dropped_.load(std::memory_order_relaxed); }
 
 private:
-    std::optional<T> takeLocked() {
+    std::optional<T> takeLocked() VELTO_REQUIRES(mutex_) {
         if (!buffer_.empty()) {
             T value = std::move(buffer_.front());
             buffer_.pop_front();
@@ -123,7 +128,7 @@ private:
         std::function<void(StreamTermination)> handler;
         std::deque<T> discarded;  // released outside the lock
         {
-            std::lock_guard lock(mutex_);
+            MutexLock lock(mutex_);
             if (terminated_) return;
             terminated_ = true;
             termination_ = reason;
@@ -140,17 +145,18 @@ private:
     }
 
     const std::size_t limit_;
-    mutable std::mutex mutex_;
-    std::mutex relayMutex_;
-    bool relaying_ = false;  // guarded by mutex_
-    std::function<void(T)> relay_;  // set once, under both mutexes; called under relayMutex_
-    std::condition_variable available_;
-    std::deque<T> buffer_;  // guarded by mutex_
+    mutable Mutex mutex_;
+    Mutex relayMutex_;
+    bool relaying_ VELTO_GUARDED_BY(mutex_) = false;
+    // Set once, under both mutexes (so a yield sees either the buffer or the relay).
+    std::function<void(T)> relay_ VELTO_GUARDED_BY(relayMutex_);
+    std::condition_variable_any available_;
+    std::deque<T> buffer_ VELTO_GUARDED_BY(mutex_);
     std::atomic<std::uint64_t> dropped_{0};
-    bool terminated_ = false;  // guarded by mutex_
-    StreamTermination termination_ = StreamTermination::finished;  // guarded by mutex_
-    std::exception_ptr error_;  // guarded by mutex_
-    std::function<void(StreamTermination)> onTermination_;  // guarded by mutex_
+    bool terminated_ VELTO_GUARDED_BY(mutex_) = false;
+    StreamTermination termination_ VELTO_GUARDED_BY(mutex_) = StreamTermination::finished;
+    std::exception_ptr error_ VELTO_GUARDED_BY(mutex_);
+    std::function<void(StreamTermination)> onTermination_ VELTO_GUARDED_BY(mutex_);
     std::atomic<bool> handlerRan_{false};
 };
 

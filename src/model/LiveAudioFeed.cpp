@@ -19,7 +19,7 @@ LiveAudioFeed::LiveAudioFeed(std::size_t capacityBlocks) : capacityBlocks_(capac
 LiveAudioFeed::~LiveAudioFeed() { finish(); }
 
 AudioBufferStream LiveAudioFeed::stream() {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (!stream_) {
         auto [stream, sink] = AudioBufferSource::make(StreamBuffering::newest(capacityBlocks_));
         if (finished_) sink.finish();
@@ -30,7 +30,7 @@ AudioBufferStream LiveAudioFeed::stream() {
 }
 
 void LiveAudioFeed::deliver(std::shared_ptr<PcmBuffer> block) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (!sink_) return;
     sink_->yield(std::move(block));
     // A reader that never catches up loses a block per block: log the first loss, then
@@ -45,7 +45,7 @@ void LiveAudioFeed::deliver(std::shared_ptr<PcmBuffer> block) {
 }
 
 void LiveAudioFeed::finish() noexcept {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     finished_ = true;
     if (!sink_) return;
     sink_->finish();

@@ -3,9 +3,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 
+#include "dispatch/ThreadAnnotations.hpp"
 #include "model/EventSource.hpp"
 #include "veltoaudio/PcmBuffer.hpp"
 
@@ -42,11 +42,11 @@ public:
 
 private:
     const std::size_t capacityBlocks_;
-    std::mutex mutex_;
-    std::optional<AudioBufferStream> stream_;               // guarded by mutex_
-    std::optional<AudioBufferSource::Continuation> sink_;  // guarded by mutex_
-    bool finished_ = false;                                 // guarded by mutex_
-    uint64_t nextReportedDrop_ = 1;                         // producer thread only
+    Mutex mutex_;
+    std::optional<AudioBufferStream> stream_ VELTO_GUARDED_BY(mutex_);
+    std::optional<AudioBufferSource::Continuation> sink_ VELTO_GUARDED_BY(mutex_);
+    bool finished_ VELTO_GUARDED_BY(mutex_) = false;
+    uint64_t nextReportedDrop_ = 1;  // producer thread only
 };
 
 }  // namespace velto

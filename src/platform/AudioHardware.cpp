@@ -17,20 +17,6 @@ OSStatus readList(AudioHardware& hardware, AudioObjectPropertySelector selector,
 
 }  // namespace
 
-std::optional<AudioObjectID> AudioSystemSnapshot::deviceWithUID(std::string_view uid) const {
-    for (const auto& device : devices) {
-        if (device.uid == uid) return device.id;
-    }
-    return std::nullopt;
-}
-
-std::optional<std::string> AudioSystemSnapshot::uidOf(AudioObjectID id) const {
-    for (const auto& device : devices) {
-        if (device.id == id) return device.uid;
-    }
-    return std::nullopt;
-}
-
 OSStatus AudioHardware::readSystemSnapshot(AudioSystemSnapshot& outSnapshot) {
     AudioSystemSnapshot snapshot;
     if (const OSStatus status = readList(*this, kAudioHardwarePropertyProcessObjectList, snapshot.processes);
@@ -55,6 +41,15 @@ OSStatus AudioHardware::readSystemSnapshot(AudioSystemSnapshot& outSnapshot) {
     }
     outSnapshot = std::move(snapshot);
     return noErr;
+}
+
+AudioSystemSnapshot AudioHardware::readSnapshotForOperation() {
+    AudioSystemSnapshot snapshot;
+    if (const OSStatus status = readSystemSnapshot(snapshot); status != noErr) {
+        snapshot = AudioSystemSnapshot{};
+        snapshot.readStatus = status;
+    }
+    return snapshot;
 }
 
 }  // namespace velto::platform

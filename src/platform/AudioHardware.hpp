@@ -9,6 +9,7 @@
 // returns, the block is not started again. A block must therefore be quick, must not
 // block, and must not call back into this interface.
 
+#include "platform/AudioSystemSnapshot.hpp"
 #include "platform/CoreAudioTypes.hpp"
 #include "platform/PropertyDictionary.hpp"
 #include "platform/TapDescription.hpp"
@@ -17,7 +18,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace velto::platform {
@@ -29,23 +29,6 @@ namespace velto::platform {
 // older than the call, which is what keeps a drift estimate off the cutting.
 using AudioDeviceIOBlock = std::function<void(const AudioBufferList& inputData, double lastFrameAgeSeconds)>;
 
-// What a start needs to know of the system at one moment: the processes that play, the
-// devices with their UIDs, and the default output. Each lookup then reads this value
-// rather than asking the hardware again.
-struct AudioSystemSnapshot {
-    struct Device {
-        AudioObjectID id = kAudioObjectUnknown;
-        std::string uid;
-    };
-    std::vector<AudioObjectID> processes;
-    std::vector<Device> devices;  // in the hardware's order; a device that cannot tell its UID is left out
-    AudioObjectID defaultSystemOutputDevice = kAudioObjectUnknown;
-
-    // The first device with this UID.
-    std::optional<AudioObjectID> deviceWithUID(std::string_view uid) const;
-    std::optional<std::string> uidOf(AudioObjectID device) const;
-};
-
 class AudioHardware {
 public:
     virtual ~AudioHardware() = default;
@@ -55,6 +38,9 @@ public:
     // server overrides it to ask once. A failed list or default read answers its status;
     // a device that cannot tell its UID is skipped, for it may be going away.
     virtual OSStatus readSystemSnapshot(AudioSystemSnapshot& outSnapshot);
+    // The one read an operation shares among its lookups: readSystemSnapshot()'s answer,
+    // or after a failed read an empty snapshot that carries the status.
+    AudioSystemSnapshot readSnapshotForOperation();
 
     // Byte size of a property's value (AudioObjectGetPropertyDataSize).
     virtual OSStatus getPropertyDataSize(AudioObjectID object, const AudioObjectPropertyAddress& address,
@@ -72,6 +58,13 @@ public:
                                                   AudioStreamBasicDescription& outDescription) = 0;
 
     virtual OSStatus createProcessTap(const TapDescription& description, AudioObjectID& outTapID) = 0;
+    // The same within an operation that has read `system`: a platform that must look up
+    // what to tap (PulseAudio: the default output's monitor) reads it there. Core Audio
+    // taps the processes themselves and needs nothing of it.
+    virtual OSStatus createProcessTap(const TapDescription& description, const AudioSystemSnapshot& /*system*/,
+                                      AudioObjectID& outTapID) {
+        return createProcessTap(description, outTapID);
+    }
     virtual OSStatus destroyProcessTap(AudioObjectID tapID) = 0;
 
     virtual OSStatus createAggregateDevice(const PropertyDictionary& description, AudioObjectID& outDeviceID) = 0;

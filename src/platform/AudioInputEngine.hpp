@@ -6,6 +6,7 @@
 // block runs on the engine's own delivery thread, never on the caller's; removeTap() and
 // stop() return only once no tap block is running any more.
 
+#include "platform/AudioSystemSnapshot.hpp"
 #include "platform/CoreAudioTypes.hpp"
 #include "veltoaudio/PcmBuffer.hpp"
 
@@ -26,6 +27,12 @@ public:
     // The hardware side of the input: the source's own rate and channel count, 32-bit float.
     // A format with 0 channels and rate 0 means that no input device could be reached.
     virtual PcmFormat inputFormat(std::uint32_t bus) = 0;
+    // The same within an operation that has read `system`: an engine whose device is known
+    // to a server (PulseAudio) reads the format from the snapshot. An audio unit answers
+    // from the process itself and needs nothing of it.
+    virtual PcmFormat inputFormat(std::uint32_t bus, const AudioSystemSnapshot& /*system*/) {
+        return inputFormat(bus);
+    }
     // The format the tap delivers when it is installed with the input format.
     virtual PcmFormat outputFormat(std::uint32_t bus) = 0;
 
@@ -33,6 +40,11 @@ public:
     virtual bool hasAudioUnit() = 0;
     // kAudioOutputUnitProperty_CurrentDevice: the device the next start records from.
     virtual OSStatus setCurrentDevice(AudioObjectID deviceID) = 0;
+    // The same for a device found in `system`: an engine that records by name (PulseAudio)
+    // takes the name from there.
+    virtual OSStatus setCurrentDevice(AudioObjectID deviceID, const AudioSystemSnapshot& /*system*/) {
+        return setCurrentDevice(deviceID);
+    }
 
     virtual void installTap(std::uint32_t bus, std::uint32_t bufferSizeFrames, const PcmFormat& format,
                             AudioInputTapBlock block) = 0;

@@ -4,6 +4,8 @@
 //
 // Threads: every method may be called from any thread; requestAccess() blocks until answered.
 
+#include "platform/AudioSystemSnapshot.hpp"
+
 #include <memory>
 #include <optional>
 #include <span>
@@ -34,6 +36,16 @@ public:
     // Audio devices of any of the given types, in the platform's order.
     virtual std::vector<CaptureDevice> devices(std::span<const CaptureDeviceType> deviceTypes) = 0;
     virtual std::optional<CaptureDevice> defaultAudioDevice() = 0;
+    // The same within an operation that has read `system`: a platform whose devices are
+    // known to a server (PulseAudio) answers from the snapshot. Where discovery is a local
+    // call (AVCaptureDevice) the snapshot adds nothing.
+    virtual std::vector<CaptureDevice> devices(std::span<const CaptureDeviceType> deviceTypes,
+                                               const AudioSystemSnapshot& /*system*/) {
+        return devices(deviceTypes);
+    }
+    virtual std::optional<CaptureDevice> defaultAudioDevice(const AudioSystemSnapshot& /*system*/) {
+        return defaultAudioDevice();
+    }
 
     virtual AuthorizationStatus authorizationStatus() = 0;
     // May ask the user; answers whether access is granted.

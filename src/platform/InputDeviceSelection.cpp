@@ -19,20 +19,16 @@ std::vector<CaptureDevice> discoverAudioCaptureDevices(CaptureDeviceDiscovery& d
     return discovery.devices(types);
 }
 
-std::optional<AudioObjectID> audioDeviceID(AudioHardware& hardware, const std::string& uid, LoggerCompat& logger) {
-    AudioSystemSnapshot snapshot;
-    if (const OSStatus status = hardware.readSystemSnapshot(snapshot); status != noErr) {
-        logger.critical("Failed to get audio devices: OSStatus = " + describeStatusCode(status));
-        return std::nullopt;
-    }
-    return snapshot.deviceWithUID(uid);
-}
-
-std::optional<AudioObjectID> configureInputDevice(const MicrophoneDevice& device, CaptureDeviceDiscovery& discovery,
-                                                  AudioHardware& hardware, AudioInputEngine& engine,
+std::optional<AudioObjectID> configureInputDevice(const MicrophoneDevice& device, const AudioSystemSnapshot& system,
+                                                  CaptureDeviceDiscovery& discovery, AudioInputEngine& engine,
                                                   LoggerCompat& logger) {
     logger.info("🎙️ Configuring PulseAudio input device: '" + device.name + "' (ID: " + device.id + ")");
-    const auto captureDevices = discoverAudioCaptureDevices(discovery);
+    if (system.readStatus != noErr) {
+        logger.critical("Failed to get audio devices: OSStatus = " + describeStatusCode(system.readStatus));
+        return std::nullopt;
+    }
+    const auto types = audioCaptureDeviceTypes();
+    const auto captureDevices = discovery.devices(types, system);
     const CaptureDevice* match = nullptr;
     for (const auto& candidate : captureDevices) {
         if (candidate.uniqueID == device.id) {
@@ -44,7 +40,7 @@ std::optional<AudioObjectID> configureInputDevice(const MicrophoneDevice& device
         logger.critical("Could not find AVCaptureDevice for microphone ID: " + device.id);
         return std::nullopt;
     }
-    const auto deviceID = audioDeviceID(hardware, match->uniqueID, logger);
+    const auto deviceID = system.deviceWithUID(match->uniqueID);
     if (!deviceID) {
         logger.critical("Could not get AudioDeviceID for device: " + device.name);
         return std::nullopt;
@@ -53,7 +49,7 @@ std::optional<AudioObjectID> configureInputDevice(const MicrophoneDevice& device
         logger.critical("Could not get AudioUnit from input node");
         return std::nullopt;
     }
-    const OSStatus status = engine.setCurrentDevice(*deviceID);
+    const OSStatus status = engine.setCurrentDevice(*deviceID, system);
     if (status != noErr) {
         logger.critical("Failed to set input device on AudioUnit: OSStatus = " + describeStatusCode(status));
         return std::nullopt;

@@ -162,7 +162,7 @@ void AudioMixer::start(const MixerInputs& inputs) {
     system_.prepare(primingFrames);
     microphone_.prepare(primingFrames);
     {
-        std::lock_guard guard(levelsLock_);
+        MutexLock guard(levelsLock_);
         levels_ = MixerLevels{};
         if (system) levels_.system = AudioLevels::silence();
         if (microphone) levels_.microphone = AudioLevels::silence();
@@ -234,27 +234,27 @@ void AudioMixer::setOutputPaused(bool paused) {
 }
 
 AudioLevels AudioMixer::currentLevels() const {
-    std::lock_guard guard(levelsLock_);
+    MutexLock guard(levelsLock_);
     return levels_.mix;
 }
 
 MixerLevels AudioMixer::levels() const {
-    std::lock_guard guard(levelsLock_);
+    MutexLock guard(levelsLock_);
     return levels_;
 }
 
 int64_t AudioMixer::underrunCount() const {
-    std::lock_guard guard(counterLock_);
+    MutexLock guard(counterLock_);
     return underrunCounter_;
 }
 
 int64_t AudioMixer::overflowCount() const {
-    std::lock_guard guard(counterLock_);
+    MutexLock guard(counterLock_);
     return overflowCounter_;
 }
 
 void AudioMixer::addUnderrun() {
-    std::lock_guard guard(counterLock_);
+    MutexLock guard(counterLock_);
     ++underrunCounter_;
 }
 
@@ -431,7 +431,7 @@ void AudioMixer::mixAndWrite(int64_t frames, bool withSystem, bool withMicrophon
             logger().error("Clipping detected! Peak: " + formatFloat(peak) +
                            ", Max since start: " + formatFloat(maxPeakSinceStart_));
         }
-        std::lock_guard guard(counterLock_);
+        MutexLock guard(counterLock_);
         ++overflowCounter_;
     }
     publishLevels(measurement, withSystem, withMicrophone);
@@ -462,7 +462,7 @@ void AudioMixer::publishLevels(const MixBus::Measurement& mix, bool withSystem, 
     const AudioLevels mixLevels = decibels(mix.level);
     const AudioLevels systemLevels = decibels(system_.lastBlockLevel());
     const AudioLevels microphoneLevels = decibels(microphone_.lastBlockLevel());
-    std::lock_guard guard(levelsLock_);
+    MutexLock guard(levelsLock_);
     levels_.mix = mixLevels;
     if (withSystem) levels_.system = systemLevels;
     if (withMicrophone) levels_.microphone = microphoneLevels;

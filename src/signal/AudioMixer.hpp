@@ -9,6 +9,7 @@
 
 #include "dispatch/Clock.hpp"
 #include "dispatch/RepeatingTimer.hpp"
+#include "dispatch/ThreadAnnotations.hpp"
 #include "dispatch/SerialQueue.hpp"
 #include "signal/AudioMixerError.hpp"
 #include "signal/EchoCanceller.hpp"
@@ -193,12 +194,12 @@ private:
     bool paceFromFirstBlock_ = false;  // the pacer restarts when the reserve is first there
     SkewEstimates skewEstimates_;  // mixing context
 
-    mutable std::mutex counterLock_;
-    int64_t underrunCounter_ = 0;  // guarded by counterLock_
-    int64_t overflowCounter_ = 0;  // guarded by counterLock_
+    mutable Mutex counterLock_;
+    int64_t underrunCounter_ VELTO_GUARDED_BY(counterLock_) = 0;
+    int64_t overflowCounter_ VELTO_GUARDED_BY(counterLock_) = 0;
 
-    mutable std::mutex levelsLock_;
-    MixerLevels levels_;  // guarded by levelsLock_
+    mutable Mutex levelsLock_;
+    MixerLevels levels_ VELTO_GUARDED_BY(levelsLock_);
 };
 
 }  // namespace velto

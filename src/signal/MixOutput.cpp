@@ -1,6 +1,7 @@
 #include "signal/MixOutput.hpp"
 
 #include <algorithm>
+#include <string>
 
 #include "logging/LoggerCompat.hpp"
 #include "logging/NumberFormat.hpp"
@@ -25,6 +26,7 @@ void MixOutput::configure(std::shared_ptr<AudioFile> file, const PcmFormat& outp
     outputFormat_ = outputFormat;
     busChannels_ = busChannels;
     writeFailureReported_ = false;
+    writeFailuresAfterFirst_ = 0;
     converter_.reset();
     busFormat_ = PcmFormat::make(mixingSampleRateHertz, busChannels, true);
     if (!busFormat_) throw AudioMixerError::failedToCreateMixingFormat();
@@ -38,6 +40,11 @@ void MixOutput::configure(std::shared_ptr<AudioFile> file, const PcmFormat& outp
 }
 
 void MixOutput::release() {
+    if (writeFailuresAfterFirst_ > 0) {
+        logger().error("Failed to write " + std::to_string(writeFailuresAfterFirst_) +
+                       " more mixed blocks to the file after the first failure");
+        writeFailuresAfterFirst_ = 0;
+    }
     file_.reset();
     outputFormat_.reset();
     converter_.reset();
@@ -109,13 +116,18 @@ void MixOutput::append(std::shared_ptr<PcmBuffer> block) {
             file_->write(*block);
             framesWritten_ += block->frameLength();
         } catch (...) {
-            const auto error = std::current_exception();
-            logger().critical("Failed to write mixed audio to file: " + describeError(error));
-            if (!writeFailureReported_) {
+            // A file that refuses one block mostly refuses every one after it, a hundred
+            // a second until the owner ends the run: only the first is logged (and
+            // reported), the rest are counted and told at the release.
+            if (writeFailureReported_) {
+                ++writeFailuresAfterFirst_;
+            } else {
                 writeFailureReported_ = true;
+                const auto error = std::current_exception();
+                logger().critical("Failed to write mixed audio to file: " + describeError(error));
                 std::function<void(ErrorPtr)> handler;
                 {
-                    std::lock_guard guard(streamLock_);
+                    MutexLock guard(streamLock_);
                     handler = writeFailureHandler_;
                 }
                 if (handler) handler(captureError(error));
@@ -124,7 +136,7 @@ void MixOutput::append(std::shared_ptr<PcmBuffer> block) {
     } else {
         framesWritten_ += block->frameLength();
     }
-    std::lock_guard guard(streamLock_);
+    MutexLock guard(streamLock_);
     if (audioStreamContinuation_) audioStreamContinuation_->yield(block);
 }
 
@@ -132,19 +144,19 @@ void MixOutput::reportLimitReached() {
     limitReached_ = true;
     std::function<void()> handler;
     {
-        std::lock_guard guard(streamLock_);
+        MutexLock guard(streamLock_);
         handler = limitReachedHandler_;
     }
     if (handler) handler();
 }
 
 void MixOutput::setLimitReachedHandler(std::function<void()> handler) {
-    std::lock_guard guard(streamLock_);
+    MutexLock guard(streamLock_);
     limitReachedHandler_ = std::move(handler);
 }
 
 AudioBufferStream MixOutput::audioStream() {
-    std::lock_guard guard(streamLock_);
+    MutexLock guard(streamLock_);
     if (!audioStream_) {
         auto [stream, continuation] = AudioBufferSource::make();
         audioStream_ = std::move(stream);
@@ -154,12 +166,12 @@ AudioBufferStream MixOutput::audioStream() {
 }
 
 void MixOutput::finishStream() {
-    std::lock_guard guard(streamLock_);
+    MutexLock guard(streamLock_);
     if (audioStreamContinuation_) audioStreamContinuation_->finish();
 }
 
 void MixOutput::setWriteFailureHandler(std::function<void(ErrorPtr)> handler) {
-    std::lock_guard guard(streamLock_);
+    MutexLock guard(streamLock_);
     writeFailureHandler_ = std::move(handler);
 }
 

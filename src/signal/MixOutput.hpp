@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 
+#include "dispatch/ThreadAnnotations.hpp"
 #include "signal/AudioConverter.hpp"
 #include "signal/AudioFile.hpp"
 #include "veltoaudio/Error.hpp"
@@ -19,9 +19,10 @@ namespace velto {
 // The end of the mixer's road: brings the bus's blocks to the output format,
 // appends them to the file and hands the same buffers to the audio stream.
 //
-// Degradation policy: a block that cannot be converted or written is logged and
-// skipped; the first failed write is also reported through the failure handler,
-// once, because only the mixer's owner can decide to end the recording.
+// Degradation policy: a block that cannot be converted or written is skipped. The
+// first failed write is logged and reported through the failure handler, once,
+// because only the mixer's owner can decide to end the recording; later ones are
+// counted, and the count logged at the release.
 //
 // Threads: configure() and release() while no block is written; write() and
 // flush() on the mixing thread; audioStream(), finishStream(), the handler and
@@ -62,15 +63,16 @@ private:
     std::shared_ptr<AudioConverter> converter_;
     uint32_t busChannels_ = 1;
     bool writeFailureReported_ = false;
+    int64_t writeFailuresAfterFirst_ = 0;  // not logged one by one; told at the release
     std::optional<int64_t> fileFrameLimit_;
     bool limitReached_ = false;
     std::atomic<int64_t> framesWritten_{0};
 
-    std::mutex streamLock_;
-    std::optional<AudioBufferStream> audioStream_;                            // guarded by streamLock_
-    std::optional<AudioBufferSource::Continuation> audioStreamContinuation_;  // guarded by streamLock_
-    std::function<void(ErrorPtr)> writeFailureHandler_;                       // guarded by streamLock_
-    std::function<void()> limitReachedHandler_;                               // guarded by streamLock_
+    Mutex streamLock_;
+    std::optional<AudioBufferStream> audioStream_ VELTO_GUARDED_BY(streamLock_);
+    std::optional<AudioBufferSource::Continuation> audioStreamContinuation_ VELTO_GUARDED_BY(streamLock_);
+    std::function<void(ErrorPtr)> writeFailureHandler_ VELTO_GUARDED_BY(streamLock_);
+    std::function<void()> limitReachedHandler_ VELTO_GUARDED_BY(streamLock_);
 };
 
 }  // namespace velto

@@ -40,12 +40,12 @@ void stopIfCapturing(MicrophoneCapture& capture) {
 struct UnifiedAudioRecorder::Private {};
 
 MixerLevels UnifiedAudioRecorder::LiveOutput::levels() const {
-    std::lock_guard lock(levelsLock);
+    MutexLock lock(levelsLock);
     return currentLevels;
 }
 
 void UnifiedAudioRecorder::LiveOutput::setLevels(MixerLevels levels) {
-    std::lock_guard lock(levelsLock);
+    MutexLock lock(levelsLock);
     currentLevels = levels;
     const auto keepLouder = [](std::optional<float>& loudest, const std::optional<AudioLevels>& source) {
         if (source && (!loudest || source->peak > *loudest)) loudest = source->peak;
@@ -55,7 +55,7 @@ void UnifiedAudioRecorder::LiveOutput::setLevels(MixerLevels levels) {
 }
 
 UnifiedAudioRecorder::LiveOutput::LoudestPeaks UnifiedAudioRecorder::LiveOutput::takeLoudestPeaks() {
-    std::lock_guard lock(levelsLock);
+    MutexLock lock(levelsLock);
     return std::exchange(loudestPeaks, LoudestPeaks{});
 }
 
@@ -244,9 +244,6 @@ void UnifiedAudioRecorder::setupAudioComponents() {
             break;
     }
 
-    if (configuration_.preferredMicrophone && microphoneCapture_) {
-        microphoneCapture_->configureInputDevice(*configuration_.preferredMicrophone);
-    }
     // Every delivery is stamped with the mixer's clock: the mixer keeps each
     // source in step with that clock by how far the source's deliveries run ahead or behind.
     if (microphoneCapture_) microphoneCapture_->ringBuffer()->stampDeliveriesWith(clock_);
@@ -254,14 +251,20 @@ void UnifiedAudioRecorder::setupAudioComponents() {
 }
 
 void UnifiedAudioRecorder::startAudioCapture() {
+    // One read of the system serves every lookup of both sources' starts: on a sound server
+    // each read is a round trip, and one read sees the devices at one moment.
+    const platform::AudioSystemSnapshot system = services_.audioHardware->readSnapshotForOperation();
     if (microphoneCapture_) {
-        microphoneCapture_->start(kMicrophoneBufferSizeFrames);
+        if (configuration_.preferredMicrophone) {
+            microphoneCapture_->configureInputDevice(*configuration_.preferredMicrophone, system);
+        }
+        microphoneCapture_->start(kMicrophoneBufferSizeFrames, system);
         logger().debug("Started microphone capture with 1024 frame buffer size");
     } else {
         logger().debug("Microphone capture not configured");
     }
     if (systemAudioTap_) {
-        systemAudioTap_->start();
+        systemAudioTap_->start(system);
         logger().debug("Started system audio tap");
     } else {
         logger().debug("System audio tap not configured");

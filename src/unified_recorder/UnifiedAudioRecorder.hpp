@@ -28,13 +28,13 @@
 
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
 #include "dispatch/Clock.hpp"
 #include "dispatch/RepeatingTimer.hpp"
 #include "dispatch/SerialQueue.hpp"
+#include "dispatch/ThreadAnnotations.hpp"
 #include "model/EventSource.hpp"
 #include "model/LiveAudioFeed.hpp"
 #include "platform/PlatformServices.hpp"
@@ -97,15 +97,15 @@ public:
     // mixer's latest levels. Any thread.
     struct LiveOutput {
         LiveAudioFeed audio;
-        mutable std::mutex levelsLock;
-        MixerLevels currentLevels;  // guarded by levelsLock
+        mutable Mutex levelsLock;
+        MixerLevels currentLevels VELTO_GUARDED_BY(levelsLock);
         // Each source's loudest block peak (dBFS, before its gain) written since the last
         // takeLoudestPeaks(); none for a source with no block in between.
         struct LoudestPeaks {
             std::optional<float> microphone;
             std::optional<float> systemAudio;
         };
-        LoudestPeaks loudestPeaks;  // guarded by levelsLock
+        LoudestPeaks loudestPeaks VELTO_GUARDED_BY(levelsLock);
         MixerLevels levels() const;
         void setLevels(MixerLevels levels);
         LoudestPeaks takeLoudestPeaks();

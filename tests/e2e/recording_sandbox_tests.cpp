@@ -22,6 +22,8 @@
 #include "support/RecorderTestSupport.hpp"
 #include "capture_sandbox_signals.hpp"
 #include "platform/PlatformServices.hpp"
+#include "platform/fake/FakeConfigurationChangeCenter.hpp"
+#include "platform/pulse/PulseConnection.hpp"
 #include "unified_recorder/UnifiedAudioRecorder.hpp"
 #include "veltoaudio/RecordingError.hpp"
 
@@ -277,6 +279,33 @@ TEST_F(RecordingSandboxTest, ADeviceLoadedMidRecordingRestartsCaptureWithoutAGap
         // (0.0 to 0.1 ms measured). A new stream instead loses the restart's own time rounded
         // up to the source's 21 ms posting period: 21 to 80 ms.
         EXPECT_LT(std::fabs(lostMilliseconds), 5.0);
+    }
+}
+
+// A start and a restart each wait on the server once, whichever sources they start: every
+// lookup (the chosen microphone, its format, the clock's device, the output to tap) reads
+// the one snapshot. Each lookup reading one of its own cost 7 round trips for a chosen
+// microphone, 2 for system audio, 9 for both. The test posts the configuration change
+// itself, so the change centre's own look at the server stays out of the count.
+TEST_F(RecordingSandboxTest, AStartAndARestartAskTheServerOnce) {
+    const auto changes = platform::FakeConfigurationChangeCenter::create();
+    services.configurationChangeCenter = changes;
+    const auto connection = pulse::PulseConnection::shared();
+    for (const auto& sources : {AudioSources::microphoneOnly(), AudioSources::systemAudioOnly(), AudioSources::both()}) {
+        SCOPED_TRACE(caseName(sources.kind()));
+        const RecordingConfiguration configuration(AudioFormat::wav, sources,
+                                                   MicrophoneDevice{"velto_mic", "Velto-Microphone", true},
+                                                   BufferConfiguration::defaultConfiguration());
+        auto recorder = UnifiedAudioRecorder::create(directory.path() / "round-trips.wav", configuration, services);
+        auto before = connection->roundTrips();
+        events.emplace(recorder->events());
+        ASSERT_TRUE(events->waitFor(Kind::started));
+        EXPECT_EQ(connection->roundTrips() - before, 1u) << "start";
+        before = connection->roundTrips();
+        changes->post();
+        recorder->mixer();  // waits for the restart the post queued
+        EXPECT_EQ(connection->roundTrips() - before, 1u) << "restart";
+        end(*recorder);
     }
 }
 

@@ -3,7 +3,8 @@
 // beforehand, every call is recorded in order (so tests can check teardown order), and
 // the installed IO block is driven from the test with deliverInput(). Snapshots are read
 // property by property through AudioHardware's own readSystemSnapshot(), as on Core Audio,
-// so the statuses scripted for each property also fail the snapshot.
+// so the statuses scripted for each property also fail the snapshot; like Core Audio, a
+// process tap needs nothing of an operation's snapshot.
 //
 // Threads: all methods are thread-safe. deliverInput() runs the IO block on the calling
 // thread, which plays the sound server's delivery thread (as PulseAudio runs it on its
@@ -52,7 +53,8 @@ public:
     std::optional<PropertyDictionary> lastAggregateDescription() const;
     bool hasIOBlock() const;
 
-    // Runs the installed IO block on its queue with `input`; false when no block is installed.
+    // Runs the installed IO block with `input` on the calling thread, which plays the
+    // platform's delivery thread; false when no block is installed.
     bool deliverInput(const AudioBufferList& input);
     // Interleaved frames the device has captured but not yet handed on: the next
     // deviceFlushCapturedInput() delivers them.
@@ -69,6 +71,7 @@ public:
                                std::optional<std::string>& outText) override;
     OSStatus getStreamDescriptionProperty(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                           AudioStreamBasicDescription& outDescription) override;
+    using AudioHardware::createProcessTap;
     OSStatus createProcessTap(const TapDescription& description, AudioObjectID& outTapID) override;
     OSStatus destroyProcessTap(AudioObjectID tapID) override;
     OSStatus createAggregateDevice(const PropertyDictionary& description, AudioObjectID& outDeviceID) override;

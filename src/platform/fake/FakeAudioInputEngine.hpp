@@ -1,7 +1,8 @@
 #pragma once
 // Scriptable stand-in for an audio-engine input: formats, the audio unit, the device
 // status and start failures are set beforehand; calls are recorded in order; tapped
-// buffers are delivered from the test with deliver().
+// buffers are delivered from the test with deliver(). Like an audio unit, it answers the
+// lookups of an operation from its script, not from the operation's snapshot.
 //
 // Threads: all methods are thread-safe. deliver() runs the tap block on the calling
 // thread (a test plays the engine's delivery thread by calling it from a thread of its own);
@@ -53,6 +54,8 @@ public:
     FakeAudioInputEngine(const FakeAudioInputEngine&) = delete;
     FakeAudioInputEngine& operator=(const FakeAudioInputEngine&) = delete;
 
+    using AudioInputEngine::inputFormat;
+    using AudioInputEngine::setCurrentDevice;
     PcmFormat inputFormat(std::uint32_t bus) override;
     PcmFormat outputFormat(std::uint32_t bus) override;
     bool hasAudioUnit() override;

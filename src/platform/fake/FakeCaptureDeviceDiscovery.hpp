@@ -1,6 +1,7 @@
 #pragma once
 // Scriptable capture-device list, default device and microphone authorisation; records
-// the device types each discovery asked for.
+// the device types each discovery asked for. Like AVCaptureDevice, it answers the lookups
+// of an operation from its script, not from the operation's snapshot.
 //
 // Threads: all methods are thread-safe.
 
@@ -25,6 +26,8 @@ public:
     int defaultDeviceQueries() const;
     int accessRequests() const;
 
+    using CaptureDeviceDiscovery::defaultAudioDevice;
+    using CaptureDeviceDiscovery::devices;
     std::vector<CaptureDevice> devices(std::span<const CaptureDeviceType> deviceTypes) override;
     std::optional<CaptureDevice> defaultAudioDevice() override;
     AuthorizationStatus authorizationStatus() override;

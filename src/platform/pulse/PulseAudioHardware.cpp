@@ -4,6 +4,7 @@
 #include "logging/LoggerCompat.hpp"
 #include "platform/Uuid.hpp"
 #include "platform/pulse/PulseObjectIDs.hpp"
+#include "platform/pulse/PulseSnapshotDetail.hpp"
 #include "veltoaudio/Error.hpp"
 
 #include <algorithm>
@@ -36,7 +37,7 @@ PulseAudioHardware::PulseAudioHardware(std::shared_ptr<PulseConnection> connecti
 PulseAudioHardware::~PulseAudioHardware() {
     std::map<AudioDeviceIOProcID, std::shared_ptr<IOProc>> procs;
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         procs.swap(procs_);
     }
     for (auto& [id, proc] : procs) {
@@ -78,6 +79,7 @@ OSStatus PulseAudioHardware::readSystemSnapshot(AudioSystemSnapshot& outSnapshot
     if (const PulseSinkInfo* sink = server.value->defaultSink()) {
         snapshot.defaultSystemOutputDevice = makeObjectID(PulseObjectKind::sink, sink->index);
     }
+    snapshot.platformDetail = std::make_shared<const PulseSnapshotDetail>(std::move(*server.value));
     outSnapshot = std::move(snapshot);
     return noErr;
 }
@@ -104,7 +106,7 @@ OSStatus PulseAudioHardware::getPropertyDataSize(AudioObjectID object, const Aud
         }
     }
     if (objectIndex(object, PulseObjectKind::tap)) {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         if (!taps_.contains(object)) return kAudioHardwareBadObjectError;
         if (address.mSelector == kAudioTapPropertyFormat) {
             outDataSizeBytes = sizeof(AudioStreamBasicDescription);
@@ -157,7 +159,7 @@ OSStatus PulseAudioHardware::getStringProperty(AudioObjectID object, const Audio
                                                std::optional<std::string>& outText) {
     if (objectIndex(object, PulseObjectKind::tap)) {
         if (address.mSelector != kAudioTapPropertyUID) return kAudioHardwareUnknownPropertyError;
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         const auto tap = taps_.find(object);
         if (tap == taps_.end()) return kAudioHardwareBadObjectError;
         outText = tap->second.uid;
@@ -165,7 +167,7 @@ OSStatus PulseAudioHardware::getStringProperty(AudioObjectID object, const Audio
     }
     if (address.mSelector != kAudioDevicePropertyDeviceUID) return kAudioHardwareUnknownPropertyError;
     if (objectIndex(object, PulseObjectKind::aggregateDevice)) {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         const auto device = aggregates_.find(object);
         if (device == aggregates_.end()) return kAudioHardwareBadObjectError;
         outText = device->second.description.string("uid");
@@ -187,7 +189,7 @@ OSStatus PulseAudioHardware::getStreamDescriptionProperty(AudioObjectID object,
                                                           AudioStreamBasicDescription& outDescription) {
     if (!objectIndex(object, PulseObjectKind::tap)) return kAudioHardwareBadObjectError;
     if (address.mSelector != kAudioTapPropertyFormat) return kAudioHardwareUnknownPropertyError;
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     const auto tap = taps_.find(object);
     if (tap == taps_.end()) return kAudioHardwareBadObjectError;
     outDescription = AudioStreamBasicDescription::interleavedFloat32(tap->second.sampleRateHertz, kTapChannels);
@@ -195,23 +197,29 @@ OSStatus PulseAudioHardware::getStreamDescriptionProperty(AudioObjectID object,
 }
 
 OSStatus PulseAudioHardware::createProcessTap(const TapDescription& description, AudioObjectID& outTapID) {
-    auto server = connection_->snapshot();
-    if (!server) return statusOf(server.error);
-    const PulseSinkInfo* sink = server.value->defaultSink();
+    return createProcessTap(description, readSnapshotForOperation(), outTapID);
+}
+
+OSStatus PulseAudioHardware::createProcessTap(const TapDescription& description, const AudioSystemSnapshot& system,
+                                              AudioObjectID& outTapID) {
+    const PulseServerSnapshot* server = PulseSnapshotDetail::in(system);
+    // No answer: the read failed, or the snapshot was not read here.
+    if (server == nullptr) return system.readStatus != noErr ? system.readStatus : kAudio_ParamError;
+    const PulseSinkInfo* sink = server->defaultSink();
     if (sink == nullptr || sink->monitorSourceName.empty()) {
         logger().error("No default output to tap: the server has no default sink with a monitor");
         return kAudioHardwareBadDeviceError;
     }
     Tap tap{description.uuid.empty() ? makeRandomUUIDString() : description.uuid, sink->monitorSourceName,
             sink->sampleRateHertz};
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     outTapID = makeObjectID(PulseObjectKind::tap, nextTapIndex_++);
     taps_.emplace(outTapID, std::move(tap));
     return noErr;
 }
 
 OSStatus PulseAudioHardware::destroyProcessTap(AudioObjectID tapID) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return taps_.erase(tapID) > 0 ? noErr : kAudioHardwareBadObjectError;
 }
 
@@ -223,7 +231,7 @@ OSStatus PulseAudioHardware::createAggregateDevice(const PropertyDictionary& des
     }
     const auto tapUID = taps->list()->front().string("uid");
     if (!tapUID) return kAudio_ParamError;
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     for (const auto& [id, device] : aggregates_) {
         if (device.description.string("uid") == uid) return kAudioHardwareIllegalOperationError;
     }
@@ -237,7 +245,7 @@ OSStatus PulseAudioHardware::createAggregateDevice(const PropertyDictionary& des
 OSStatus PulseAudioHardware::destroyAggregateDevice(AudioObjectID deviceID) {
     std::vector<std::unique_ptr<PulseCaptureStream>> orphans;
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         if (aggregates_.erase(deviceID) == 0) return kAudioHardwareBadObjectError;
         for (auto it = procs_.begin(); it != procs_.end();) {
             if (it->second->deviceID == deviceID) {
@@ -257,7 +265,7 @@ OSStatus PulseAudioHardware::destroyAggregateDevice(AudioObjectID deviceID) {
 OSStatus PulseAudioHardware::createIOProcIDWithBlock(AudioDeviceIOProcID& outProcID, AudioObjectID deviceID,
                                                      AudioDeviceIOBlock block) {
     if (!block) return kAudio_ParamError;
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (!aggregates_.contains(deviceID)) return kAudioHardwareBadObjectError;
     auto proc = std::make_shared<IOProc>();
     proc->deviceID = deviceID;
@@ -271,7 +279,7 @@ OSStatus PulseAudioHardware::deviceStart(AudioObjectID deviceID, AudioDeviceIOPr
     std::shared_ptr<IOProc> proc;
     PulseCaptureStreamOptions options;
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         const auto found = procs_.find(procID);
         if (found == procs_.end() || found->second->deviceID != deviceID) return kAudioHardwareBadObjectError;
         proc = found->second;
@@ -305,7 +313,7 @@ OSStatus PulseAudioHardware::deviceStart(AudioObjectID deviceID, AudioDeviceIOPr
         logger().error("Could not start capturing the output: " + error.errorDescription());
         return statusOf(static_cast<int>(error.code()));
     }
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (proc->stream) return noErr;  // started by a concurrent call; ours closes with `stream`
     proc->stream = std::move(stream);
     return noErr;
@@ -314,7 +322,7 @@ OSStatus PulseAudioHardware::deviceStart(AudioObjectID deviceID, AudioDeviceIOPr
 OSStatus PulseAudioHardware::deviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID) {
     std::unique_ptr<PulseCaptureStream> stream;
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         const auto found = procs_.find(procID);
         if (found == procs_.end() || found->second->deviceID != deviceID) return kAudioHardwareBadObjectError;
         stream = std::move(found->second->stream);
@@ -326,7 +334,7 @@ OSStatus PulseAudioHardware::deviceStop(AudioObjectID deviceID, AudioDeviceIOPro
 OSStatus PulseAudioHardware::deviceFlushCapturedInput(AudioObjectID deviceID, AudioDeviceIOProcID procID) {
     PulseCaptureStream* stream = nullptr;
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         const auto found = procs_.find(procID);
         if (found == procs_.end() || found->second->deviceID != deviceID) return kAudioHardwareBadObjectError;
         stream = found->second->stream.get();
@@ -342,7 +350,7 @@ OSStatus PulseAudioHardware::destroyIOProcID(AudioObjectID deviceID, AudioDevice
     std::shared_ptr<IOProc> proc;
     std::unique_ptr<PulseCaptureStream> stream;
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         const auto found = procs_.find(procID);
         if (found == procs_.end() || found->second->deviceID != deviceID) return kAudioHardwareBadObjectError;
         proc = found->second;

@@ -19,6 +19,7 @@
 //
 // Threads: every method may be called from any thread.
 
+#include "dispatch/ThreadAnnotations.hpp"
 #include "platform/AudioHardware.hpp"
 #include "platform/pulse/PulseCaptureStream.hpp"
 #include "platform/pulse/PulseConnection.hpp"
@@ -26,7 +27,6 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 
 namespace velto::pulse {
 
@@ -44,7 +44,8 @@ public:
     PulseAudioHardware(const PulseAudioHardware&) = delete;
     PulseAudioHardware& operator=(const PulseAudioHardware&) = delete;
 
-    // One snapshot of the server: a single round trip.
+    // One snapshot of the server: a single round trip. The server's whole answer rides
+    // along (PulseSnapshotDetail) for the other lookups of the same operation.
     platform::OSStatus readSystemSnapshot(platform::AudioSystemSnapshot& outSnapshot) override;
     platform::OSStatus getPropertyDataSize(platform::AudioObjectID object,
                                            const platform::AudioObjectPropertyAddress& address,
@@ -63,6 +64,9 @@ public:
                                                     const platform::AudioObjectPropertyAddress& address,
                                                     platform::AudioStreamBasicDescription& outDescription) override;
     platform::OSStatus createProcessTap(const platform::TapDescription& description,
+                                        platform::AudioObjectID& outTapID) override;
+    platform::OSStatus createProcessTap(const platform::TapDescription& description,
+                                        const platform::AudioSystemSnapshot& system,
                                         platform::AudioObjectID& outTapID) override;
     platform::OSStatus destroyProcessTap(platform::AudioObjectID tapID) override;
     platform::OSStatus createAggregateDevice(const platform::PropertyDictionary& description,
@@ -97,13 +101,14 @@ private:
 
     std::shared_ptr<PulseConnection> connection_;
     std::shared_ptr<PulseStreamHandover> handover_;  // may be null
-    std::mutex mutex_;  // guards the maps and counters; never held while waiting on the server
-    std::uint32_t nextTapIndex_ = 1;
-    std::uint32_t nextAggregateIndex_ = 1;
-    platform::AudioDeviceIOProcID nextProcID_ = 1;
-    std::map<platform::AudioObjectID, Tap> taps_;
-    std::map<platform::AudioObjectID, AggregateDevice> aggregates_;
-    std::map<platform::AudioDeviceIOProcID, std::shared_ptr<IOProc>> procs_;
+    Mutex mutex_;  // never held while waiting on the server
+    std::uint32_t nextTapIndex_ VELTO_GUARDED_BY(mutex_) = 1;
+    std::uint32_t nextAggregateIndex_ VELTO_GUARDED_BY(mutex_) = 1;
+    platform::AudioDeviceIOProcID nextProcID_ VELTO_GUARDED_BY(mutex_) = 1;
+    std::map<platform::AudioObjectID, Tap> taps_ VELTO_GUARDED_BY(mutex_);
+    std::map<platform::AudioObjectID, AggregateDevice> aggregates_ VELTO_GUARDED_BY(mutex_);
+    // An IOProc's stream is set and taken under mutex_ too.
+    std::map<platform::AudioDeviceIOProcID, std::shared_ptr<IOProc>> procs_ VELTO_GUARDED_BY(mutex_);
 };
 
 }  // namespace velto::pulse

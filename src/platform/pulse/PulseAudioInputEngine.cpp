@@ -1,6 +1,7 @@
 #include "platform/pulse/PulseAudioInputEngine.hpp"
 
 #include "platform/pulse/PulseObjectIDs.hpp"
+#include "platform/pulse/PulseSnapshotDetail.hpp"
 #include "veltoaudio/Error.hpp"
 
 #include <algorithm>
@@ -30,13 +31,21 @@ std::uint64_t PulseAudioInputEngine::droppedFrames() const {
     return stream_ ? stream_->droppedFrames() : 0;
 }
 
+PcmFormat PulseAudioInputEngine::sourceFormat(const PulseServerSnapshot& server) const {
+    std::string name = currentSourceName();
+    if (name.empty()) name = server.server.defaultSourceName;
+    const PulseSourceInfo* source = server.source(name);
+    return source != nullptr ? PcmFormat{source->sampleRateHertz, source->channels, false} : PcmFormat{};
+}
+
 PcmFormat PulseAudioInputEngine::inputFormat(std::uint32_t) {
     auto server = connection_->snapshot();
-    if (!server) return PcmFormat{};
-    std::string name = currentSourceName();
-    if (name.empty()) name = server.value->server.defaultSourceName;
-    const PulseSourceInfo* source = server.value->source(name);
-    return source != nullptr ? PcmFormat{source->sampleRateHertz, source->channels, false} : PcmFormat{};
+    return server ? sourceFormat(*server.value) : PcmFormat{};
+}
+
+PcmFormat PulseAudioInputEngine::inputFormat(std::uint32_t, const AudioSystemSnapshot& system) {
+    const PulseServerSnapshot* server = PulseSnapshotDetail::in(system);
+    return server != nullptr ? sourceFormat(*server) : PcmFormat{};
 }
 
 PcmFormat PulseAudioInputEngine::outputFormat(std::uint32_t bus) {
@@ -60,6 +69,17 @@ OSStatus PulseAudioInputEngine::setCurrentDevice(AudioObjectID deviceID) {
         }
     }
     return kAudioHardwareBadObjectError;
+}
+
+OSStatus PulseAudioInputEngine::setCurrentDevice(AudioObjectID deviceID, const AudioSystemSnapshot& system) {
+    if (!objectIndex(deviceID, PulseObjectKind::source)) return kAudioHardwareBadObjectError;
+    if (system.readStatus != noErr) return system.readStatus;
+    // A source's UID is its name, which is what a record stream connects to.
+    auto name = system.uidOf(deviceID);
+    if (!name) return kAudioHardwareBadObjectError;
+    MutexLock lock(controlMutex_);
+    sourceName_ = std::move(*name);
+    return noErr;
 }
 
 void PulseAudioInputEngine::installTap(std::uint32_t, std::uint32_t bufferSizeFrames, const PcmFormat& format,

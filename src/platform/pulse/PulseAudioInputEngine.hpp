@@ -2,7 +2,8 @@
 // An audio-engine input on a PulseAudio source: the default source, or the one chosen
 // with setCurrentDevice(). It records 32-bit float in the source's own rate and channel
 // count and hands the tap non-interleaved blocks of the requested frame count on the
-// PulseAudio main-loop thread.
+// PulseAudio main-loop thread. The lookups given an operation's snapshot read it; the
+// others ask the server.
 //
 // Threads: control methods from the owner, one at a time. The tap block runs on the
 // main-loop thread; removeTap() and stop() wait for a running block to return, so they
@@ -36,9 +37,12 @@ public:
     PulseAudioInputEngine& operator=(const PulseAudioInputEngine&) = delete;
 
     PcmFormat inputFormat(std::uint32_t bus) override;
+    PcmFormat inputFormat(std::uint32_t bus, const platform::AudioSystemSnapshot& system) override;
     PcmFormat outputFormat(std::uint32_t bus) override;
     bool hasAudioUnit() override { return true; }
     platform::OSStatus setCurrentDevice(platform::AudioObjectID deviceID) override;
+    platform::OSStatus setCurrentDevice(platform::AudioObjectID deviceID,
+                                        const platform::AudioSystemSnapshot& system) override;
     void installTap(std::uint32_t bus, std::uint32_t bufferSizeFrames, const PcmFormat& format,
                     platform::AudioInputTapBlock block) override;
     void removeTap(std::uint32_t bus) override;
@@ -53,6 +57,9 @@ public:
     std::uint64_t droppedFrames() const;
 
 private:
+    // The current source's format as `server` tells it; none (0 channels) when it has no such source.
+    PcmFormat sourceFormat(const PulseServerSnapshot& server) const;
+
     std::shared_ptr<PulseConnection> connection_;
     std::shared_ptr<PulseStreamHandover> handover_;  // may be null
     mutable Mutex controlMutex_;
@@ -77,6 +84,9 @@ public:
     }
 
 private:
+    // The current source's format as `server` tells it; none (0 channels) when it has no such source.
+    PcmFormat sourceFormat(const PulseServerSnapshot& server) const;
+
     std::shared_ptr<PulseConnection> connection_;
     std::shared_ptr<PulseStreamHandover> handover_;
 };

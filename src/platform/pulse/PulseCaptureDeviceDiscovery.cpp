@@ -2,6 +2,7 @@
 
 #include "logging/LoggerCompat.hpp"
 #include "platform/pulse/PulseCaptureStream.hpp"
+#include "platform/pulse/PulseSnapshotDetail.hpp"
 #include "veltoaudio/Error.hpp"
 
 #include <algorithm>
@@ -30,14 +31,10 @@ CaptureDeviceType PulseCaptureDeviceDiscovery::deviceType(const PulseSourceInfo&
     return CaptureDeviceType::microphone;
 }
 
-std::vector<CaptureDevice> PulseCaptureDeviceDiscovery::devices(std::span<const CaptureDeviceType> deviceTypes) {
+std::vector<CaptureDevice> PulseCaptureDeviceDiscovery::devicesOfTypes(const PulseServerSnapshot& server,
+                                                                       std::span<const CaptureDeviceType> deviceTypes) {
     std::vector<CaptureDevice> found;
-    auto server = connection_->snapshot();
-    if (!server) {
-        logger().error("Cannot list the input devices: " + pulseErrorText(server.error));
-        return found;
-    }
-    for (const auto& source : server.value->sources) {
+    for (const auto& source : server.sources) {
         if (source.isMonitor) continue;
         const CaptureDeviceType type = deviceType(source);
         const bool wanted = std::any_of(deviceTypes.begin(), deviceTypes.end(), [&](CaptureDeviceType asked) {
@@ -48,12 +45,35 @@ std::vector<CaptureDevice> PulseCaptureDeviceDiscovery::devices(std::span<const 
     return found;
 }
 
-std::optional<CaptureDevice> PulseCaptureDeviceDiscovery::defaultAudioDevice() {
-    auto server = connection_->snapshot();
-    if (!server) return std::nullopt;
-    const PulseSourceInfo* source = server.value->source(server.value->server.defaultSourceName);
+std::optional<CaptureDevice> PulseCaptureDeviceDiscovery::defaultDevice(const PulseServerSnapshot& server) {
+    const PulseSourceInfo* source = server.source(server.server.defaultSourceName);
     if (source == nullptr || source->isMonitor) return std::nullopt;
     return captureDevice(*source);
+}
+
+std::vector<CaptureDevice> PulseCaptureDeviceDiscovery::devices(std::span<const CaptureDeviceType> deviceTypes) {
+    auto server = connection_->snapshot();
+    if (!server) {
+        logger().error("Cannot list the input devices: " + pulseErrorText(server.error));
+        return {};
+    }
+    return devicesOfTypes(*server.value, deviceTypes);
+}
+
+std::vector<CaptureDevice> PulseCaptureDeviceDiscovery::devices(std::span<const CaptureDeviceType> deviceTypes,
+                                                                const AudioSystemSnapshot& system) {
+    const PulseServerSnapshot* server = PulseSnapshotDetail::in(system);
+    return server != nullptr ? devicesOfTypes(*server, deviceTypes) : std::vector<CaptureDevice>{};
+}
+
+std::optional<CaptureDevice> PulseCaptureDeviceDiscovery::defaultAudioDevice() {
+    auto server = connection_->snapshot();
+    return server ? defaultDevice(*server.value) : std::nullopt;
+}
+
+std::optional<CaptureDevice> PulseCaptureDeviceDiscovery::defaultAudioDevice(const AudioSystemSnapshot& system) {
+    const PulseServerSnapshot* server = PulseSnapshotDetail::in(system);
+    return server != nullptr ? defaultDevice(*server) : std::nullopt;
 }
 
 AuthorizationStatus PulseCaptureDeviceDiscovery::authorizationStatus() {

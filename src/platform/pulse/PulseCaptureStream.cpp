@@ -113,7 +113,7 @@ void PulseCaptureStream::connect() {
         }
     }
     {
-        std::unique_lock lock(stateMutex_);
+        MutexUniqueLock lock(stateMutex_);
         stateChanged_.wait_for(lock, std::chrono::milliseconds(static_cast<int>(connection_->timeoutSeconds() * 1000)), [this] {
             const int state = streamState_.load();
             return state == PA_STREAM_READY || state == PA_STREAM_FAILED || state == PA_STREAM_TERMINATED;
@@ -185,7 +185,7 @@ bool PulseCaptureStream::deliverCapturedSoFar() {
         PulseConnection::MainloopLock lock(*connection_);
         if (stream_ == nullptr || pa_stream_get_state(stream_) != PA_STREAM_READY) return false;
         {
-            std::lock_guard state(stateMutex_);
+            MutexLock state(stateMutex_);
             caughtUp_ = false;
         }
         catchingUp_ = true;
@@ -198,9 +198,12 @@ bool PulseCaptureStream::deliverCapturedSoFar() {
     }
     bool arrived = false;
     {
-        std::unique_lock lock(stateMutex_);
-        stateChanged_.wait_for(lock, std::chrono::duration<double>(blockSeconds() + kCatchUpMarginSeconds),
-                               [this] { return caughtUp_ || !alive_; });
+        const auto deadline =
+            std::chrono::steady_clock::now() + std::chrono::duration<double>(blockSeconds() + kCatchUpMarginSeconds);
+        MutexUniqueLock lock(stateMutex_);
+        while (!caughtUp_ && alive_) {
+            if (stateChanged_.wait_until(lock, deadline) == std::cv_status::timeout) break;
+        }
         arrived = caughtUp_;
     }
     PulseConnection::MainloopLock lock(*connection_);
@@ -249,7 +252,7 @@ void PulseCaptureStream::checkCatchUp() {
 void PulseCaptureStream::finishCatchUp() {
     catchingUp_ = false;
     {
-        std::lock_guard lock(stateMutex_);
+        MutexLock lock(stateMutex_);
         caughtUp_ = true;
     }
     stateChanged_.notify_all();
@@ -259,7 +262,7 @@ void PulseCaptureStream::stateCallback(pa_stream* stream, void* userdata) {
     auto* self = static_cast<PulseCaptureStream*>(userdata);
     const pa_stream_state_t state = pa_stream_get_state(stream);
     {
-        std::lock_guard lock(self->stateMutex_);
+        MutexLock lock(self->stateMutex_);
         self->streamState_ = state;
     }
     if (state == PA_STREAM_READY) {

@@ -16,6 +16,7 @@
 // Delivery runs with the main-loop lock held: it must be short, and must neither close
 // its own stream nor call back into the connection.
 
+#include "dispatch/ThreadAnnotations.hpp"
 #include "platform/pulse/InterleavedSampleRing.hpp"
 #include "platform/pulse/PulseConnection.hpp"
 #include "platform/pulse/SilencePacer.hpp"
@@ -128,11 +129,11 @@ private:
     double lastDropReportSeconds_ = 0.0;
 
     // Connection state changes, for open() to wait on.
-    std::mutex stateMutex_;
-    std::condition_variable stateChanged_;
+    Mutex stateMutex_;
+    std::condition_variable_any stateChanged_;
     std::atomic<bool> alive_{false};
     std::atomic<int> streamState_{PA_STREAM_UNCONNECTED};
-    bool caughtUp_ = false;  // guarded by stateMutex_
+    bool caughtUp_ VELTO_GUARDED_BY(stateMutex_) = false;
     std::atomic<std::uint64_t> droppedFrames_{0};
     std::atomic<std::uint64_t> deliveredBlocks_{0};
     std::atomic<std::uint64_t> silenceBlocks_{0};

@@ -56,7 +56,7 @@ void PulseConfigurationChangeCenter::startWatching() {
     // and announcing it would restart that recording moments after it started.
     connectionToken_ = connection_->addConnectionListener([this](bool connected) {
         {
-            std::lock_guard lock(eventsMutex_);
+            MutexLock lock(eventsMutex_);
             const bool foundAgain = connected && connectionLost_;
             connectionLost_ = connectionLost_ || !connected;
             if (connected && !foundAgain) return;
@@ -64,7 +64,7 @@ void PulseConfigurationChangeCenter::startWatching() {
         noteEvent(true);
     });
     {
-        std::lock_guard lock(eventsMutex_);
+        MutexLock lock(eventsMutex_);
         stopping_ = false;
     }
     notifier_ = std::thread([this] { notifierLoop(); });
@@ -72,7 +72,7 @@ void PulseConfigurationChangeCenter::startWatching() {
 
 void PulseConfigurationChangeCenter::stopWatching() {
     {
-        std::lock_guard lock(eventsMutex_);
+        MutexLock lock(eventsMutex_);
         stopping_ = true;
     }
     eventsChanged_.notify_all();
@@ -83,7 +83,7 @@ void PulseConfigurationChangeCenter::stopWatching() {
 
 void PulseConfigurationChangeCenter::noteEvent(bool definite) {
     {
-        std::lock_guard lock(eventsMutex_);
+        MutexLock lock(eventsMutex_);
         coalescer_.noteChange(monotonicSeconds());
         definiteChange_ = definiteChange_ || definite;
     }
@@ -115,7 +115,7 @@ void PulseConfigurationChangeCenter::notifierLoop() {
     if (connection_->ensureConnected() != PA_OK) logger().error("Sound server not reachable; waiting for it");
     defaultsMoved();
     double lastReconnectSeconds = monotonicSeconds();
-    std::unique_lock lock(eventsMutex_);
+    MutexUniqueLock lock(eventsMutex_);
     while (!stopping_) {
         // Look often only while a burst is settling or the server is away; otherwise an
         // event's notify wakes this thread.

@@ -11,6 +11,7 @@
 // removeObserver() returns, a block is not started again (an observer may remove
 // itself from inside its block).
 
+#include "dispatch/ThreadAnnotations.hpp"
 #include "platform/AudioConfigurationChangeCenter.hpp"
 #include "platform/ChangeCoalescer.hpp"
 #include "platform/pulse/PulseConnection.hpp"
@@ -57,12 +58,12 @@ private:
     platform::ConfigurationChangeObserverToken nextToken_ = 1;
     std::map<platform::ConfigurationChangeObserverToken, std::function<void()>> observers_;
 
-    std::mutex eventsMutex_;
-    std::condition_variable eventsChanged_;
-    platform::ChangeCoalescer coalescer_{kQuietSeconds, kMaximumDelaySeconds};  // guarded by eventsMutex_
-    bool definiteChange_ = false;                                                // guarded by eventsMutex_
-    bool stopping_ = false;                                                      // guarded by eventsMutex_
-    bool connectionLost_ = false;                                                // guarded by eventsMutex_
+    Mutex eventsMutex_;
+    std::condition_variable_any eventsChanged_;
+    platform::ChangeCoalescer coalescer_ VELTO_GUARDED_BY(eventsMutex_){kQuietSeconds, kMaximumDelaySeconds};
+    bool definiteChange_ VELTO_GUARDED_BY(eventsMutex_) = false;
+    bool stopping_ VELTO_GUARDED_BY(eventsMutex_) = false;
+    bool connectionLost_ VELTO_GUARDED_BY(eventsMutex_) = false;
     std::thread notifier_;
     std::uint64_t eventToken_ = 0;
     std::uint64_t connectionToken_ = 0;

@@ -74,7 +74,10 @@ struct PulseResult {
 
 class PulseConnection : public std::enable_shared_from_this<PulseConnection> {
 public:
-    // Holds the main-loop lock: the context and streams may be used while it lives.
+    // Holds the main-loop lock: the context and streams may be used while it lives. The
+    // lock is libpulse's own, taken by handle and held implicitly by every callback, which
+    // the thread-safety analysis could follow only through a stand-in capability: the
+    // members it guards say so in a comment ("guarded by the main-loop lock") instead.
     class MainloopLock {
     public:
         explicit MainloopLock(const PulseConnection& connection);
