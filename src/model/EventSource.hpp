@@ -97,6 +97,9 @@ public:
     bool waitFor(std::chrono::nanoseconds timeout) override {
         const auto deadline = std::chrono::steady_clock::now() + timeout;
         MutexUniqueLock lock(mutex_);
+        // A poll (no time to wait) answers at once: a timed wait on a deadline already
+        // past still sleeps in the kernel for its timer slack, some 50 µs a call.
+        if (timeout <= std::chrono::nanoseconds::zero()) return !buffer_.empty() || terminated_;
         while (buffer_.empty() && !terminated_) {
             if (available_.wait_until(lock, deadline) == std::cv_status::timeout) return !buffer_.empty() || terminated_;
         }
