@@ -2,9 +2,10 @@
 // audio + 16 kHz mono microphone, mixed at 48 kHz, written to a 16 kHz FLAC
 // file), driven by a manual clock. Counter "x_realtime": seconds of recording
 // mixed per second of one core (target: at least 200); "cpu_ms_per_s": CPU
-// milliseconds per recorded second. Argument 1 steers both sources onto the clock
-// (drift correction: a fine resampler per source at 48 kHz, the dearest case): the
-// difference between the two runs is what the adaptive path costs.
+// milliseconds per recorded second. The first argument steers both sources onto
+// the clock (drift correction: a fine resampler per source, at 48 kHz the dearest
+// case); the second cancels the echo; the third mixes at 16 kHz (as echo
+// cancellation does). The differences between the runs are what each costs.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -21,22 +22,22 @@ namespace {
 
 class PacedSource {
 public:
-    PacedSource(double rate, int64_t channels)
-        : rate_(rate), ring_(velto::FloatRingBuffer::create(channels, 96000)),
+    PacedSource(double rate, int64_t channels, double toneHertz)
+        : rate_(rate), tone_(toneHertz), ring_(velto::FloatRingBuffer::create(channels, 96000)),
           samples_(static_cast<size_t>(rate / 30)), pointers_(static_cast<size_t>(channels), samples_.data()) {}
     void produceUntil(int64_t ticks) {
         const auto due = static_cast<int64_t>(std::floor(static_cast<double>(ticks) * rate_ / 60.0));
         const int64_t frames = due - produced_;
         for (int64_t i = 0; i < frames; ++i) {
             samples_[static_cast<size_t>(i)] =
-                static_cast<float>(0.3 * std::sin(2 * std::numbers::pi * 440.0 * static_cast<double>(produced_ + i) / rate_));
+                static_cast<float>(0.3 * std::sin(2 * std::numbers::pi * tone_ * static_cast<double>(produced_ + i) / rate_));
         }
         produced_ += ring_->write(pointers_, frames);
     }
     const std::shared_ptr<velto::FloatRingBuffer>& ring() const { return ring_; }
 
 private:
-    double rate_;
+    double rate_, tone_;
     std::shared_ptr<velto::FloatRingBuffer> ring_;
     std::vector<float> samples_;
     std::vector<const float*> pointers_;
@@ -49,8 +50,8 @@ void BM_MixOneSecondDualSourceToFlac(benchmark::State& state) {
     auto file = velto::AudioFile::openForWriting(path, velto::makeAudioSettings(velto::AudioFormat::flac));
     auto clock = std::make_shared<velto::ManualClock>();
     auto mixer = velto::AudioMixer::create(1024, 3072, clock, velto::MixingTicks::caller);
-    PacedSource system(48000, 2);
-    PacedSource microphone(16000, 1);
+    PacedSource system(48000, 2, 440.0);
+    PacedSource microphone(16000, 1, 660.0);
     mixer->setSystemGain(0.3f);
     mixer->setMicrophoneGain(0.3f);
     velto::MixerInputs inputs;
@@ -59,6 +60,8 @@ void BM_MixOneSecondDualSourceToFlac(benchmark::State& state) {
     inputs.outputFile = file;
     inputs.outputFormat = file->processingFormat();
     inputs.driftCorrection = state.range(0) != 0;
+    inputs.echoCancellation = state.range(1) != 0;
+    if (state.range(2) != 0) inputs.mixingSampleRateHertz = 16000;
     mixer->start(inputs);
 
     int64_t tick = 0;
@@ -85,7 +88,15 @@ void BM_MixOneSecondDualSourceToFlac(benchmark::State& state) {
     file->close();
     std::filesystem::remove(path);
 }
-BENCHMARK(BM_MixOneSecondDualSourceToFlac)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MixOneSecondDualSourceToFlac)
+    ->ArgNames({"drift", "echo", "mix16k"})
+    ->Args({0, 0, 0})
+    ->Args({1, 0, 0})
+    ->Args({0, 0, 1})
+    ->Args({1, 0, 1})
+    ->Args({0, 1, 1})
+    ->Args({1, 1, 1})
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
