@@ -9,10 +9,11 @@ namespace {
 constexpr double kCarriedSkewsApart = 20e-6;
 // Read at the system audio's ratio, a microphone on a clock of its own moves off its
 // fill against the system audio's (whatever the shared ratio's own error, which moves
-// both alike); this far is beyond what delivery jitter moves a device's line (a few
-// tenths of a millisecond on the sandbox's paced devices) and soon reached by any real
-// difference (1.5 s at 1000 ppm, 7.5 s at 200, 15 s at 100).
-constexpr double kFillAwaySeconds = 0.0015;
+// both alike); this far is beyond what delivery jitter moves a device's line (up to
+// 0.2 ms on the sandbox's paced devices) and soon reached by any real difference (1 s
+// at 1000 ppm, 5 s at 200, 10 s at 100): the microphone moves no further than this
+// against the system audio before it is steered on its own.
+constexpr double kFillAwaySeconds = 0.001;
 // A young line's skew wanders by up to some tens of ppm; by this age a difference this
 // large is no wander.
 constexpr double kSkewsJudgedAfterSeconds = 8.0;

@@ -8,17 +8,22 @@ namespace velto {
 namespace {
 
 // The line through the deliveries spans this much and keeps the earliest of each bin.
-constexpr double kLineWindowSeconds = 30.0;
+// Long, because the fill is left to the estimate: a slope off by 3 ppm for minutes
+// moves a source 2 ms in ten, and a line's slope is uncertain by its deliveries'
+// jitter over its span. A device's clock wanders far more slowly than that.
+constexpr double kLineWindowSeconds = 120.0;
 constexpr double kLineBinSeconds = 0.25;
 constexpr double kErrorFilterSeconds = 1.0;
 // The estimate is followed through a low-pass this slow: the line's slope steps a
 // little whenever a bin closes, and the fine resampler's ratio should not.
 constexpr double kFollowSeconds = 1.0;
-// The loop answers only a fill this far off the one held (the jitter reserve holds
-// far more), and then slowly (critically damped): its work is what the estimate
-// leaves over minutes, and each of its moves is one the sources make.
-constexpr double kFillToleranceSeconds = 0.005;
-constexpr double kLoopRadiansPerSecond = 0.05;
+// The loop answers only a fill this far off the one held, and then gently (a tenth of
+// the excess a second): its work is what the estimate leaves over minutes, and each
+// of its moves is one the sources make. It has no integrator: the estimate is the
+// source's rate, and an integrator wound up while the fill was outside would hold its
+// value inside, a bias that walks the fill across the band for minutes.
+constexpr double kFillToleranceSeconds = 0.002;
+constexpr double kLoopGainPerSecond = 0.1;
 // Beyond the largest skew, room for the loop to bring the fill back.
 constexpr double kLargestCorrection = DriftController::kLargestSkew * 1.5;
 // A line over a shorter span says little about a rate.
@@ -98,7 +103,6 @@ void DriftController::setFollowingAnother(bool following) {
     if (following_ && !following) {
         // Taking over: the fill found from now on is the one to hold.
         setpointFrames_.reset();
-        integral_ = 0;
     }
     following_ = following;
 }
@@ -152,11 +156,7 @@ double DriftController::update(double nowSeconds, int64_t producedFrames, double
     }
     const double loopErrorSeconds =
         std::copysign(std::max(0.0, std::abs(filteredErrorSeconds_) - kFillToleranceSeconds), filteredErrorSeconds_);
-    const double proportionalGain = 2.0 * kLoopRadiansPerSecond;
-    const double integralGain = kLoopRadiansPerSecond * kLoopRadiansPerSecond;
-    const double headroom = kLargestCorrection - std::abs(*feedForward_);
-    integral_ = std::clamp(integral_ + integralGain * loopErrorSeconds * dt, -headroom, headroom);
-    correction_ = std::clamp(*feedForward_ + proportionalGain * loopErrorSeconds + integral_, -kLargestCorrection,
+    correction_ = std::clamp(*feedForward_ + kLoopGainPerSecond * loopErrorSeconds, -kLargestCorrection,
                              kLargestCorrection);
     return correction_;
 }

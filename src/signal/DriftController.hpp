@@ -14,12 +14,12 @@ namespace velto {
 //
 // Two parts, as a delay-locked loop has them:
 // - the source's own rate, from the line along its earliest deliveries (frames
-//   written against the time they arrived, over the last 30 s; see
+//   written against the time they arrived, over the last two minutes; see
 //   EarliestDeliveryLine): this is the skew, and it is fed forward, through a
 //   1 s low-pass, once it lies clearly off the starting point (a young line's
 //   wander is not a skew);
-// - a slow PI loop (critically damped at 0.05 rad/s) on the fill error beyond
-//   5 ms, which takes out what the estimate leaves over minutes.
+// - a gentle proportional loop on the fill error beyond 2 ms, which takes out
+//   what the estimate leaves over minutes.
 // Each change of the ratio moves the source against the others, and moves the
 // loudspeakers' echo under the echo canceller (100 ppm more or less shifts a
 // 300 ms echo by half a sample): so the ratio changes only as the evidence
@@ -93,7 +93,6 @@ private:
     std::optional<double> setpointFrames_;
     std::optional<double> lastUpdateSeconds_;
     double filteredErrorSeconds_ = 0;
-    double integral_ = 0;
     double correction_ = 0;
     bool skewOutOfRange_ = false;
     bool following_ = false;
