@@ -6,7 +6,8 @@
 #   - echo reduction on the microphone's track (--tracks separate) from 4 s on (3 s
 #     after the far end starts), against the same recording without cancellation, of
 #     at least VELTO_ECHO_MIN_REDUCTION_DB (default 25, the target) for echo paths of
-#     20 ms / 0 dB, 100 ms / 6 dB and 300 ms / 20 dB, the canceller's own figure beside it;
+#     20 ms / 0 dB, 100 ms / 6 dB and 300 ms / 20 dB (VELTO_ECHO_PATHS, "DELAY:DB ..."),
+#     the canceller's own figure beside it;
 #   - double talk (espeak-ng voices at both ends, the near end from 5 s on with a 1 kHz
 #     tone to measure it by): the tone on the microphone's track within 3 dB of the
 #     same recording without cancellation, and within 1 dB once the far end is silent;
@@ -49,8 +50,8 @@ microphone_db() {
         awk '/RMS +amplitude/ { printf "%.2f", 20 * log($3) / log(10) }'
 }
 
-for path in "20 0" "100 6" "300 20"; do
-    read -r delay attenuation <<<"$path"
+for path in ${VELTO_ECHO_PATHS:-20:0 100:6 300:20}; do
+    delay=${path%:*} attenuation=${path#*:}
     sandbox echo-path on "$delay" "$attenuation"
     for echo in on off; do
         play velto_speakers "$work/speech/far.wav"
