@@ -72,10 +72,10 @@ static int open_fifo(const char *path) {
     return fd;
 }
 
-static int parse_path(char *spec, struct path *path) {
+static int parse_path(char *text, struct path *path) {
     char *fields[3];
     int count = 0;
-    for (char *token = strtok(spec, ":"); token != NULL && count < 3; token = strtok(NULL, ":")) fields[count++] = token;
+    for (char *token = strtok(text, ":"); token != NULL && count < 3; token = strtok(NULL, ":")) fields[count++] = token;
     if (count < 2) return -1;
     const int channels = atoi(fields[count - 1]);
     if (channels < 1 || channels > 32) return -1;
