@@ -231,13 +231,17 @@ struct SkewedSource {
     int64_t produced = 0, overrunFrames = 0, highestFill = 0;
 };
 
+// The drift recordings' tracks: separate, mixed at 16 kHz.
+constexpr double kTrackRate = 16000;
+constexpr int64_t kTrackFramesPerSecond = 16000;
+
 // The delay of a track's low tone over each whole second, measured as the recording
 // runs (unwrapped, in seconds): a phasor turning at the tone against the samples.
 class TrackTiming {
 public:
-    TrackTiming(double toneHertz, double rateHertz)
-        : toneHertz_(toneHertz), rate_(static_cast<int64_t>(rateHertz)), sinStep_(std::sin(2 * kPi * toneHertz / rateHertz)),
-          cosStep_(std::cos(2 * kPi * toneHertz / rateHertz)) {}
+    explicit TrackTiming(double toneHertz)
+        : toneHertz_(toneHertz), sinStep_(std::sin(2 * kPi * toneHertz / kTrackRate)),
+          cosStep_(std::cos(2 * kPi * toneHertz / kTrackRate)) {}
     void add(float sample) {
         sineSum_ += sample * phasorSine_;
         cosineSum_ += sample * phasorCosine_;
@@ -246,12 +250,12 @@ public:
         phasorCosine_ = phasorCosine_ * cosStep_ - phasorSine_ * sinStep_;
         phasorSine_ = sine;
         lastSound_ = std::abs(sample) > 1e-3f ? frames_ : lastSound_;
-        if (++frames_ % rate_ != 0) return;
+        if (++frames_ % kTrackFramesPerSecond != 0) return;
         const double phase = std::atan2(cosineSum_, sineSum_);
         if (!delays.empty()) turns_ += std::round((previousPhase_ - phase) / (2 * kPi));
         previousPhase_ = phase;
         // A later signal has an earlier phase: delay = −phase ÷ (2π × tone).
-        if (frames_ > rate_) delays.push_back(-(phase + 2 * kPi * turns_) / (2 * kPi * toneHertz_));  // the first second settles
+        if (frames_ > kTrackFramesPerSecond) delays.push_back(-(phase + 2 * kPi * turns_) / (2 * kPi * toneHertz_));  // the first second settles
         sineSum_ = cosineSum_ = 0;
         const double norm = std::hypot(phasorSine_, phasorCosine_);
         phasorSine_ /= norm;
@@ -262,9 +266,7 @@ public:
     std::vector<double> delays;
 
 private:
-    double toneHertz_;
-    int64_t rate_;
-    double sinStep_, cosStep_;
+    double toneHertz_, sinStep_, cosStep_;
     double phasorSine_ = 0, phasorCosine_ = 1, sineSum_ = 0, cosineSum_ = 0, previousPhase_ = 0, turns_ = 0;
     int64_t frames_ = 0, lastSound_ = 0;
 };
@@ -292,12 +294,9 @@ void runSkewed(MixerRig& rig, const std::vector<SkewedSource*>& sources, double 
 }
 
 struct DriftRecording {
-    explicit DriftRecording(double mixingRateHertz)
-        : mixingRate(mixingRateHertz), microphone(10.0, mixingRateHertz), system(13.0, mixingRateHertz) {}
-    double mixingRate;
     // The two tracks, at the mixing rate: each source its own tone, so that with echo
     // cancellation the microphone's does not pass for the system audio's echo.
-    TrackTiming microphone, system;
+    TrackTiming microphone{10.0}, system{13.0};
     int64_t underruns = 0;
     double highestFillSeconds = 0;
     double secondsRecorded = 0;  // of the mixer's clock, from start to stop
@@ -306,23 +305,23 @@ struct DriftRecording {
 // Records both sources as separate tracks at 16 kHz for `seconds`, with or without
 // the echo canceller between the sources and the tracks.
 DriftRecording recordSkewed(double microphoneSkew, double systemSkew, double seconds, bool cancelEcho = false) {
-    constexpr double microphoneRate = 16000, systemRate = 48000, mixingRate = 16000;
+    constexpr double microphoneRate = 16000, systemRate = 48000;
     MixerRig rig(1024, 3072);
     SkewedSource microphone(microphoneRate, microphoneSkew, 1, 1024, 10.0);
     SkewedSource system(systemRate, systemSkew, 2, static_cast<int64_t>(systemRate / 100), 13.0);
     microphone.ring->stampDeliveriesWith(rig.clock);
     system.ring->stampDeliveriesWith(rig.clock);
     auto inputs = testing::dualInputs(system.ring, systemRate, 2, microphone.ring, microphoneRate, nullptr,
-                                      *PcmFormat::make(mixingRate, 2, true));
+                                      *PcmFormat::make(kTrackRate, 2, true));
     inputs.layout = MixerTrackLayout::separate;
-    inputs.mixingSampleRateHertz = mixingRate;
+    inputs.mixingSampleRateHertz = kTrackRate;
     inputs.driftCorrection = true;
     inputs.echoCancellation = cancelEcho;
     auto stream = rig.mixer->audioStream();
     const double start = rig.clock->nowSeconds();
     rig.mixer->start(inputs);
 
-    DriftRecording recording(mixingRate);
+    DriftRecording recording;
     const auto collect = [&] {
         testing::forEachFrame(stream, [&](const float* frame) {
             recording.microphone.add(frame[0]);
@@ -364,12 +363,12 @@ void expectInStep(const DriftRecording& recording) {
     EXPECT_LT(movementAfter(microphone, 10), 0.001);
     EXPECT_LT(movementAfter(system, 10), 0.001);
     EXPECT_EQ(recording.underruns, 0);
-    EXPECT_LT(recording.highestFillSeconds, (2 * 3072 + 2048) / 16000.0);
+    EXPECT_LT(recording.highestFillSeconds, (2 * 3072 + 2048) / kTrackRate);
     // The file holds the time it took, and the reserve written at the stop.
-    EXPECT_NEAR(static_cast<double>(recording.microphone.frames()) / recording.mixingRate, recording.secondsRecorded, 0.25);
+    EXPECT_NEAR(static_cast<double>(recording.microphone.frames()) / kTrackRate, recording.secondsRecorded, 0.25);
     // Both tracks end together: neither is silent over more than the last tick while the other sounds.
     EXPECT_NEAR(static_cast<double>(recording.microphone.lastSoundFrame()),
-                static_cast<double>(recording.system.lastSoundFrame()), recording.mixingRate * (1 / 60.0 + 0.05));
+                static_cast<double>(recording.system.lastSoundFrame()), kTrackRate * (1 / 60.0 + 0.05));
 }
 
 struct SkewCase {
