@@ -450,11 +450,14 @@ void AudioMixer::drainEchoCanceller() {
 void AudioMixer::logEchoCancellation() const {
     if (!echoCanceller_) return;
     const EchoCanceller::Report report = echoCanceller_->report();
+    // How long the filter ran tells what the cancellation cost.
+    const std::string filtered = "; the filter ran " + formatDouble(std::round(report.filteredSeconds * 10) / 10) + " s of " +
+                                 formatDouble(std::round(report.processedSeconds * 10) / 10) + " s";
     if (report.echoDelayMs < 0) {
-        logger().info("Echo cancellation: no echo of the system audio found in the microphone; microphone left unchanged");
+        logger().info("Echo cancellation: no echo of the system audio found in the microphone; microphone left unchanged" + filtered);
     } else {
         logger().info("Echo cancellation: echo delay " + std::to_string(report.echoDelayMs) + " ms, suppression " +
-                      formatDouble(std::round(report.suppressionDb * 10) / 10) + " dB");
+                      formatDouble(std::round(report.suppressionDb * 10) / 10) + " dB" + filtered);
     }
 }
 

@@ -16,6 +16,17 @@ constexpr double kActiveFrameEnergy = 1e-6 * EchoCanceller::kFrameFrames;
 constexpr double kEngageRatio = 4.0;
 constexpr double kEngageFollow = 0.08;
 constexpr double kDcBlockerPole = 0.99;
+// A reference quieter than this (about -80 dBFS RMS, a few steps of 16 bits) leaves
+// no echo worth a filter.
+constexpr double kSilentFrameEnergy = 1e-8 * EchoCanceller::kFrameFrames;
+
+// One frame's fade from `from` to `to` into out (which may be either), so a switch makes no click.
+void crossfade(const float* from, const float* to, float* out) noexcept {
+    for (int64_t i = 0; i < EchoCanceller::kFrameFrames; ++i) {
+        const float weight = static_cast<float>(i + 1) / static_cast<float>(EchoCanceller::kFrameFrames);
+        out[i] = weight * to[i] + (1.0f - weight) * from[i];
+    }
+}
 
 // Rounded to nearest inline: lround's library call per sample stood out in the frame's own work.
 spx_int16_t toPcm16(float sample) noexcept {
@@ -36,7 +47,8 @@ EchoCanceller::EchoCanceller(int64_t maximumBlockFrames)
       systemIn_(kFrameFrames + maximumBlockFrames),
       microphoneOut_(2 * kFrameFrames + maximumBlockFrames),
       systemOut_(2 * kFrameFrames + maximumBlockFrames),
-      systemHistory_(static_cast<size_t>(kMaximumDelayFrames + kFrameFrames), 0.0f) {
+      systemHistory_(static_cast<size_t>(kMaximumDelayFrames + kReplayFrames + kFrameFrames), 0.0f),
+      microphoneHistory_(systemHistory_.size(), 0.0f) {
     int rate = static_cast<int>(kSampleRateHertz);
     speex_echo_ctl(speex_, SPEEX_ECHO_SET_SAMPLING_RATE, &rate);
     microphoneOut_.pushSilence(kFrameFrames);
@@ -68,38 +80,47 @@ void EchoCanceller::processFrame() noexcept {
     const auto historySize = static_cast<int64_t>(systemHistory_.size());
     for (int64_t i = 0; i < kFrameFrames; ++i) {
         systemHistory_[static_cast<size_t>(historyWriteIndex_)] = system[i];
+        microphoneHistory_[static_cast<size_t>(historyWriteIndex_)] = microphone[i];
         if (++historyWriteIndex_ == historySize) historyWriteIndex_ = 0;
     }
     const int64_t delayFrames = estimator_.delayFrames();
     if (delayFrames >= 0 && needsRealigning(delayFrames)) {
-        // What the filter learnt belongs to the old alignment (a reset keeps
-        // speex's power estimates, which is why the filter runs before the first estimate).
+        // What the filter learnt belongs to the old alignment.
         speex_echo_state_reset(speex_);
         alignmentShiftFrames_ = std::max<int64_t>(0, delayFrames - kAlignmentMarginFrames);
         aligned_ = true;
+        if (!engaged_) {
+            restFrames_ = kRetryFrames;
+            startProbing();
+        }
+        learnFromHistory();
     }
+
+    float reference[kFrameFrames];
+    readHistory(systemHistory_, kFrameFrames + alignmentShiftFrames_, reference);
 
     const float* output = microphone;
     float cancelled[kFrameFrames];
-    {
-        spx_int16_t reference[kFrameFrames], recorded[kFrameFrames], result[kFrameFrames];
-        // The newest frame sits at the history's last kFrameFrames; the aligned one lies shift earlier.
-        int64_t readIndex = (historyWriteIndex_ - kFrameFrames - alignmentShiftFrames_ + 2 * historySize) % historySize;
-        for (int64_t i = 0; i < kFrameFrames; ++i) {
-            reference[i] = toPcm16(systemHistory_[static_cast<size_t>(readIndex)]);
-            if (++readIndex == historySize) readIndex = 0;
-            recorded[i] = toPcm16(microphone[i]);
-        }
-        speex_echo_cancellation(speex_, recorded, reference, result);
-        for (int64_t i = 0; i < kFrameFrames; ++i) cancelled[i] = static_cast<float>(result[i]) / 32767.0f;
+    const bool filterRuns = filterShouldRun(reference);
+    // A filtered microphone going back to the raw one takes one more frame of the
+    // filter, to fade across: speex takes the microphone's DC away, a step otherwise.
+    const bool fadingOut = !filterRuns && engaged_ && lastOutputFiltered_;
+    if (filterRuns || fadingOut) {
+        runFilter(reference, microphone, cancelled);
         if (!engaged_) engage(system, microphone, cancelled);
-        if (engaged_) {
-            output = cancelled;
-            reportedDelayFrames_.store(delayFrames, std::memory_order_relaxed);
-        }
+    }
+    if (engaged_ && (filterRuns || fadingOut)) {
+        if (fadingOut)
+            crossfade(cancelled, microphone, cancelled);
+        else if (!lastOutputFiltered_)
+            crossfade(microphone, cancelled, cancelled);
+        output = cancelled;
+        lastOutputFiltered_ = !fadingOut;
+        reportedDelayFrames_.store(delayFrames, std::memory_order_relaxed);
     }
 
     processedFrames_ += kFrameFrames;
+    reportedProcessedFrames_.store(processedFrames_, std::memory_order_relaxed);
     if (firstEchoFrame_ < 0 && delayFrames >= 0) firstEchoFrame_ = processedFrames_;
     if (firstEchoFrame_ >= 0 && processedFrames_ > firstEchoFrame_ + kConvergenceFrames) {
         double systemEnergy = 0, inEnergy = 0, outEnergy = 0;
@@ -119,6 +140,79 @@ void EchoCanceller::processFrame() noexcept {
     systemOut_.push(system, kFrameFrames);
 }
 
+// The frame that starts framesBack before the newest sample's successor.
+void EchoCanceller::readHistory(const std::vector<float>& history, int64_t framesBack, float* frame) const noexcept {
+    const auto historySize = static_cast<int64_t>(history.size());
+    int64_t readIndex = historyWriteIndex_ - framesBack;
+    if (readIndex < 0) readIndex += historySize;
+    for (int64_t i = 0; i < kFrameFrames; ++i) {
+        frame[i] = history[static_cast<size_t>(readIndex)];
+        if (++readIndex == historySize) readIndex = 0;
+    }
+}
+
+// The echo has usually played for a second when the estimate finds it: the filter
+// learns that second from the history (a burst of work once per placement) rather
+// than converging only from now on. Its output is not used; the current frame's
+// is the first that is.
+void EchoCanceller::learnFromHistory() noexcept {
+    const int64_t heardFrames = std::min(processedFrames_, kReplayFrames);
+    const int64_t replayFrames = heardFrames / kFrameFrames * kFrameFrames;
+    float reference[kFrameFrames], microphone[kFrameFrames], discarded[kFrameFrames];
+    for (int64_t back = replayFrames; back > 0; back -= kFrameFrames) {
+        // The current frame is the history's newest; the replay ends just before it.
+        readHistory(systemHistory_, kFrameFrames + back + alignmentShiftFrames_, reference);
+        readHistory(microphoneHistory_, kFrameFrames + back, microphone);
+        runFilter(reference, microphone, discarded);
+    }
+}
+
+bool EchoCanceller::filterShouldRun(const float* reference) noexcept {
+    double energy = 0;
+    for (int64_t i = 0; i < kFrameFrames; ++i) energy += static_cast<double>(reference[i]) * reference[i];
+    silentReferenceFrames_ = energy > kSilentFrameEnergy ? 0 : silentReferenceFrames_ + kFrameFrames;
+    // Silent over the filter's span and the frame before it (speex keeps one more),
+    // the filter has no echo to take away and nothing stale to bring back later.
+    const bool referenceHeard = silentReferenceFrames_ < kFilterFrames + 2 * kFrameFrames;
+    if (engaged_) return referenceHeard;
+    const bool active = energy > kActiveFrameEnergy;
+    if (probing_) {
+        if (active) probeActiveFrames_ += kFrameFrames;
+        if (probeActiveFrames_ > kProbeFrames) {
+            probing_ = false;
+            restingActiveFrames_ = 0;
+        }
+    } else if (aligned_ && active) {
+        restingActiveFrames_ += kFrameFrames;
+        if (restingActiveFrames_ > restFrames_) {
+            restFrames_ = std::min(2 * restFrames_, kLongestRestFrames);
+            speex_echo_state_reset(speex_);
+            startProbing();
+            learnFromHistory();
+        }
+    }
+    return probing_ && referenceHeard;
+}
+
+void EchoCanceller::startProbing() noexcept {
+    probing_ = true;
+    probeActiveFrames_ = 0;
+    recentMicrophoneEnergy_ = 0;
+    recentFilteredEnergy_ = 0;
+}
+
+void EchoCanceller::runFilter(const float* reference, const float* microphone, float* cancelled) noexcept {
+    spx_int16_t reference16[kFrameFrames], recorded[kFrameFrames], result[kFrameFrames];
+    for (int64_t i = 0; i < kFrameFrames; ++i) {
+        reference16[i] = toPcm16(reference[i]);
+        recorded[i] = toPcm16(microphone[i]);
+    }
+    speex_echo_cancellation(speex_, recorded, reference16, result);
+    for (int64_t i = 0; i < kFrameFrames; ++i) cancelled[i] = static_cast<float>(result[i]) / 32767.0f;
+    filteredFrames_ += kFrameFrames;
+    reportedFilteredFrames_.store(filteredFrames_, std::memory_order_relaxed);
+}
+
 // The estimate of a long echo's delay may swing between neighbouring envelope lags;
 // a reset for each swing would throw away what the filter has learnt, every time. A
 // filter already placed keeps its place while the echo's start stays inside its first
@@ -127,7 +221,10 @@ void EchoCanceller::processFrame() noexcept {
 bool EchoCanceller::needsRealigning(int64_t delayFrames) const noexcept {
     if (!aligned_) return true;
     const int64_t intoFilterFrames = delayFrames - alignmentShiftFrames_;
-    return intoFilterFrames < kAlignmentMarginFrames / 2 || intoFilterFrames > kFilterFrames / 4;
+    // A filter already at the start of the history cannot move earlier: an echo
+    // shorter than the margin is as covered as it can be.
+    const bool tooEarly = intoFilterFrames < kAlignmentMarginFrames / 2 && alignmentShiftFrames_ > 0;
+    return tooEarly || intoFilterFrames > kFilterFrames / 4;
 }
 
 void EchoCanceller::engage(const float* system, const float* microphone, float* cancelled) noexcept {
@@ -148,11 +245,6 @@ void EchoCanceller::engage(const float* system, const float* microphone, float* 
     recentFilteredEnergy_ += kEngageFollow * (outEnergy - recentFilteredEnergy_);
     if (recentMicrophoneEnergy_ <= kActiveFrameEnergy * 1e-2 || recentMicrophoneEnergy_ < kEngageRatio * recentFilteredEnergy_) return;
     engaged_ = true;
-    // A one-frame fade (16 ms) from the microphone to the filtered signal, so the switch makes no click.
-    for (int64_t i = 0; i < kFrameFrames; ++i) {
-        const float weight = static_cast<float>(i + 1) / static_cast<float>(kFrameFrames);
-        cancelled[i] = weight * cancelled[i] + (1.0f - weight) * microphone[i];
-    }
 }
 
 int64_t EchoCanceller::drain(float* microphone, float* system, int64_t maxFrames) noexcept {
@@ -178,6 +270,8 @@ EchoCanceller::Report EchoCanceller::report() const {
     const int64_t delayFrames = reportedDelayFrames_.load(std::memory_order_relaxed);
     report.echoDelayMs = delayFrames < 0 ? -1 : delayFrames * 1000 / kSampleRateHertz;
     report.suppressionDb = reportedSuppressionDb_.load(std::memory_order_relaxed);
+    report.filteredSeconds = static_cast<double>(reportedFilteredFrames_.load(std::memory_order_relaxed)) / kSampleRateHertz;
+    report.processedSeconds = static_cast<double>(reportedProcessedFrames_.load(std::memory_order_relaxed)) / kSampleRateHertz;
     return report;
 }
 

@@ -21,8 +21,16 @@ namespace velto {
 // residual suppressor) bought 4-10 dB more echo reduction with 0.6-10 dB of the
 // near-end voice, which is what a recording keeps. The filter's output is used
 // only once the delay estimate has seen an echo and the filter has proved that
-// it removes it (6 dB of the microphone while the system audio plays): until then, and with headphones forever, the
-// microphone passes untouched, whatever the delay estimate thought it saw.
+// it removes it (6 dB of the microphone while the system audio plays): until
+// then, and with headphones forever, the microphone passes untouched, whatever
+// the delay estimate thought it saw.
+//
+// The filter is most of the cost, so it runs only where it can matter: not before
+// the delay estimate has found an echo (with headphones, never); not once it has
+// tried for kProbeFrames of system audio without proving itself (a correlation that
+// was no echo), until the estimate moves or a rest has passed; and not while
+// the system audio has been silent over the filter's whole span, where the echo it
+// would take away is nothing.
 //
 // Works at 16 kHz only, internally in 16 ms frames: in a recording the filter's
 // state is cold at every frame (other threads run between the mixer's ticks), and
@@ -40,8 +48,17 @@ public:
     static constexpr int64_t kFilterFrames = 1024;                // 64 ms of room after the delay
     static constexpr int64_t kMaximumDelayFrames = 8000;          // 500 ms of echo delay
     static constexpr int64_t kAlignmentMarginFrames = 240;        // the filter starts 15 ms before the echo
+    // A newly placed filter first runs over this much of the recent past, so that it
+    // has converged about as far as the echo has lasted before the estimate found it.
+    static constexpr int64_t kReplayFrames = 60 * kFrameFrames;  // 0.96 s
     // Suppression is measured from this long after the echo first showed itself.
     static constexpr int64_t kConvergenceFrames = 3 * kSampleRateHertz;
+    // Frames of system audio the filter gets to prove an echo it was placed on, and
+    // how long it rests after failing before it tries again on the same estimate:
+    // twice as long after each failure, up to the longest rest.
+    static constexpr int64_t kProbeFrames = 8 * kSampleRateHertz;
+    static constexpr int64_t kRetryFrames = 30 * kSampleRateHertz;
+    static constexpr int64_t kLongestRestFrames = 8 * kRetryFrames;
 
     struct Report {
         // The echo delay found, in milliseconds; -1 when no echo was found.
@@ -50,6 +67,9 @@ public:
         // from 3 s after the echo first showed itself (the filter's time to converge;
         // a device's stream may start late); 0 when there was nothing to measure.
         double suppressionDb = 0;
+        // How much of the stream the echo filter ran on, and the stream's length.
+        double filteredSeconds = 0;
+        double processedSeconds = 0;
     };
 
     static std::unique_ptr<EchoCanceller> create(int64_t maximumBlockFrames);
@@ -71,6 +91,11 @@ public:
 private:
     explicit EchoCanceller(int64_t maximumBlockFrames);
     void processFrame() noexcept;
+    bool filterShouldRun(const float* reference) noexcept;
+    void runFilter(const float* reference, const float* microphone, float* cancelled) noexcept;
+    void startProbing() noexcept;
+    void readHistory(const std::vector<float>& history, int64_t framesBack, float* frame) const noexcept;
+    void learnFromHistory() noexcept;
     void engage(const float* system, const float* microphone, float* cancelled) noexcept;
     bool needsRealigning(int64_t delayFrames) const noexcept;
 
@@ -78,12 +103,21 @@ private:
     SpeexEchoState_* speex_ = nullptr;
     EchoDelayEstimator estimator_;
     MonoSampleFifo microphoneIn_, systemIn_, microphoneOut_, systemOut_;
-    // The system audio's recent past, from which the aligned reference is read.
+    // Both signals' recent past, sharing one write index: the aligned reference is
+    // read from the system's, and a newly placed filter first learns from both.
     std::vector<float> systemHistory_;
+    std::vector<float> microphoneHistory_;
     int64_t historyWriteIndex_ = 0;
     int64_t alignmentShiftFrames_ = 0;  // until a delay is estimated, the filter covers short echoes
     bool aligned_ = false;               // placed by a delay estimate
     bool engaged_ = false;               // the filter's output replaces the microphone
+    bool probing_ = false;               // placed, not yet engaged, still trying
+    bool lastOutputFiltered_ = false;    // the previous frame's microphone came from the filter
+    int64_t probeActiveFrames_ = 0;      // frames with system audio since probing started
+    int64_t restingActiveFrames_ = 0;    // frames with system audio since probing gave up
+    int64_t restFrames_ = kRetryFrames;  // how long this rest lasts
+    int64_t silentReferenceFrames_ = 0;  // how long the aligned reference has been silent
+    int64_t filteredFrames_ = 0;
     double recentMicrophoneEnergy_ = 0;  // smoothed over ~0.2 s of frames with system audio
     double recentFilteredEnergy_ = 0;
     double dcBlockerInput_ = 0;
@@ -95,6 +129,8 @@ private:
     double outputEnergy_ = 0;
     std::atomic<int64_t> reportedDelayFrames_{-1};
     std::atomic<double> reportedSuppressionDb_{0};
+    std::atomic<int64_t> reportedFilteredFrames_{0};
+    std::atomic<int64_t> reportedProcessedFrames_{0};
 };
 
 }  // namespace velto

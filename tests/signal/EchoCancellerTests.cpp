@@ -85,7 +85,8 @@ double toneAmplitude(const Signal& s, int64_t from, int64_t to) {
 TEST(EchoCanceller, RemovesEchoAtShortAndLongDelaysAndReportsIt) {
     const int64_t frames = 8 * kRate;
     const Signal far = testing::speechLikeNoise(frames, kRate);
-    for (const auto& [delayMs, attenuationDb] : {std::pair{20, 0.0}, std::pair{120, 6.0}, std::pair{300, 20.0}}) {
+    // 3 ms: shorter than the margin the filter keeps before the echo.
+    for (const auto& [delayMs, attenuationDb] : {std::pair{3, 0.0}, std::pair{20, 0.0}, std::pair{120, 6.0}, std::pair{300, 20.0}}) {
         SCOPED_TRACE(delayMs);
         const Signal microphone = roomEcho(far, delayMs * kRate / 1000, attenuationDb);
         const Output out = cancel(microphone, far);
@@ -111,6 +112,30 @@ TEST(EchoCanceller, KeepsTheNearEndWhenTheFarEndIsSilentAndInDoubleTalk) {
 
     const Output doubleTalk = cancel(sum(roomEcho(far, delay, 6), nearTone), far);
     EXPECT_LT(std::fabs(20 * std::log10(toneAmplitude(doubleTalk.microphone, nearFrom + kRate / 2, frames) / expected)), 3.0);
+}
+
+TEST(EchoCanceller, TheFilterRunsOnlyWhileThereIsAnEchoToRemove) {
+    // The far end falls silent halfway: the filter stops once its span is silent. It
+    // starts where the delay estimate finds the echo, having learnt what came before.
+    const int64_t frames = 8 * kRate;
+    Signal far = testing::speechLikeNoise(frames, kRate);
+    std::fill(far.begin() + frames / 2, far.end(), 0.0f);
+    const Output halfSilent = cancel(roomEcho(far, 150 * kRate / 1000, 6), far);
+    EXPECT_GT(halfSilent.report.filteredSeconds, 3.5);
+    EXPECT_LT(halfSilent.report.filteredSeconds, 4.3);
+    EXPECT_DOUBLE_EQ(halfSilent.report.processedSeconds, 8.0);
+
+    // Steady tones correlate at some lag without being an echo: the filter tries for
+    // its probing time (8 s), gives up, and leaves the microphone as it was. It tries
+    // again after 30 s and then after 60: three probes in two minutes, each also
+    // learning from up to a second of history.
+    const int64_t longFrames = 120 * kRate;
+    const Signal microphone = tone(660, 0.3, 0, longFrames);
+    const Output tones = cancel(microphone, tone(440, 0.3, 0, longFrames));
+    EXPECT_EQ(tones.microphone, microphone);
+    EXPECT_EQ(tones.report.echoDelayMs, -1);
+    EXPECT_GT(tones.report.filteredSeconds, 24.0);
+    EXPECT_LT(tones.report.filteredSeconds, 27.0);
 }
 
 TEST(EchoCanceller, WithoutAnEchoPathTheMicrophonePassesUntouched) {
