@@ -63,17 +63,21 @@ void EchoDelayEstimator::processEnvelopePair(float system, float microphone) noe
 
 void EchoDelayEstimator::decide() noexcept {
     if (envelopesSeen_ < kWarmUpEnvelopes) return;
+    // The best normalised correlation cross / sqrt(energy), compared squared: no root or
+    // division per lag, only for the winner.
     int64_t bestLag = -1;
-    double best = 0;
+    double bestCross = 0, bestEnergy = 1;
     for (int64_t lag = 0; lag < lagCount_; ++lag) {
         const double energy = systemEnergySum_[static_cast<size_t>(lag)] * microphoneEnergySum_;
-        if (energy <= 1e-30) continue;
-        const double rho = crossSum_[static_cast<size_t>(lag)] / std::sqrt(energy);
-        if (rho > best) {
-            best = rho;
+        const double cross = crossSum_[static_cast<size_t>(lag)];
+        if (energy <= 1e-30 || cross <= 0) continue;
+        if (cross * cross * bestEnergy > bestCross * bestCross * energy) {
+            bestCross = cross;
+            bestEnergy = energy;
             bestLag = lag;
         }
     }
+    const double best = bestLag < 0 ? 0 : bestCross / std::sqrt(bestEnergy);
     if (bestLag < 0 || best < kMinimumConfidence) {
         candidateVotes_ = 0;
         if (delayFrames_ < 0) confidence_ = best;
