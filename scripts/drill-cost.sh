@@ -11,6 +11,11 @@
 # same rounds, e.g.  VELTO_COST_VARIANTS='separate=--tracks separate;echo-off=--echo-cancellation off'
 # Each variant's median CPU ms per recorded second is printed beside the plain one's, with
 # its difference: what an option costs, measured against the same machine's load.
+#
+# VELTO_COST_ECHO_PATH=DELAY_MS:ATTENUATION_DB records with the microphone hearing the
+# speakers (scripts/sound-sandbox.sh echo-path) and espeak-ng speech on the speakers
+# instead of the tone, the near end a quiet tone: the echo canceller then has an echo to
+# remove, and its filter runs wherever the far end talks.
 source "$(dirname "$0")/drill-common.sh"
 seconds=${1:-30}
 rounds=${2:-3}
@@ -24,9 +29,6 @@ cpu_of() {
     awk '{ printf "%.3f %.3f\n", $1 + $2, $3 }' "$times"
 }
 
-play_into velto_speakers $((rounds * (2 * seconds + 10) + 20)) 440
-play_into velto_mic_in $((rounds * (2 * seconds + 10) + 20)) 660
-sleep 1
 
 # name=arguments pairs; "plain" is the recording as the target measures it.
 variant_names=()
@@ -38,6 +40,25 @@ for entry in "${variant_entries[@]}"; do
     variant_args+=("${entry#*=}")
 done
 declare -A variant_costs=()
+
+# Sound for every recording of every round: velto's plain one, each variant's, ffmpeg's.
+playing_seconds=$((rounds * ((2 + ${#variant_names[@]}) * (seconds + 5)) + 20))
+if [[ -n ${VELTO_COST_ECHO_PATH:-} ]]; then
+    bash "$root/scripts/sound-sandbox.sh" echo-path on "${VELTO_COST_ECHO_PATH%:*}" "${VELTO_COST_ECHO_PATH#*:}" >/dev/null
+    bash "$root/scripts/render-echo-speech.sh" "$work/speech" >/dev/null
+    far_seconds=$(soxi -D "$work/speech/far.wav")
+    (sox -q "$work/speech/far.wav" -t raw -r 48000 -e float -b 32 -c 1 - \
+        repeat "$(awk -v p="$playing_seconds" -v f="$far_seconds" 'BEGIN { print int(p / f) + 1 }')" |
+        pacat --playback --device=velto_speakers --rate=48000 --channels=1 --format=float32le 2>/dev/null) &
+    drill_background+=($!)
+    (sox -q -n -t raw -r 48000 -e float -b 32 -c 1 - synth "$playing_seconds" sine 660 vol 0.01 |
+        pacat --playback --device=velto_mic_in --rate=48000 --channels=1 --format=float32le 2>/dev/null) &
+    drill_background+=($!)
+else
+    play_into velto_speakers "$playing_seconds" 440
+    play_into velto_mic_in "$playing_seconds" 660
+fi
+sleep 1
 
 # velto_cost_per_second NAME ARGS...: one velto recording; prints CPU ms per recorded second.
 velto_cost_per_second() {
