@@ -107,6 +107,8 @@ void EchoCanceller::processFrame() noexcept {
     const bool fadingOut = !filterRuns && engaged_ && lastOutputFiltered_;
     if (filterRuns || fadingOut) {
         runFilter(reference, microphone, cancelled);
+        filteredFrames_ += kFrameFrames;
+        reportedFilteredFrames_.store(filteredFrames_, std::memory_order_relaxed);
         if (!engaged_) engage(system, microphone, cancelled);
     }
     if (engaged_ && (filterRuns || fadingOut)) {
@@ -209,8 +211,6 @@ void EchoCanceller::runFilter(const float* reference, const float* microphone, f
     }
     speex_echo_cancellation(speex_, recorded, reference16, result);
     for (int64_t i = 0; i < kFrameFrames; ++i) cancelled[i] = static_cast<float>(result[i]) / 32767.0f;
-    filteredFrames_ += kFrameFrames;
-    reportedFilteredFrames_.store(filteredFrames_, std::memory_order_relaxed);
 }
 
 // The estimate of a long echo's delay may swing between neighbouring envelope lags;

@@ -32,10 +32,9 @@ namespace velto {
 // the system audio has been silent over the filter's whole span, where the echo it
 // would take away is nothing.
 //
-// Works at 16 kHz only, internally in 16 ms frames: in a recording the filter's
-// state is cold at every frame (other threads run between the mixer's ticks), and
-// that, more than the arithmetic, is its cost; 16 ms frames cost the recorder a
-// third less than 10 ms ones for the same filter. Both blocks come out
+// Works at 16 kHz only, internally in 16 ms frames (fewer calls than 10 ms ones
+// for the same filter; in a recording the filter's state is cold at every call,
+// the other threads running between the mixer's ticks). Both blocks come out
 // delayed by latencyFrames(), so they stay sample-aligned with each other; the
 // first latencyFrames() of output are silence and drain() gives back the last.
 //
@@ -67,7 +66,8 @@ public:
         // from 3 s after the echo first showed itself (the filter's time to converge;
         // a device's stream may start late); 0 when there was nothing to measure.
         double suppressionDb = 0;
-        // How much of the stream the echo filter ran on, and the stream's length.
+        // How much of the stream the echo filter ran on (besides up to a second of
+        // history each time it is placed), and the stream's length.
         double filteredSeconds = 0;
         double processedSeconds = 0;
     };

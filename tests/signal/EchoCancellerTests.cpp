@@ -121,21 +121,19 @@ TEST(EchoCanceller, TheFilterRunsOnlyWhileThereIsAnEchoToRemove) {
     Signal far = testing::speechLikeNoise(frames, kRate);
     std::fill(far.begin() + frames / 2, far.end(), 0.0f);
     const Output halfSilent = cancel(roomEcho(far, 150 * kRate / 1000, 6), far);
-    EXPECT_GT(halfSilent.report.filteredSeconds, 3.5);
-    EXPECT_LT(halfSilent.report.filteredSeconds, 4.3);
+    EXPECT_GT(halfSilent.report.filteredSeconds, 3.0);
+    EXPECT_LT(halfSilent.report.filteredSeconds, 3.9);
     EXPECT_DOUBLE_EQ(halfSilent.report.processedSeconds, 8.0);
 
     // Steady tones correlate at some lag without being an echo: the filter tries for
     // its probing time (8 s), gives up, and leaves the microphone as it was. It tries
-    // again after 30 s and then after 60: three probes in two minutes, each also
-    // learning from up to a second of history.
+    // again after 30 s and then after 60: 24 s of two minutes.
     const int64_t longFrames = 120 * kRate;
     const Signal microphone = tone(660, 0.3, 0, longFrames);
     const Output tones = cancel(microphone, tone(440, 0.3, 0, longFrames));
     EXPECT_EQ(tones.microphone, microphone);
     EXPECT_EQ(tones.report.echoDelayMs, -1);
-    EXPECT_GT(tones.report.filteredSeconds, 24.0);
-    EXPECT_LT(tones.report.filteredSeconds, 27.0);
+    EXPECT_NEAR(tones.report.filteredSeconds, 24.0, 0.1);
 }
 
 TEST(EchoCanceller, WithoutAnEchoPathTheMicrophonePassesUntouched) {
