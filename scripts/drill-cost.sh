@@ -3,7 +3,7 @@
 # same job (two PulseAudio inputs, amix, resample) in the same run, on the same sounds.
 # Reports CPU seconds (user + system) per recorded second for each, and their ratio.
 # The two take turns for ROUNDS rounds, and the median ratio is the figure: the machines
-# are shared, and CPU times come in 10 ms steps.
+# are shared.
 # Target: velto at most half of ffmpeg.
 #   scripts/drill-cost.sh [SECONDS] [ROUNDS]     (default 30 s, 3 rounds)
 #
