@@ -227,7 +227,7 @@ bool EchoCanceller::needsRealigning(int64_t delayFrames) const noexcept {
     return tooEarly || intoFilterFrames > kFilterFrames / 4;
 }
 
-void EchoCanceller::engage(const float* system, const float* microphone, float* cancelled) noexcept {
+void EchoCanceller::engage(const float* system, const float* microphone, const float* cancelled) noexcept {
     double systemEnergy = 0, inEnergy = 0, outEnergy = 0;
     for (int64_t i = 0; i < kFrameFrames; ++i) {
         systemEnergy += static_cast<double>(system[i]) * system[i];

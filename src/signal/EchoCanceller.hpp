@@ -96,7 +96,7 @@ private:
     void startProbing() noexcept;
     void readHistory(const std::vector<float>& history, int64_t framesBack, float* frame) const noexcept;
     void learnFromHistory() noexcept;
-    void engage(const float* system, const float* microphone, float* cancelled) noexcept;
+    void engage(const float* system, const float* microphone, const float* cancelled) noexcept;
     bool needsRealigning(int64_t delayFrames) const noexcept;
 
     int64_t maximumBlockFrames_;
