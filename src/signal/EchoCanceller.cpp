@@ -107,8 +107,7 @@ void EchoCanceller::processFrame() noexcept {
     const bool fadingOut = !filterRuns && engaged_ && lastOutputFiltered_;
     if (filterRuns || fadingOut) {
         runFilter(reference, microphone, cancelled);
-        filteredFrames_ += kFrameFrames;
-        reportedFilteredFrames_.store(filteredFrames_, std::memory_order_relaxed);
+        reportedFilteredFrames_.fetch_add(kFrameFrames, std::memory_order_relaxed);
         if (!engaged_) engage(system, microphone, cancelled);
     }
     if (engaged_ && (filterRuns || fadingOut)) {

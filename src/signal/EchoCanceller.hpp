@@ -117,7 +117,6 @@ private:
     int64_t restingActiveFrames_ = 0;    // frames with system audio since probing gave up
     int64_t restFrames_ = kRetryFrames;  // how long this rest lasts
     int64_t silentReferenceFrames_ = 0;  // how long the aligned reference has been silent
-    int64_t filteredFrames_ = 0;
     double recentMicrophoneEnergy_ = 0;  // smoothed over ~0.2 s of frames with system audio
     double recentFilteredEnergy_ = 0;
     double dcBlockerInput_ = 0;
