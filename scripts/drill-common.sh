@@ -3,7 +3,7 @@
 # folders, and cleans all of it up when the drill exits.
 #
 # VELTO=/path/to/velto skips the build and drills that program instead.
-# Provides: $root, $velto, $work, play_into SINK SECONDS [FREQUENCY], sandbox_pid,
+# Provides: $root, $velto, $work, play_into SINK SECONDS [FREQUENCY] [AMPLITUDE], sandbox_pid,
 #           restart_sandbox, last_progress_seconds EVENTS_FILE, note "text".
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -42,10 +42,11 @@ restart_sandbox() {
     bash "$root/scripts/sound-sandbox.sh" start >/dev/null
 }
 
-# play_into SINK SECONDS [FREQUENCY]: a sine tone at -12 dBFS into SINK, in the background.
+# play_into SINK SECONDS [FREQUENCY] [AMPLITUDE]: a sine tone (by default at -12 dBFS)
+# into SINK, in the background.
 play_into() {
-    local sink=$1 seconds=$2 frequency=${3:-440}
-    (sox -q -n -t raw -r 48000 -e float -b 32 -c 1 - synth "$seconds" sine "$frequency" vol 0.25 |
+    local sink=$1 seconds=$2 frequency=${3:-440} amplitude=${4:-0.25}
+    (sox -q -n -t raw -r 48000 -e float -b 32 -c 1 - synth "$seconds" sine "$frequency" vol "$amplitude" |
         pacat --playback --device="$sink" --rate=48000 --channels=1 --format=float32le 2>/dev/null) &
     drill_background+=($!)
 }

@@ -53,9 +53,7 @@ if [[ -n ${VELTO_COST_ECHO_PATH:-} ]]; then
         repeat "$(awk -v p="$playing_seconds" -v f="$far_seconds" 'BEGIN { print int(p / f) + 1 }')" |
         pacat --playback --device=velto_speakers --rate=48000 --channels=1 --format=float32le 2>/dev/null) &
     drill_background+=($!)
-    (sox -q -n -t raw -r 48000 -e float -b 32 -c 1 - synth "$playing_seconds" sine 660 vol 0.01 |
-        pacat --playback --device=velto_mic_in --rate=48000 --channels=1 --format=float32le 2>/dev/null) &
-    drill_background+=($!)
+    play_into velto_mic_in "$playing_seconds" 660 0.01
 else
     play_into velto_speakers "$playing_seconds" 440
     play_into velto_mic_in "$playing_seconds" 660
