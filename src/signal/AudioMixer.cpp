@@ -457,7 +457,10 @@ void AudioMixer::logEchoCancellation() const {
         logger().info("Echo cancellation: no echo of the system audio found in the microphone; microphone left unchanged" + filtered);
     } else {
         logger().info("Echo cancellation: echo delay " + std::to_string(report.echoDelayMs) + " ms, suppression " +
-                      formatDouble(std::round(report.suppressionDb * 10) / 10) + " dB" + filtered);
+                      formatDouble(std::round(report.suppressionDb * 10) / 10) + " dB" + filtered +
+                      (report.echoMoves == 0   ? ""
+                       : report.echoMoves == 1 ? "; the echo moved once"
+                                               : "; the echo moved " + std::to_string(report.echoMoves) + " times"));
     }
 }
 

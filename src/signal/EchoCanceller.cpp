@@ -15,6 +15,14 @@ constexpr double kActiveFrameEnergy = 1e-6 * EchoCanceller::kFrameFrames;
 // signals cannot get there; a real echo does within about a second.
 constexpr double kEngageRatio = 4.0;
 constexpr double kEngageFollow = 0.08;
+// An engaged filter removing less than 3 dB for this long has lost the echo, or the
+// near end is talking over it: the residual is searched for the echo to tell which.
+constexpr double kPoorRemovalRatio = 2.0;
+constexpr int64_t kPoorRemovalFrames = 16 * EchoCanceller::kFrameFrames;
+// A search gives up after this much system audio (the near end was talking), and
+// the next one waits at least as long.
+constexpr int64_t kSearchFrames = 3 * EchoCanceller::kSampleRateHertz / 2;
+constexpr int64_t kSearchRestFrames = 2 * EchoCanceller::kSampleRateHertz;
 constexpr double kDcBlockerPole = 0.99;
 // A reference quieter than this (about -80 dBFS RMS, a few steps of 16 bits) leaves
 // no echo worth a filter.
@@ -43,6 +51,7 @@ EchoCanceller::EchoCanceller(int64_t maximumBlockFrames)
     : maximumBlockFrames_(maximumBlockFrames),
       speex_(speex_echo_state_init(static_cast<int>(kFrameFrames), static_cast<int>(kFilterFrames))),
       estimator_(kMaximumDelayFrames),
+      residualEstimator_(kMaximumDelayFrames),
       microphoneIn_(kFrameFrames + maximumBlockFrames),
       systemIn_(kFrameFrames + maximumBlockFrames),
       microphoneOut_(2 * kFrameFrames + maximumBlockFrames),
@@ -84,17 +93,7 @@ void EchoCanceller::processFrame() noexcept {
         if (++historyWriteIndex_ == historySize) historyWriteIndex_ = 0;
     }
     const int64_t delayFrames = estimator_.delayFrames();
-    if (delayFrames >= 0 && needsRealigning(delayFrames)) {
-        // What the filter learnt belongs to the old alignment.
-        speex_echo_state_reset(speex_);
-        alignmentShiftFrames_ = std::max<int64_t>(0, delayFrames - kAlignmentMarginFrames);
-        aligned_ = true;
-        if (!engaged_) {
-            restFrames_ = kRetryFrames;
-            startProbing();
-        }
-        learnFromHistory();
-    }
+    if (delayFrames >= 0 && needsRealigning(delayFrames)) placeFilter(delayFrames);
 
     float reference[kFrameFrames];
     readHistory(systemHistory_, kFrameFrames + alignmentShiftFrames_, reference);
@@ -108,7 +107,11 @@ void EchoCanceller::processFrame() noexcept {
     if (filterRuns || fadingOut) {
         runFilter(reference, microphone, cancelled);
         reportedFilteredFrames_.fetch_add(kFrameFrames, std::memory_order_relaxed);
-        if (!engaged_) engage(system, microphone, cancelled);
+        const bool counted = measureRemoval(system, microphone, cancelled);
+        if (engaged_)
+            watchForAMovedEcho(system, cancelled, counted);
+        else if (counted)
+            engaged_ = recentMicrophoneEnergy_ > kActiveFrameEnergy * 1e-2 && recentMicrophoneEnergy_ >= kEngageRatio * recentFilteredEnergy_;
     }
     if (engaged_ && (filterRuns || fadingOut)) {
         if (fadingOut)
@@ -150,6 +153,22 @@ void EchoCanceller::readHistory(const std::vector<float>& history, int64_t frame
         frame[i] = history[static_cast<size_t>(readIndex)];
         if (++readIndex == historySize) readIndex = 0;
     }
+}
+
+void EchoCanceller::placeFilter(int64_t delayFrames) noexcept {
+    if (engaged_) reportedEchoMoves_.fetch_add(1, std::memory_order_relaxed);
+    // What the filter learnt belongs to the old alignment.
+    speex_echo_state_reset(speex_);
+    alignmentShiftFrames_ = std::max<int64_t>(0, delayFrames - kAlignmentMarginFrames);
+    aligned_ = true;
+    if (!engaged_) {
+        restFrames_ = kRetryFrames;
+        startProbing();
+    }
+    recentMicrophoneEnergy_ = recentFilteredEnergy_ = 0;
+    poorRemovalFrames_ = 0;
+    searchedFrames_ = -1;
+    learnFromHistory();
 }
 
 // The echo has usually played for a second when the estimate finds it: the filter
@@ -226,7 +245,9 @@ bool EchoCanceller::needsRealigning(int64_t delayFrames) const noexcept {
     return tooEarly || intoFilterFrames > kFilterFrames / 4;
 }
 
-void EchoCanceller::engage(const float* system, const float* microphone, const float* cancelled) noexcept {
+// Follows how much the filter removes, over frames with system audio once the delay
+// estimate has seen an echo; says whether this frame counted.
+bool EchoCanceller::measureRemoval(const float* system, const float* microphone, const float* cancelled) noexcept {
     double systemEnergy = 0, inEnergy = 0, outEnergy = 0;
     for (int64_t i = 0; i < kFrameFrames; ++i) {
         systemEnergy += static_cast<double>(system[i]) * system[i];
@@ -238,12 +259,37 @@ void EchoCanceller::engage(const float* system, const float* microphone, const f
         inEnergy += withoutDc * withoutDc;
         outEnergy += static_cast<double>(cancelled[i]) * cancelled[i];
     }
-    // Only an echo the delay estimate has seen counts.
-    if (systemEnergy <= kActiveFrameEnergy || estimator_.delayFrames() < 0) return;
+    if (systemEnergy <= kActiveFrameEnergy || estimator_.delayFrames() < 0) return false;
     recentMicrophoneEnergy_ += kEngageFollow * (inEnergy - recentMicrophoneEnergy_);
     recentFilteredEnergy_ += kEngageFollow * (outEnergy - recentFilteredEnergy_);
-    if (recentMicrophoneEnergy_ <= kActiveFrameEnergy * 1e-2 || recentMicrophoneEnergy_ < kEngageRatio * recentFilteredEnergy_) return;
-    engaged_ = true;
+    return true;
+}
+
+// An echo path can change under a running recording (a device's latency moves after
+// an underrun): the filter then removes nothing until it is placed on the new delay.
+void EchoCanceller::watchForAMovedEcho(const float* system, const float* cancelled, bool counted) noexcept {
+    if (counted) {
+        const bool poor = recentMicrophoneEnergy_ < kPoorRemovalRatio * recentFilteredEnergy_;
+        poorRemovalFrames_ = poor ? poorRemovalFrames_ + kFrameFrames : 0;
+        searchRestFrames_ = std::max<int64_t>(0, searchRestFrames_ - kFrameFrames);
+    }
+    if (searchedFrames_ < 0) {
+        if (poorRemovalFrames_ < kPoorRemovalFrames || searchRestFrames_ > 0) return;
+        residualEstimator_.restart(-1);
+        searchedFrames_ = 0;
+    }
+    residualEstimator_.process(system, cancelled, kFrameFrames);
+    if (counted) searchedFrames_ += kFrameFrames;
+    const int64_t movedToFrames = residualEstimator_.delayFrames();
+    if (movedToFrames >= 0) {
+        // The estimate on the microphone starts afresh from the new delay, or it would
+        // pull the filter back to the old one.
+        estimator_.restart(movedToFrames);
+        placeFilter(movedToFrames);
+    } else if (searchedFrames_ > kSearchFrames) {
+        searchedFrames_ = -1;
+        searchRestFrames_ = kSearchRestFrames;
+    }
 }
 
 int64_t EchoCanceller::drain(float* microphone, float* system, int64_t maxFrames) noexcept {
@@ -271,6 +317,7 @@ EchoCanceller::Report EchoCanceller::report() const {
     report.suppressionDb = reportedSuppressionDb_.load(std::memory_order_relaxed);
     report.filteredSeconds = static_cast<double>(reportedFilteredFrames_.load(std::memory_order_relaxed)) / kSampleRateHertz;
     report.processedSeconds = static_cast<double>(reportedProcessedFrames_.load(std::memory_order_relaxed)) / kSampleRateHertz;
+    report.echoMoves = reportedEchoMoves_.load(std::memory_order_relaxed);
     return report;
 }
 

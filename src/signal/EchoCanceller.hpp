@@ -23,7 +23,8 @@ namespace velto {
 // only once the delay estimate has seen an echo and the filter has proved that
 // it removes it (6 dB of the microphone while the system audio plays): until
 // then, and with headphones forever, the microphone passes untouched, whatever
-// the delay estimate thought it saw.
+// the delay estimate thought it saw. An engaged filter that stops removing the echo
+// has its residual searched for it, and is placed again where the echo has moved.
 //
 // The filter is most of the cost, so it runs only where it can matter: not before
 // the delay estimate has found an echo (with headphones, never); not once it has
@@ -70,6 +71,8 @@ public:
         // history each time it is placed), and the stream's length.
         double filteredSeconds = 0;
         double processedSeconds = 0;
+        // Times the echo moved after the filter had engaged on it, and the filter was placed anew.
+        int64_t echoMoves = 0;
     };
 
     static std::unique_ptr<EchoCanceller> create(int64_t maximumBlockFrames);
@@ -96,12 +99,19 @@ private:
     void startProbing() noexcept;
     void readHistory(const std::vector<float>& history, int64_t framesBack, float* frame) const noexcept;
     void learnFromHistory() noexcept;
-    void engage(const float* system, const float* microphone, const float* cancelled) noexcept;
+    bool measureRemoval(const float* system, const float* microphone, const float* cancelled) noexcept;
+    void watchForAMovedEcho(const float* system, const float* cancelled, bool active) noexcept;
+    void placeFilter(int64_t delayFrames) noexcept;
     bool needsRealigning(int64_t delayFrames) const noexcept;
 
     int64_t maximumBlockFrames_;
     SpeexEchoState_* speex_ = nullptr;
     EchoDelayEstimator estimator_;
+    // Looks for the echo in what the engaged filter leaves, while it leaves too much: an
+    // echo that has moved (a device's latency changed) shows there at its new delay
+    // within a second, where the estimate on the microphone needs several to give up
+    // the old one. The near end talking leaves as much, but does not correlate.
+    EchoDelayEstimator residualEstimator_;
     MonoSampleFifo microphoneIn_, systemIn_, microphoneOut_, systemOut_;
     // Both signals' recent past, sharing one write index: the aligned reference is
     // read from the system's, and a newly placed filter first learns from both.
@@ -119,6 +129,9 @@ private:
     int64_t silentReferenceFrames_ = 0;  // how long the aligned reference has been silent
     double recentMicrophoneEnergy_ = 0;  // smoothed over ~0.2 s of frames with system audio
     double recentFilteredEnergy_ = 0;
+    int64_t poorRemovalFrames_ = 0;      // engaged, and removing little, for this long
+    int64_t searchedFrames_ = -1;        // how long the residual has been searched; -1: not searching
+    int64_t searchRestFrames_ = 0;       // frames with system audio before the next search may start
     double dcBlockerInput_ = 0;
     double dcBlockerOutput_ = 0;
     int64_t processedFrames_ = 0;
@@ -130,6 +143,7 @@ private:
     std::atomic<double> reportedSuppressionDb_{0};
     std::atomic<int64_t> reportedFilteredFrames_{0};
     std::atomic<int64_t> reportedProcessedFrames_{0};
+    std::atomic<int64_t> reportedEchoMoves_{0};
 };
 
 }  // namespace velto

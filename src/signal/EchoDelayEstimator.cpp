@@ -44,6 +44,17 @@ void EchoDelayEstimator::process(const float* system, const float* microphone, i
     }
 }
 
+void EchoDelayEstimator::restart(int64_t delayFrames) noexcept {
+    std::fill(crossSum_.begin(), crossSum_.end(), 0.0);
+    std::fill(systemEnergySum_.begin(), systemEnergySum_.end(), 0.0);
+    microphoneEnergySum_ = 0;
+    envelopesSeen_ = 0;
+    delayFrames_ = delayFrames;
+    confidence_ = 0;
+    candidateLag_ = -1;
+    candidateVotes_ = 0;
+}
+
 void EchoDelayEstimator::processEnvelopePair(float system, float microphone) noexcept {
     systemMean_ += kMeanFollow * (system - systemMean_);
     microphoneMean_ += kMeanFollow * (microphone - microphoneMean_);

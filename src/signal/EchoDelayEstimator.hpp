@@ -26,6 +26,11 @@ public:
     // Normalised correlation of the envelopes at that delay (0..1).
     double confidence() const { return confidence_; }
 
+    // Forgets the correlation gathered so far, so that an echo that has moved is found
+    // again from fresh evidence alone, in about the warm-up time. Reports delayFrames
+    // (-1: none) until that evidence says otherwise. Never allocates.
+    void restart(int64_t delayFrames) noexcept;
+
 private:
     void processEnvelopePair(float system, float microphone) noexcept;
     void decide() noexcept;

@@ -94,6 +94,27 @@ TEST(EchoCanceller, RemovesEchoAtShortAndLongDelaysAndReportsIt) {
         EXPECT_GE(reductionDb, 25.0);
         EXPECT_NEAR(static_cast<double>(out.report.echoDelayMs), delayMs, 2.0);
         EXPECT_GE(out.report.suppressionDb, 25.0);
+        EXPECT_EQ(out.report.echoMoves, 0);
+    }
+}
+
+TEST(EchoCanceller, FollowsAnEchoPathThatChangesMidway) {
+    // A device's latency moves after an underrun: the echo jumps, out of the filter's
+    // span or within it. Without a search of the residual the filter removed nothing
+    // for about 3 s after each jump.
+    const int64_t frames = 10 * kRate;
+    const int64_t jumpAt = 5 * kRate;
+    const Signal far = testing::speechLikeNoise(frames, kRate);
+    for (const auto& [fromMs, toMs] : {std::pair{188, 168}, std::pair{168, 208}, std::pair{168, 173}}) {
+        SCOPED_TRACE(::testing::Message() << fromMs << " -> " << toMs << " ms");
+        const Signal before = roomEcho(far, fromMs * kRate / 1000, 6);
+        Signal microphone = roomEcho(far, toMs * kRate / 1000, 6);
+        std::copy(before.begin(), before.begin() + jumpAt, microphone.begin());
+        const Output out = cancel(microphone, far);
+        const int64_t from = jumpAt + 2 * kRate;
+        EXPECT_GE(powerDb(microphone, from, frames) - powerDb(out.microphone, from, frames), 25.0);
+        EXPECT_NEAR(static_cast<double>(out.report.echoDelayMs), toMs, 8.0);
+        EXPECT_GE(out.report.echoMoves, 1);
     }
 }
 
