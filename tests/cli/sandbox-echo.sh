@@ -50,21 +50,35 @@ microphone_db() {
         awk '/RMS +amplitude/ { printf "%.2f", 20 * log($3) / log(10) }'
 }
 
+# What the recording NAME logged about its clocks and its echo, for a failure's message.
+clock_and_echo_lines() { grep -E 'clock|Clock|Echo cancellation' "$work/$1.err" | sed 's/^.*\] //'; }
+
 for path in ${VELTO_ECHO_PATHS:-20:0 100:6 300:20}; do
     delay=${path%:*} attenuation=${path#*:}
     sandbox echo-path on "$delay" "$attenuation"
-    for echo in on off; do
-        play velto_speakers "$work/speech/far.wav"
-        sleep 1
-        record "echo-$delay-$echo" "$echo" --tracks separate
-        stop_players
+    for attempt in 1 2; do
+        for echo in on off; do
+            play velto_speakers "$work/speech/far.wav"
+            sleep 1
+            record "echo-$delay-$echo" "$echo" --tracks separate
+            stop_players
+        done
+        line=$(report "echo-$delay-on")
+        grep -q "echo delay" <<<"$line" || fail "echo path $delay ms / -$attenuation dB: no echo found ($line)"
+        reduction=$(awk -v on="$(microphone_db "echo-$delay-on")" -v off="$(microphone_db "echo-$delay-off")" \
+            'BEGIN { printf "%.1f", off - on }')
+        awk -v r="$reduction" -v m="${VELTO_ECHO_MIN_REDUCTION_DB:-25}" 'BEGIN { exit !(r >= m) }' && break
+        # The sandbox's loop can underrun on a busy machine and come back later: the
+        # echo then moves under the canceller, which finds it again within about a
+        # second, but a second of echo outweighs the rest of the measure. Such a run
+        # is measured once more; a shortfall without a move is a failure at once.
+        if ((attempt == 1)) && grep -q "the echo moved" <<<"$line"; then
+            echo "retry: echo path $delay ms / -$attenuation dB: $reduction dB removed, the echo moved during the recording ($line)"
+            continue
+        fi
+        fail "echo path $delay ms / -$attenuation dB: only $reduction dB of echo removed ($line)
+$(clock_and_echo_lines "echo-$delay-on")"
     done
-    line=$(report "echo-$delay-on")
-    grep -q "echo delay" <<<"$line" || fail "echo path $delay ms / -$attenuation dB: no echo found ($line)"
-    reduction=$(awk -v on="$(microphone_db "echo-$delay-on")" -v off="$(microphone_db "echo-$delay-off")" \
-        'BEGIN { printf "%.1f", off - on }')
-    awk -v r="$reduction" -v m="${VELTO_ECHO_MIN_REDUCTION_DB:-25}" 'BEGIN { exit !(r >= m) }' ||
-        fail "echo path $delay ms / -$attenuation dB: only $reduction dB of echo removed ($line)"
     echo "ok: echo path $delay ms / -$attenuation dB: $reduction dB removed from the microphone's track ($line)"
 done
 
