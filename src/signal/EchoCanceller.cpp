@@ -23,6 +23,8 @@ constexpr int64_t kPoorRemovalFrames = 16 * EchoCanceller::kFrameFrames;
 // the next one waits at least as long.
 constexpr int64_t kSearchFrames = 3 * EchoCanceller::kSampleRateHertz / 2;
 constexpr int64_t kSearchRestFrames = 2 * EchoCanceller::kSampleRateHertz;
+// A trial filter is judged on the last quarter second of its replay.
+constexpr int64_t kReplayTailFrames = 16 * EchoCanceller::kFrameFrames;
 constexpr double kDcBlockerPole = 0.99;
 // A reference quieter than this (about -80 dBFS RMS, a few steps of 16 bits) leaves
 // no echo worth a filter.
@@ -50,6 +52,7 @@ std::unique_ptr<EchoCanceller> EchoCanceller::create(int64_t maximumBlockFrames)
 EchoCanceller::EchoCanceller(int64_t maximumBlockFrames)
     : maximumBlockFrames_(maximumBlockFrames),
       speex_(speex_echo_state_init(static_cast<int>(kFrameFrames), static_cast<int>(kFilterFrames))),
+      trialSpeex_(speex_echo_state_init(static_cast<int>(kFrameFrames), static_cast<int>(kFilterFrames))),
       estimator_(kMaximumDelayFrames),
       residualEstimator_(kMaximumDelayFrames),
       microphoneIn_(kFrameFrames + maximumBlockFrames),
@@ -60,11 +63,15 @@ EchoCanceller::EchoCanceller(int64_t maximumBlockFrames)
       microphoneHistory_(systemHistory_.size(), 0.0f) {
     int rate = static_cast<int>(kSampleRateHertz);
     speex_echo_ctl(speex_, SPEEX_ECHO_SET_SAMPLING_RATE, &rate);
+    speex_echo_ctl(trialSpeex_, SPEEX_ECHO_SET_SAMPLING_RATE, &rate);
     microphoneOut_.pushSilence(kFrameFrames);
     systemOut_.pushSilence(kFrameFrames);
 }
 
-EchoCanceller::~EchoCanceller() { speex_echo_state_destroy(speex_); }
+EchoCanceller::~EchoCanceller() {
+    speex_echo_state_destroy(speex_);
+    speex_echo_state_destroy(trialSpeex_);
+}
 
 void EchoCanceller::process(float* microphone, float* system, int64_t frames) noexcept {
     for (int64_t done = 0; done < frames;) {
@@ -105,7 +112,7 @@ void EchoCanceller::processFrame() noexcept {
     // filter, to fade across: speex takes the microphone's DC away, a step otherwise.
     const bool fadingOut = !filterRuns && engaged_ && lastOutputFiltered_;
     if (filterRuns || fadingOut) {
-        runFilter(reference, microphone, cancelled);
+        runFilter(speex_, reference, microphone, cancelled);
         reportedFilteredFrames_.fetch_add(kFrameFrames, std::memory_order_relaxed);
         const bool counted = measureRemoval(system, microphone, cancelled);
         if (engaged_)
@@ -168,23 +175,55 @@ void EchoCanceller::placeFilter(int64_t delayFrames) noexcept {
     recentMicrophoneEnergy_ = recentFilteredEnergy_ = 0;
     poorRemovalFrames_ = 0;
     searchedFrames_ = -1;
-    learnFromHistory();
+    learnFromHistory(speex_, alignmentShiftFrames_);
+}
+
+// A delay found in the residual is tried on a second filter over the recent past, and
+// replaces the running one only if it plainly removes more: in loud double talk the
+// residual can correlate at a wrong delay, and a filter placed there would remove nothing.
+bool EchoCanceller::tryFilterAt(int64_t delayFrames) noexcept {
+    const int64_t shiftFrames = std::max<int64_t>(0, delayFrames - kAlignmentMarginFrames);
+    speex_echo_state_reset(trialSpeex_);
+    const ReplayTail trial = learnFromHistory(trialSpeex_, shiftFrames);
+    const bool removesTheEcho = trial.microphoneEnergy >= kEngageRatio * trial.filteredEnergy;
+    const bool beatsTheRunningFilter = kEngageRatio * trial.filteredEnergy <= recentFilteredEnergy_;
+    if (!removesTheEcho || !beatsTheRunningFilter) return false;
+    std::swap(speex_, trialSpeex_);
+    alignmentShiftFrames_ = shiftFrames;
+    reportedEchoMoves_.fetch_add(1, std::memory_order_relaxed);
+    recentMicrophoneEnergy_ = recentFilteredEnergy_ = 0;
+    poorRemovalFrames_ = 0;
+    searchedFrames_ = -1;
+    return true;
 }
 
 // The echo has usually played for a second when the estimate finds it: the filter
 // learns that second from the history (a burst of work once per placement) rather
 // than converging only from now on. Its output is not used; the current frame's
 // is the first that is.
-void EchoCanceller::learnFromHistory() noexcept {
+EchoCanceller::ReplayTail EchoCanceller::learnFromHistory(SpeexEchoState_* filter, int64_t shiftFrames) noexcept {
     const int64_t heardFrames = std::min(processedFrames_, kReplayFrames);
     const int64_t replayFrames = heardFrames / kFrameFrames * kFrameFrames;
-    float reference[kFrameFrames], microphone[kFrameFrames], discarded[kFrameFrames];
+    float reference[kFrameFrames], microphone[kFrameFrames], cancelled[kFrameFrames];
+    ReplayTail tail;
+    int64_t tailFrameCount = 0;
     for (int64_t back = replayFrames; back > 0; back -= kFrameFrames) {
         // The current frame is the history's newest; the replay ends just before it.
-        readHistory(systemHistory_, kFrameFrames + back + alignmentShiftFrames_, reference);
+        readHistory(systemHistory_, kFrameFrames + back + shiftFrames, reference);
         readHistory(microphoneHistory_, kFrameFrames + back, microphone);
-        runFilter(reference, microphone, discarded);
+        runFilter(filter, reference, microphone, cancelled);
+        if (back > kReplayTailFrames) continue;
+        for (int64_t i = 0; i < kFrameFrames; ++i) {
+            tail.microphoneEnergy += static_cast<double>(microphone[i]) * microphone[i];
+            tail.filteredEnergy += static_cast<double>(cancelled[i]) * cancelled[i];
+        }
+        ++tailFrameCount;
     }
+    if (tailFrameCount > 0) {
+        tail.microphoneEnergy /= static_cast<double>(tailFrameCount);
+        tail.filteredEnergy /= static_cast<double>(tailFrameCount);
+    }
+    return tail;
 }
 
 bool EchoCanceller::filterShouldRun(const float* reference) noexcept {
@@ -208,7 +247,7 @@ bool EchoCanceller::filterShouldRun(const float* reference) noexcept {
             restFrames_ = std::min(2 * restFrames_, kLongestRestFrames);
             speex_echo_state_reset(speex_);
             startProbing();
-            learnFromHistory();
+            learnFromHistory(speex_, alignmentShiftFrames_);
         }
     }
     return probing_ && referenceHeard;
@@ -221,13 +260,13 @@ void EchoCanceller::startProbing() noexcept {
     recentFilteredEnergy_ = 0;
 }
 
-void EchoCanceller::runFilter(const float* reference, const float* microphone, float* cancelled) noexcept {
+void EchoCanceller::runFilter(SpeexEchoState_* filter, const float* reference, const float* microphone, float* cancelled) noexcept {
     spx_int16_t reference16[kFrameFrames], recorded[kFrameFrames], result[kFrameFrames];
     for (int64_t i = 0; i < kFrameFrames; ++i) {
         reference16[i] = toPcm16(reference[i]);
         recorded[i] = toPcm16(microphone[i]);
     }
-    speex_echo_cancellation(speex_, recorded, reference16, result);
+    speex_echo_cancellation(filter, recorded, reference16, result);
     for (int64_t i = 0; i < kFrameFrames; ++i) cancelled[i] = static_cast<float>(result[i]) / 32767.0f;
 }
 
@@ -281,12 +320,15 @@ void EchoCanceller::watchForAMovedEcho(const float* system, const float* cancell
     residualEstimator_.process(system, cancelled, kFrameFrames);
     if (counted) searchedFrames_ += kFrameFrames;
     const int64_t movedToFrames = residualEstimator_.delayFrames();
-    if (movedToFrames >= 0) {
+    if (movedToFrames >= 0 && needsRealigning(movedToFrames) && tryFilterAt(movedToFrames)) {
         // The estimate on the microphone starts afresh from the new delay, or it would
         // pull the filter back to the old one.
         estimator_.restart(movedToFrames);
-        placeFilter(movedToFrames);
-    } else if (searchedFrames_ > kSearchFrames) {
+    } else if (movedToFrames >= 0 || searchedFrames_ > kSearchFrames) {
+        // An echo left where the filter already sits is the filter's to follow: the
+        // near end talking over it disturbs the filter, and a filter placed anew on
+        // a second of double talk would do worse. A delay whose trial failed, or
+        // nothing found: the near end talks.
         searchedFrames_ = -1;
         searchRestFrames_ = kSearchRestFrames;
     }

@@ -95,10 +95,16 @@ private:
     explicit EchoCanceller(int64_t maximumBlockFrames);
     void processFrame() noexcept;
     bool filterShouldRun(const float* reference) noexcept;
-    void runFilter(const float* reference, const float* microphone, float* cancelled) noexcept;
+    static void runFilter(SpeexEchoState_* filter, const float* reference, const float* microphone, float* cancelled) noexcept;
     void startProbing() noexcept;
     void readHistory(const std::vector<float>& history, int64_t framesBack, float* frame) const noexcept;
-    void learnFromHistory() noexcept;
+    // Energies per frame over the last frames of a replay of the history.
+    struct ReplayTail {
+        double microphoneEnergy = 0;
+        double filteredEnergy = 0;
+    };
+    ReplayTail learnFromHistory(SpeexEchoState_* filter, int64_t shiftFrames) noexcept;
+    bool tryFilterAt(int64_t delayFrames) noexcept;
     bool measureRemoval(const float* system, const float* microphone, const float* cancelled) noexcept;
     void watchForAMovedEcho(const float* system, const float* cancelled, bool active) noexcept;
     void placeFilter(int64_t delayFrames) noexcept;
@@ -106,11 +112,15 @@ private:
 
     int64_t maximumBlockFrames_;
     SpeexEchoState_* speex_ = nullptr;
+    // A second filter, to try a moved echo's delay on the recent past before the
+    // running filter is given up for it (allocated with the first, used rarely).
+    SpeexEchoState_* trialSpeex_ = nullptr;
     EchoDelayEstimator estimator_;
     // Looks for the echo in what the engaged filter leaves, while it leaves too much: an
     // echo that has moved (a device's latency changed) shows there at its new delay
     // within a second, where the estimate on the microphone needs several to give up
-    // the old one. The near end talking leaves as much, but does not correlate.
+    // the old one. The near end talking over the echo leaves as much, and can make
+    // the residual correlate at a wrong delay: a delay found is tried first (tryFilterAt).
     EchoDelayEstimator residualEstimator_;
     MonoSampleFifo microphoneIn_, systemIn_, microphoneOut_, systemOut_;
     // Both signals' recent past, sharing one write index: the aligned reference is

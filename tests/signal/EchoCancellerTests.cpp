@@ -114,7 +114,8 @@ TEST(EchoCanceller, FollowsAnEchoPathThatChangesMidway) {
         const int64_t from = jumpAt + 2 * kRate;
         EXPECT_GE(powerDb(microphone, from, frames) - powerDb(out.microphone, from, frames), 25.0);
         EXPECT_NEAR(static_cast<double>(out.report.echoDelayMs), toMs, 8.0);
-        EXPECT_GE(out.report.echoMoves, 1);
+        // A step within the filter's span is the filter's own to follow.
+        EXPECT_EQ(out.report.echoMoves, std::abs(toMs - fromMs) > 10 ? 1 : 0);
     }
 }
 
@@ -133,6 +134,28 @@ TEST(EchoCanceller, KeepsTheNearEndWhenTheFarEndIsSilentAndInDoubleTalk) {
 
     const Output doubleTalk = cancel(sum(roomEcho(far, delay, 6), nearTone), far);
     EXPECT_LT(std::fabs(20 * std::log10(toneAmplitude(doubleTalk.microphone, nearFrom + kRate / 2, frames) / expected)), 3.0);
+}
+
+TEST(EchoCanceller, ALoudNearEndIsNotTakenForAMovedEcho) {
+    // The near end talks 6 dB over the echo from 4 s on: the filter removes little
+    // then, and its residual can correlate with the far end at a wrong delay (these
+    // signals' envelopes are periodic). Placed there, it removed nothing at all.
+    const int64_t frames = 12 * kRate;
+    const Signal far = testing::speechLikeNoise(frames, kRate);
+    Signal near(static_cast<size_t>(frames), 0.0f);
+    std::mt19937 random(11);
+    std::normal_distribution<double> noise(0.0, 0.15);
+    double low = 0;
+    for (int64_t i = 4 * kRate; i < frames; ++i) {
+        low += 0.3 * (noise(random) - low);
+        near[static_cast<size_t>(i)] = static_cast<float>(low * (0.55 + 0.45 * std::sin(2 * std::numbers::pi * 2.3 * static_cast<double>(i) / kRate)));
+    }
+    const Signal echo = roomEcho(far, 170 * kRate / 1000, 6);
+    const Output out = cancel(sum(echo, near), far);
+    Signal residualEcho(static_cast<size_t>(frames));
+    for (size_t i = 0; i < residualEcho.size(); ++i) residualEcho[i] = out.microphone[i] - near[i];
+    EXPECT_EQ(out.report.echoMoves, 0);
+    EXPECT_GE(powerDb(echo, 5 * kRate, frames) - powerDb(residualEcho, 5 * kRate, frames), 3.0);
 }
 
 TEST(EchoCanceller, TheFilterRunsOnlyWhileThereIsAnEchoToRemove) {
