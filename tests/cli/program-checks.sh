@@ -55,50 +55,26 @@ case "$check" in
         one_error_line "unix:$work/no-server-here"
         ;;
     bad-arguments)
-        # Every kind of bad line takes the same way out; the parser's tests go through the kinds.
+        # Every kind of bad line takes the same way out, before anything is created; the
+        # parser's tests go through the kinds (durations, format and source conflicts).
         run 2
         usage_shown
         run 2 record --sources speakers
         usage_shown
-        ;;
-    bad-duration)
-        for duration in 0 -1 abc nan inf 2x; do
-            run 2 record --duration "$duration" --output "$work/never.flac"
-            usage_shown
-            [[ ! -e "$work/never.flac" ]] || fail "a file was created for --duration $duration"
-        done
-        ;;
-    format-conflict)
-        run 2 record --format flac --output "$work/take.wav"
+        run 2 record --duration nan --output "$work/never.flac"
         usage_shown
+        [[ ! -e "$work/never.flac" ]] || fail "a file was created for a bad duration"
         ;;
-    microphone-without-source)
-        run 2 record --sources system --microphone velto_mic
-        usage_shown
-        ;;
-    output-is-directory)
-        run 1 record --duration 1 --output "$work"
-        one_error_line 'is a directory'
-        ;;
-    output-folder-missing)
+    output-path)
+        # A path that cannot take the recording ends with one line and touches nothing;
+        # the output path check's tests go through the kinds.
         run 1 record --duration 1 --output "$work/no/such/folder/take.flac"
         one_error_line 'does not exist'
         [[ ! -e "$work/no" ]] || fail "the missing folder was created"
-        ;;
-    output-exists)
         echo "an earlier recording" >"$work/take.flac"
         run 1 record --duration 1 --output "$work/take.flac"
         one_error_line '--overwrite'
         [[ $(cat "$work/take.flac") == "an earlier recording" ]] || fail "the existing file was changed"
-        ;;
-    unknown-microphone)
-        # Against a real server with microphones, so the list the name is checked
-        # against is a real one.
-        source "$(dirname "$0")/private-sandbox.sh" "$(cd "$(dirname "$0")/../.." && pwd)"
-        trap 'stop_private_sandbox; rm -rf "$work"' EXIT
-        run 1 record --duration 1 --microphone no-such-microphone --output "$work/take.flac"
-        one_error_line "no-such-microphone"
-        [[ ! -e "$work/take.flac" ]] || fail "a file was created"
         ;;
     *)
         echo "unknown check $check" >&2
