@@ -104,21 +104,11 @@ TEST_F(SystemAudioTapTest, AFailedStartReportsItsStepAndLeavesNothingBehind) {
     }
 }
 
-// ---- the IO block ----
-
-class SystemAudioTapInputTest : public SystemAudioTapTest {
-protected:
-    void SetUp() override {
-        tap = makeTap(8192);
-        tap->start();
-    }
-
-    std::shared_ptr<SystemAudioTap> tap;
-};
-
 // Both layouts are written; channels beyond the ring's are dropped, and so are malformed
 // cycles and cycles over 2048 frames, whole.
-TEST_F(SystemAudioTapInputTest, WellFormedCyclesAreWrittenAndOthersDropped) {
+TEST_F(SystemAudioTapTest, WellFormedCyclesAreWrittenAndOthersDropped) {
+    auto tap = makeTap(8192);
+    tap->start();
     fakes.audioHardware->deliverInput(AudioBufferList{0, nullptr});
     AudioBuffer noData{2, 4096, nullptr};
     fakes.audioHardware->deliverInput(AudioBufferList{1, &noData});
@@ -147,29 +137,6 @@ TEST_F(SystemAudioTapInputTest, WellFormedCyclesAreWrittenAndOthersDropped) {
     AudioBuffer largest{2, 2048 * 8, interleaved.data()};
     fakes.audioHardware->deliverInput(AudioBufferList{1, &largest});
     EXPECT_EQ(tap->ringBuffer()->availableFrames(), 2048);
-}
-
-TEST_F(SystemAudioTapInputTest, CountingSignalFromTheIOQueueArrivesWithoutGapsWhileTheMixerDrains) {
-    // Producer: the IO queue (through the fake). Consumer: this thread, like the mixer.
-    constexpr int kCycles = 400;
-    constexpr std::uint32_t kFrames = 256;
-    std::thread producer([&] {
-        std::vector<float> interleaved(2 * kFrames);
-        for (int cycle = 0; cycle < kCycles; ++cycle) {
-            for (std::uint32_t f = 0; f < kFrames; ++f) {
-                const float value = static_cast<float>(cycle * kFrames + f);
-                interleaved[2 * f] = value;
-                interleaved[2 * f + 1] = -value;
-            }
-            AudioBuffer buffer{2, kFrames * 8, interleaved.data()};
-            while (tap->ringBuffer()->capacityFrames() - tap->ringBuffer()->availableFrames() < kFrames) {
-                std::this_thread::yield();
-            }
-            fakes.audioHardware->deliverInput(AudioBufferList{1, &buffer});
-        }
-    });
-    testing::expectCountingSignal(*tap->ringBuffer(), kCycles * kFrames);
-    producer.join();
 }
 
 }  // namespace
