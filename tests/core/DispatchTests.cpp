@@ -57,19 +57,6 @@ TEST(EventStream, ConsumerCancellationWakesAWaitingReaderAndTellsTheProducer) {
 static_assert(std::input_iterator<EventStream<int>::Iterator>);
 static_assert(std::ranges::input_range<EventStream<int>>);
 
-TEST(EventStream, BoundedStreamKeepsTheNewestAndCountsWhatItDropped) {
-    auto [stream, continuation] = EventSource<int>::make(StreamBuffering::newest(3));
-    for (int i = 0; i < 10; ++i) EXPECT_TRUE(continuation.yield(i));  // a full stream still takes the newest
-    EXPECT_EQ(stream.droppedCount(), 7u);
-    EXPECT_EQ(stream.next(), 7);
-    continuation.yield(10);
-    continuation.finish();
-    std::vector<int> rest;
-    for (int value : stream) rest.push_back(value);
-    EXPECT_EQ(rest, (std::vector<int>{8, 9, 10}));
-    EXPECT_EQ(continuation.droppedCount(), 7u);
-}
-
 TEST(SerialQueue, SyncFromTheQueueRunsInlineAndPropagatesErrors) {
     auto queue = SerialQueue::create("io.veltoaudio.test", QualityOfService::defaultQoS);
     bool inner = false;
