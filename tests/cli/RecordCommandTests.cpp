@@ -60,8 +60,8 @@ TEST_F(RecordCommandTest, DurationEndsTheRecordingAndThePathIsTheLastLine) {
     RecordOptions options;
     options.durationSeconds = 0.3;
     EXPECT_EQ(run(options, true), 0);
-    EXPECT_EQ(backend_.stopCalls(), 0);
-    EXPECT_EQ(backend_.cancelCalls(), 0);
+    EXPECT_EQ(backend_.stopCalls, 0);
+    EXPECT_EQ(backend_.cancelCalls, 0);
     EXPECT_EQ(out_.str(), backend_.defaultFile.string() + "\n");
     const auto err = err_.str();
     EXPECT_THAT(err, StartsWith("velto: recording the microphone to the recordings folder for 0.3 s; Ctrl-C stops earlier"));
@@ -92,8 +92,8 @@ TEST_F(RecordCommandTest, JsonModePrintsEveryEventWithFinishedLast) {
 TEST_F(RecordCommandTest, FurtherInterruptionsCancelThenAbandon) {
     interruptionsBeforeRun_ = 2;
     EXPECT_EQ(run(RecordOptions{}), kCancelledExitStatus);
-    EXPECT_EQ(backend_.cancelCalls(), 1);
-    EXPECT_EQ(backend_.stopCalls(), 0);
+    EXPECT_EQ(backend_.cancelCalls, 1);
+    EXPECT_EQ(backend_.stopCalls, 0);
     EXPECT_THAT(out_.str(), IsEmpty());
     EXPECT_EQ(err_.str(), "velto: recording cancelled; what was recorded is kept in '" +
                               backend_.defaultFile.string() + "'\n");
@@ -205,8 +205,8 @@ TEST_F(RecordCommandTest, RecordingWithoutAnyProgressIsAbandonedAsFailed) {
     RecordOptions options;
     options.durationSeconds = 1;
     EXPECT_EQ(run(options, false, environment), 1);
-    EXPECT_EQ(backend_.cancelCalls(), 1);
-    EXPECT_EQ(backend_.stopCalls(), 0);
+    EXPECT_EQ(backend_.cancelCalls, 1);
+    EXPECT_EQ(backend_.stopCalls, 0);
     EXPECT_THAT(linesOf(err_.str()), ElementsAre(StartsWith("velto: no audio arrived from the sound server")));
 }
 
@@ -240,7 +240,7 @@ TEST_F(RecordCommandTest, TogglingPausesAndResumesOnceTheRecordingRuns) {
     RecordCommand command(options, backend_, console);
     command.togglePause();  // before the start: nothing to pause
     std::thread presser([&] {
-        while (backend_.pauseCalls() == 0) {
+        while (backend_.pauseCalls == 0) {
             command.togglePause();  // ignored until the first progress
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
@@ -250,8 +250,8 @@ TEST_F(RecordCommandTest, TogglingPausesAndResumesOnceTheRecordingRuns) {
     });
     EXPECT_EQ(command.run(), 0);
     presser.join();
-    EXPECT_EQ(backend_.pauseCalls(), 1);
-    EXPECT_EQ(backend_.resumeCalls(), 1);
+    EXPECT_EQ(backend_.pauseCalls, 1);
+    EXPECT_EQ(backend_.resumeCalls, 1);
     const auto lines = linesOf(out_.str());
     const auto paused = std::find(lines.begin(), lines.end(), R"({"event":"paused","elapsed":0.3})");
     ASSERT_NE(paused, lines.end());

@@ -50,20 +50,6 @@ TEST(RecordingControl, StopWaitsUntilTheServiceWouldAcceptIt) {
     EXPECT_THAT(log.waitFor(1), ElementsAre("stop"));
 }
 
-TEST(RecordingControl, CancelBeforeTheRecordingRunsSkipsTheStop) {
-    ActionLog log;
-    {
-        RecordingControl control(log.actions());
-        control.interrupt();
-        control.interrupt();
-        control.markStarted();
-        EXPECT_THAT(log.waitFor(1), ElementsAre("cancel"));
-        control.markRecording();
-    }
-    // The stop that was still waiting is dropped: the user asked to abandon the file.
-    EXPECT_THAT(log.waitFor(0), ElementsAre("cancel"));
-}
-
 TEST(RecordingControl, DestructionWaitsForAStopUnderWay) {
     std::promise<void> release;
     auto released = release.get_future().share();

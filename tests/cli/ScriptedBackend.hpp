@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <exception>
 #include <fstream>
@@ -47,14 +48,7 @@ public:
     std::optional<RecordingConfiguration> startedConfiguration;
     std::optional<std::filesystem::path> requestedOutput;
 
-    int stopCalls() const {
-        std::lock_guard lock(mutex_);
-        return stopCalls_;
-    }
-    int cancelCalls() const {
-        std::lock_guard lock(mutex_);
-        return cancelCalls_;
-    }
+    std::atomic<int> stopCalls{0}, cancelCalls{0}, pauseCalls{0}, resumeCalls{0};
 
     EventStream<RecordingEvent> startRecording(const RecordingConfiguration& configuration,
                                                const std::optional<std::filesystem::path>& outputFile) override {
@@ -70,8 +64,8 @@ public:
         return stream;
     }
 
-    void stopRecording() override { request(&stopCalls_); }
-    void cancelRecording() override { request(&cancelCalls_); }
+    void stopRecording() override { request(stopCalls); }
+    void cancelRecording() override { request(cancelCalls); }
     // Answers like a recorder: paused/resumed at the recorded time, on the event stream.
     void pauseRecording() override { pauseOrResume(true); }
     void resumeRecording() override { pauseOrResume(false); }
@@ -94,31 +88,20 @@ public:
     void clearPreferredMicrophone() override { storedMicrophoneId.reset(); }
     PermissionStatus permissionStatus(const RecordingConfiguration&) override { return permission; }
 
-    int pauseCalls() const {
-        std::lock_guard lock(mutex_);
-        return pauseCalls_;
-    }
-    int resumeCalls() const {
-        std::lock_guard lock(mutex_);
-        return resumeCalls_;
-    }
-
 private:
     void pauseOrResume(bool pause) {
         std::lock_guard lock(mutex_);
-        if (pause) {
-            ++pauseCalls_;
-            if (events_) events_->yield(RecordingEvent::paused(0.1 * progressEvents));
-        } else {
-            ++resumeCalls_;
-            if (events_) events_->yield(RecordingEvent::resumed(0.1 * progressEvents));
+        ++(pause ? pauseCalls : resumeCalls);
+        if (events_) {
+            events_->yield(pause ? RecordingEvent::paused(0.1 * progressEvents) : RecordingEvent::resumed(0.1 * progressEvents));
         }
     }
 
-    void request(int* counter) {
+    // Counted under the lock the recording waits on, so that its wait cannot miss it.
+    void request(std::atomic<int>& counter) {
         {
             std::lock_guard lock(mutex_);
-            ++*counter;
+            ++counter;
         }
         changed_.notify_all();
     }
@@ -138,8 +121,8 @@ private:
         }
         for (const auto& event : laterEvents) events.yield(event);
         std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return limitReached || stopCalls_ > 0 || cancelCalls_ > 0 || shuttingDown_; });
-        bool cancelled = cancelCalls_ > 0;
+        changed_.wait(lock, [&] { return limitReached || stopCalls > 0 || cancelCalls > 0 || shuttingDown_; });
+        bool cancelled = cancelCalls > 0;
         events_.reset();
         lock.unlock();
         if (!endsWithoutFileEvent) {
@@ -150,10 +133,6 @@ private:
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;
-    int stopCalls_ = 0;
-    int cancelCalls_ = 0;
-    int pauseCalls_ = 0;
-    int resumeCalls_ = 0;
     std::optional<EventSource<RecordingEvent>::Continuation> events_;  // while waiting for the stop
     bool shuttingDown_ = false;
     std::thread recorder_;
