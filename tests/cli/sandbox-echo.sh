@@ -46,9 +46,10 @@ record() {
 report() { grep -o 'Echo cancellation: .*' "$work/$1.err" | tail -1; }
 
 
-# The RMS level (dB) of the microphone's track of a separate-tracks recording from 4 s on.
-microphone_db() {
-    sox "$work/$1.wav" -n remix 1 trim 4 stat 2>&1 |
+# The RMS level (dB) of the microphone's track of a separate-tracks recording from FROM
+# (default 4) seconds on.
+microphone_db() { # NAME [FROM]
+    sox "$work/$1.wav" -n remix 1 trim "${2:-4}" stat 2>&1 |
         awk '/RMS +amplitude/ { printf "%.2f", 20 * log($3) / log(10) }'
 }
 
@@ -90,11 +91,7 @@ done
 # The echo moves mid-recording, as when a device's latency changes: the loop is loaded
 # again 40 ms longer some 5 s in (the microphone hears it some 30 ms later). From 2 s
 # after the move at least VELTO_ECHO_MOVED_MIN_DB (default 20) is removed: measured
-# 24.6-28.4 dB, where a canceller that waits for its delay estimate removed 0.2-5.6.
-microphone_db_from() { # NAME FROM
-    sox "$work/$1.wav" -n remix 1 trim "$2" stat 2>&1 |
-        awk '/RMS +amplitude/ { printf "%.2f", 20 * log($3) / log(10) }'
-}
+# 23.6-28.4 dB, where a canceller that waits for its delay estimate removed 0.2-5.6.
 for echo in on off; do
     sandbox echo-path on 100 6
     play velto_speakers "$work/speech/far.wav"
@@ -106,7 +103,7 @@ for echo in on off; do
     stop_players
 done
 line=$(report moved-on)
-reduction=$(awk -v on="$(microphone_db_from moved-on 7)" -v off="$(microphone_db_from moved-off 7)" \
+reduction=$(awk -v on="$(microphone_db moved-on 7)" -v off="$(microphone_db moved-off 7)" \
     'BEGIN { printf "%.1f", off - on }')
 awk -v r="$reduction" -v m="${VELTO_ECHO_MOVED_MIN_DB:-20}" 'BEGIN { exit !(r >= m) }' ||
     fail "an echo that moves from 100 to 140 ms: only $reduction dB removed 2 s after the move ($line)"
