@@ -20,7 +20,7 @@ constexpr double kEngageFollow = 0.08;
 constexpr double kPoorRemovalRatio = 2.0;
 constexpr int64_t kPoorRemovalFrames = 16 * EchoCanceller::kFrameFrames;
 // A search gives up after this much system audio (the near end was talking), and
-// the next one waits at least as long.
+// the next one waits for this much more.
 constexpr int64_t kSearchFrames = 3 * EchoCanceller::kSampleRateHertz / 2;
 constexpr int64_t kSearchRestFrames = 2 * EchoCanceller::kSampleRateHertz;
 // A trial filter is judged on the last quarter second of its replay.
@@ -172,10 +172,15 @@ void EchoCanceller::placeFilter(int64_t delayFrames) noexcept {
         restFrames_ = kRetryFrames;
         startProbing();
     }
+    watchAfresh();
+    learnFromHistory(speex_, alignmentShiftFrames_);
+}
+
+// A filter newly placed is judged on its own output from now on.
+void EchoCanceller::watchAfresh() noexcept {
     recentMicrophoneEnergy_ = recentFilteredEnergy_ = 0;
     poorRemovalFrames_ = 0;
     searchedFrames_ = -1;
-    learnFromHistory(speex_, alignmentShiftFrames_);
 }
 
 // A delay found in the residual is tried on a second filter over the recent past, and
@@ -191,9 +196,7 @@ bool EchoCanceller::tryFilterAt(int64_t delayFrames) noexcept {
     std::swap(speex_, trialSpeex_);
     alignmentShiftFrames_ = shiftFrames;
     reportedEchoMoves_.fetch_add(1, std::memory_order_relaxed);
-    recentMicrophoneEnergy_ = recentFilteredEnergy_ = 0;
-    poorRemovalFrames_ = 0;
-    searchedFrames_ = -1;
+    watchAfresh();
     return true;
 }
 

@@ -108,6 +108,7 @@ private:
     bool measureRemoval(const float* system, const float* microphone, const float* cancelled) noexcept;
     void watchForAMovedEcho(const float* system, const float* cancelled, bool active) noexcept;
     void placeFilter(int64_t delayFrames) noexcept;
+    void watchAfresh() noexcept;
     bool needsRealigning(int64_t delayFrames) const noexcept;
 
     int64_t maximumBlockFrames_;
