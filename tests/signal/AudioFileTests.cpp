@@ -18,7 +18,6 @@ namespace {
 namespace fs = std::filesystem;
 
 using testing::readRecording;
-using testing::ScratchFolder;
 
 float expectedSine(int64_t frame) { return testing::sineSample(1000, 16000, frame); }
 
@@ -42,12 +41,12 @@ int64_t writeSine(AudioFile& file, int64_t totalFrames, uint32_t blockFrames = 3
 // WAV keeps the float samples exactly; FLAC holds 24-bit integers, so within
 // their quantisation step.
 TEST(AudioFileTest, RoundTripsKeepLengthAndLevel) {
-    ScratchFolder directory("velto-audiofile");
+    testing::TemporaryDirectory directory;
     struct Case { AudioFormat format; int sndfileFormat; float tolerance; };
     for (const auto& c : {Case{AudioFormat::wav, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 0.0f},
                           Case{AudioFormat::flac, SF_FORMAT_FLAC | SF_FORMAT_PCM_24, 2.0f / (1 << 23)}}) {
         SCOPED_TRACE(caseName(c.format));
-        const auto path = directory.file(std::string("take.") + fileExtension(c.format));
+        const auto path = directory.path() / (std::string("take.") + fileExtension(c.format));
         {
             auto file = AudioFile::openForWriting(path, makeAudioSettings(c.format));
             EXPECT_EQ(file->processingFormat(), *PcmFormat::make(16000, 1, true));
@@ -73,11 +72,11 @@ TEST(AudioFileTest, RoundTripsKeepLengthAndLevel) {
 // behind: it must decode, up to what was written (FLAC may still hold back
 // the one block its encoder is filling).
 TEST(AudioFileTest, UnfinishedFilesDecode) {
-    ScratchFolder directory("velto-audiofile");
+    testing::TemporaryDirectory directory;
     for (const auto format : {AudioFormat::wav, AudioFormat::flac}) {
         SCOPED_TRACE(caseName(format));
-        const auto path = directory.file(std::string("live.") + fileExtension(format));
-        const auto copy = directory.file(std::string("crashed.") + fileExtension(format));
+        const auto path = directory.path() / (std::string("live.") + fileExtension(format));
+        const auto copy = directory.path() / (std::string("crashed.") + fileExtension(format));
         auto file = AudioFile::openForWriting(path, makeAudioSettings(format));
         writeSine(*file, 40000);
         fs::copy_file(path, copy, fs::copy_options::overwrite_existing);
@@ -101,10 +100,10 @@ TEST(AudioFileTest, UnfinishedFilesDecode) {
 // The file system's reservation is stood in for: a real full disk is what the
 // disk-full drill fills.
 TEST(AudioFileTest, AFullDiskIsReportedOnceWhileTheReserveStillTakesTheEnd) {
-    ScratchFolder directory("velto-audiofile");
+    testing::TemporaryDirectory directory;
     for (const auto format : {AudioFormat::wav, AudioFormat::flac}) {
         SCOPED_TRACE(caseName(format));
-        const auto path = directory.file(std::string("full.") + fileExtension(format));
+        const auto path = directory.path() / (std::string("full.") + fileExtension(format));
         bool diskFull = false;
         std::vector<int64_t> reservedFrom;
         auto file = AudioFile::openForWriting(path, makeAudioSettings(format), true, Clock::system(),
@@ -141,8 +140,8 @@ TEST(AudioFileTest, AFullDiskIsReportedOnceWhileTheReserveStillTakesTheEnd) {
 }
 
 TEST(AudioFileTest, NoFileIsLeftWhenTheDiskCannotHoldTheReserve) {
-    ScratchFolder directory("velto-audiofile");
-    const auto path = directory.file("take.flac");
+    testing::TemporaryDirectory directory;
+    const auto path = directory.path() / "take.flac";
     try {
         AudioFile::openForWriting(path, makeAudioSettings(AudioFormat::flac), true, Clock::system(),
                                   [](int, int64_t, int64_t) { return ENOSPC; });

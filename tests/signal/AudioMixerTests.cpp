@@ -7,9 +7,10 @@
 namespace velto {
 namespace {
 
+using testing::DirectPath;
 using testing::drainStream;
 using testing::MixerRig;
-using testing::ScratchFolder;
+using testing::TemporaryDirectory;
 using testing::writeConstant;
 
 PcmFormat fileFormat16k() { return *PcmFormat::make(16000, 1, true); }
@@ -47,29 +48,6 @@ TEST(AudioMixerTest, PacingFollowsTheClockAtMostOneBufferPerTick) {
     EXPECT_EQ(rig.mixer->totalFramesProcessed(), 2400 + 1024);
 }
 
-// A single microphone source at 16 kHz into a 16 kHz WAV file (no
-// conversion anywhere). The jitter reserve is filled with `value`, so that a
-// mix of `value` comes out as that value alone.
-struct DirectPath {
-    explicit DirectPath(float value = 0.0f) : folder("velto-mixer"), ring(FloatRingBuffer::create(1, 96000)) {
-        file = AudioFile::openForWriting(folder.file("mix.wav"), makeAudioSettings(AudioFormat::wav));
-        stream = rig.mixer->audioStream();
-        rig.mixer->start(testing::singleInputs(nullptr, ring, 16000, 1, file, file->processingFormat()));
-        writeConstant(*ring, value, 3072);
-    }
-    std::vector<float> mix(float value, int64_t frames) {
-        writeConstant(*ring, value, frames);
-        rig.clock->advance(static_cast<double>(frames) / 16000.0);
-        rig.mixer->tick();
-        return drainStream(stream);
-    }
-    MixerRig rig;
-    ScratchFolder folder;
-    std::shared_ptr<FloatRingBuffer> ring;
-    std::shared_ptr<AudioFile> file;
-    AudioBufferStream stream;
-};
-
 // Levels describe the last block, after clipping: samples beyond ±0.98 are
 // clipped to it, and each block that needed it is counted.
 TEST(AudioMixerTest, LevelsDescribeTheLastClippedBlockAndEachClippedBlockIsCounted) {
@@ -78,7 +56,8 @@ TEST(AudioMixerTest, LevelsDescribeTheLastClippedBlockAndEachClippedBlockIsCount
                           Case{0.98f, 0.98f, 20 * std::log10(0.98f), 0}, Case{1.5f, 0.98f, 20 * std::log10(0.98f), 2},
                           Case{-2.0f, -0.98f, 20 * std::log10(0.98f), 2}}) {
         SCOPED_TRACE(c.in);
-        DirectPath path(c.in);
+        DirectPath path;
+        writeConstant(*path.ring, c.in, 3072);  // the reserve: a mix of the value alone
         EXPECT_EQ(path.rig.mixer->currentLevels(), AudioLevels::silence());
         EXPECT_EQ(path.mix(c.in, 128), std::vector<float>(128, c.out));
         EXPECT_EQ(path.mix(c.in, 128), std::vector<float>(128, c.out));
@@ -89,7 +68,8 @@ TEST(AudioMixerTest, LevelsDescribeTheLastClippedBlockAndEachClippedBlockIsCount
 }
 
 TEST(AudioMixerTest, StopWritesOutTheReserveThenEndsTheStreamOnceAndReleasesTheFile) {
-    DirectPath path(0.2f);  // 3072 frames of 0.2 wait as the reserve
+    DirectPath path;
+    writeConstant(*path.ring, 0.2f, 3072);  // waits as the reserve
     path.mix(0.1f, 100);
     path.rig.mixer->stopMixing();
     path.rig.mixer->stopMixing();
@@ -116,8 +96,8 @@ TEST(AudioMixerTest, StopWritesOutTheReserveThenEndsTheStreamOnceAndReleasesTheF
 
 TEST(AudioMixerTest, StopTakesWhatTheRingsHeldAndNothingThatArrivesDuringIt) {
     MixerRig rig;
-    ScratchFolder folder("velto-mixer-drain");
-    auto file = AudioFile::openForWriting(folder.file("mix.wav"), makeAudioSettings(AudioFormat::wav));
+    TemporaryDirectory folder;
+    auto file = AudioFile::openForWriting(folder.path() / "mix.wav", makeAudioSettings(AudioFormat::wav));
     auto systemRing = FloatRingBuffer::create(1, 96000);
     auto microphoneRing = FloatRingBuffer::create(1, 96000);
     rig.mixer->start(testing::dualInputs(systemRing, 16000, 1, microphoneRing, 16000, file, file->processingFormat()));
@@ -144,9 +124,9 @@ TEST(AudioMixerTest, StopTakesWhatTheRingsHeldAndNothingThatArrivesDuringIt) {
 // of it once, and nothing more is written after it.
 TEST(AudioMixerTest, AFileFrameLimitEndsTheFileOnTheFrameAndIsReportedOnce) {
     MixerRig rig;
-    ScratchFolder folder("velto-mixer-limit");
+    TemporaryDirectory folder;
     auto ring = FloatRingBuffer::create(1, 96000);
-    auto file = AudioFile::openForWriting(folder.file("mix.wav"), makeAudioSettings(AudioFormat::wav));
+    auto file = AudioFile::openForWriting(folder.path() / "mix.wav", makeAudioSettings(AudioFormat::wav));
     auto earlier = PcmBuffer::make(file->processingFormat(), 300);
     earlier->setFrameLength(300);
     file->write(*earlier);

@@ -16,7 +16,6 @@ namespace velto {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ScratchFolder;
 
 using velto::testing::eventually;
 
@@ -45,8 +44,8 @@ TEST(AudioMixerTimerTest, TheTimerTicksOnTheMixingQueueAsTheClockMoves) {
 // and changes gains meanwhile. Everything the stream delivered is in the file,
 // and a ramp on the microphone arrives without a gap or a repeat.
 TEST(AudioMixerTimerTest, LiveProducersTimerAndConsumerRunTogether) {
-    ScratchFolder folder("velto-mixer-live");
-    auto file = AudioFile::openForWriting(folder.file("live.wav"), makeAudioSettings(AudioFormat::wav));
+    testing::TemporaryDirectory folder;
+    auto file = AudioFile::openForWriting(folder.path() / "live.wav", makeAudioSettings(AudioFormat::wav));
     auto mixer = AudioMixer::create(1024, 512);
     auto systemRing = FloatRingBuffer::create(2, 96000);
     auto microphoneRing = FloatRingBuffer::create(1, 96000);

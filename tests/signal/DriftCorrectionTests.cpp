@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <functional>
 #include <numbers>
 #include <random>
 #include <vector>
@@ -22,6 +21,8 @@ namespace {
 
 using testing::fitSine;
 using testing::MixerRig;
+using testing::runSources;
+using testing::SimulatedSource;
 
 constexpr double kPi = std::numbers::pi;
 
@@ -137,33 +138,28 @@ ControlledRun runController(double skew, double jitterSeconds, double seconds,
 }
 
 // Against scheduling jitter, and against a late share of the deliveries whose
-// share wanders (the controller follows the earliest deliveries).
-TEST(DriftControllerTest, HoldsASkewedSourceWithinAMillisecondDespiteJitterAndWanderingLateness) {
+// share wanders (the controller follows the earliest deliveries). A device that loses
+// 35 ms at once has not changed its clock: its source takes the step and moves no
+// further (a line through the deliveries either side of the step would read some
+// -3800 ppm for half a minute).
+TEST(DriftControllerTest, HoldsASkewedSourceWithinAMillisecondDespiteJitterLatenessAndLostTime) {
     struct Case {
-        double skew, jitter, seconds, batchLate;
+        double skew, jitter, seconds, batchLate, lost;
     };
     std::vector<Case> cases;
     for (const double skew : {2000e-6, -2000e-6, 1000e-6, -200e-6, 0.0}) {
-        for (const double jitter : {0.0005, 0.002}) cases.push_back({skew, jitter, 600, 0});
+        for (const double jitter : {0.0005, 0.002}) cases.push_back({skew, jitter, 600, 0, 0});
     }
-    for (const double skew : {500e-6, -1000e-6, 0.0}) cases.push_back({skew, 0.0005, 300, 0.020});
+    for (const double skew : {500e-6, -1000e-6, 0.0}) cases.push_back({skew, 0.0005, 300, 0.020, 0});
+    cases.push_back({500e-6, 0.0005, 120, 0, 0.035});
     for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::Message() << "skew " << c.skew * 1e6 << " ppm, jitter " << c.jitter << ", late " << c.batchLate);
-        const auto run = runController(c.skew, c.jitter, c.seconds, std::nullopt, c.batchLate);
+        SCOPED_TRACE(::testing::Message() << "skew " << c.skew * 1e6 << " ppm, jitter " << c.jitter << ", late "
+                                          << c.batchLate << ", lost " << c.lost);
+        const auto run = runController(c.skew, c.jitter, c.seconds, std::nullopt, c.batchLate, c.lost);
         EXPECT_LT(run.delayMoveAfterSettling, 0.001);
         EXPECT_NEAR(run.finalSkewEstimate, c.skew, 20e-6);
         EXPECT_FALSE(run.outOfRange);
     }
-}
-
-// A device that loses 35 ms at once has not changed its clock: its source takes the
-// step and moves no further (a line through the deliveries either side of the step
-// would read some -3800 ppm for half a minute).
-TEST(DriftControllerTest, ADeviceThatLosesTimeIsNotTakenForASkew) {
-    const auto run = runController(500e-6, 0.0005, 120, std::nullopt, 0, 0.035);
-    EXPECT_LT(run.delayMoveAfterSettling, 0.001);
-    EXPECT_NEAR(run.finalSkewEstimate, 500e-6, 20e-6);
-    EXPECT_FALSE(run.outOfRange);
 }
 
 // A block whose last frame came in earlier than the write (cut from a larger
@@ -191,45 +187,6 @@ TEST(DriftControllerTest, ReportsASkewBeyondTheRangeAndStartsFromACarriedEstimat
 }
 
 // ---- Whole recordings through the mixer ----
-
-// A capture source on a clock of its own: it produces `rate × (1 + skew)` frames
-// per second of the mixer's clock, delivered in bursts whose writes are stamped
-// at the moment they happen. Its signal is a sine of the true time, so that a
-// source kept in step comes out as the same sine in the mixer's time.
-struct SkewedSource {
-    SkewedSource(double rateHertz, double skew, int64_t channels, int64_t burstFrames, double toneHertz)
-        : rate(rateHertz), skew(skew), burst(burstFrames), tone(toneHertz),
-          ring(FloatRingBuffer::create(channels, 96000)), samples(static_cast<size_t>(burstFrames)),
-          pointers(static_cast<size_t>(channels), samples.data()) {}
-
-    double nextBurstSeconds(double startSeconds) const {
-        return startSeconds + static_cast<double>(produced + burst) / (rate * (1 + skew));
-    }
-    void deliver() {
-        // A phasor turned sample by sample from the burst's exact phase: a sine call per
-        // sample would be most of an eight-hour simulation's time.
-        const double step = 2 * kPi * tone / (rate * (1 + skew));
-        const double stepCosine = std::cos(step), stepSine = std::sin(step);
-        double cosine = std::cos(step * static_cast<double>(produced)), sine = std::sin(step * static_cast<double>(produced));
-        for (int64_t i = 0; i < burst; ++i) {
-            samples[static_cast<size_t>(i)] = static_cast<float>(0.4 * sine);
-            const double next = sine * stepCosine + cosine * stepSine;
-            cosine = cosine * stepCosine - sine * stepSine;
-            sine = next;
-        }
-        overrunFrames += burst - ring->write(pointers, burst);
-        produced += burst;
-        highestFill = std::max(highestFill, ring->availableFrames());
-    }
-
-    double rate, skew;
-    int64_t burst;
-    double tone;
-    std::shared_ptr<FloatRingBuffer> ring;
-    std::vector<float> samples;
-    std::vector<const float*> pointers;
-    int64_t produced = 0, overrunFrames = 0, highestFill = 0;
-};
 
 // The drift recordings' tracks: separate, mixed at 16 kHz.
 constexpr double kTrackRate = 16000;
@@ -271,28 +228,6 @@ private:
     int64_t frames_ = 0, lastSound_ = 0;
 };
 
-// Delivers each source's bursts and runs each of the mixer's ticks in the order of
-// their times, each at its own time, for `seconds` from `start`; `afterTick` follows every tick.
-void runSkewed(MixerRig& rig, const std::vector<SkewedSource*>& sources, double start, double seconds,
-               const std::function<void()>& afterTick) {
-    for (double nextTick = start + 1.0 / 60.0; nextTick < start + seconds;) {
-        SkewedSource* due = nullptr;
-        for (auto* source : sources) {
-            const double at = source->nextBurstSeconds(start);
-            if (at <= nextTick && (!due || at < due->nextBurstSeconds(start))) due = source;
-        }
-        if (due) {
-            rig.clock->set(due->nextBurstSeconds(start));
-            due->deliver();
-            continue;
-        }
-        rig.clock->set(nextTick);
-        rig.mixer->tick();
-        afterTick();
-        nextTick += 1.0 / 60.0;
-    }
-}
-
 struct DriftRecording {
     // The two tracks, at the mixing rate: each source its own tone, so that with echo
     // cancellation the microphone's does not pass for the system audio's echo.
@@ -307,8 +242,8 @@ struct DriftRecording {
 DriftRecording recordSkewed(double microphoneSkew, double systemSkew, double seconds, bool cancelEcho = false) {
     constexpr double microphoneRate = 16000, systemRate = 48000;
     MixerRig rig(1024, 3072);
-    SkewedSource microphone(microphoneRate, microphoneSkew, 1, 1024, 10.0);
-    SkewedSource system(systemRate, systemSkew, 2, static_cast<int64_t>(systemRate / 100), 13.0);
+    SimulatedSource microphone(microphoneRate, microphoneSkew, 1, 1024, 10.0);
+    SimulatedSource system(systemRate, systemSkew, 2, static_cast<int64_t>(systemRate / 100), 13.0);
     microphone.ring->stampDeliveriesWith(rig.clock);
     system.ring->stampDeliveriesWith(rig.clock);
     auto inputs = testing::dualInputs(system.ring, systemRate, 2, microphone.ring, microphoneRate, nullptr,
@@ -328,7 +263,7 @@ DriftRecording recordSkewed(double microphoneSkew, double systemSkew, double sec
             recording.system.add(frame[1]);
         });
     };
-    runSkewed(rig, {&microphone, &system}, start, seconds, collect);
+    runSources(rig, {&microphone, &system}, start, seconds, collect);
     recording.underruns = rig.mixer->underrunCount();
     recording.secondsRecorded = rig.clock->nowSeconds() - start;
     recording.highestFillSeconds = std::max(static_cast<double>(microphone.highestFill) / microphoneRate,
@@ -438,7 +373,7 @@ TEST(SkewedSourceFidelity, AToneThroughTheAdaptivePathIsCleanAtEveryRatePair) {
             // The sanitizer builds take one mixing rate per source rate.
             if (kSimulatedTimeScale < 1 && sourceRate == mixingRate) continue;
             MixerRig rig(1024, 3072);
-            SkewedSource source(sourceRate, 1000e-6, 1, 1024, 1000.0);
+            SimulatedSource source(sourceRate, 1000e-6, 1, 1024, 1000.0);
             source.ring->stampDeliveriesWith(rig.clock);
             auto inputs = testing::singleInputs(nullptr, source.ring, sourceRate, 1, nullptr,
                                                 *PcmFormat::make(mixingRate, 1, true));
@@ -449,7 +384,7 @@ TEST(SkewedSourceFidelity, AToneThroughTheAdaptivePathIsCleanAtEveryRatePair) {
             const double start = rig.clock->nowSeconds();
             rig.mixer->start(inputs);
             std::vector<float> output;
-            runSkewed(rig, {&source}, start, 62, [&] {
+            runSources(rig, {&source}, start, 62, [&] {
                 const auto delivered = testing::drainStream(stream);
                 output.insert(output.end(), delivered.begin(), delivered.end());
             });

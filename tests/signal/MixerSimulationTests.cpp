@@ -2,7 +2,7 @@
 
 #include <cmath>
 #include <numbers>
-#include <random>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,45 +10,15 @@
 #include "SignalQuality.hpp"
 
 // Long and signal-level runs of the mixer, driven by a manual clock: capture
-// sources write what their rate delivers per timer period (exactly, or in
-// bursts like a 1024-frame capture tap) and the test ticks the mixer.
+// sources deliver bursts when their rate has made them and the test ticks the mixer.
 namespace velto {
 namespace {
 
 using testing::drainStream;
 using testing::fitSine;
 using testing::MixerRig;
-using testing::ScratchFolder;
-
-// A capture source: produces a signal at its rate (silence without a sine)
-// and writes what its clock says is due, either every tick or in whole bursts.
-struct SimulatedSource {
-    SimulatedSource(double rateHertz, int64_t channels, double sineHertz, int64_t burstFrames = 0)
-        : rate(rateHertz), sine(sineHertz), burstFrames(burstFrames), ring(FloatRingBuffer::create(channels, 96000)),
-          samples(static_cast<size_t>(rateHertz)), pointers(static_cast<size_t>(channels), samples.data()) {}
-
-    // Writes what is due after `elapsedTicks` periods of 1/60 s.
-    void produceUntil(int64_t elapsedTicks) {
-        int64_t frames = static_cast<int64_t>(std::floor(static_cast<double>(elapsedTicks) * rate / 60.0)) - produced;
-        if (burstFrames > 0) frames = frames / burstFrames * burstFrames;
-        for (int64_t i = 0; sine > 0 && i < frames; ++i) {
-            samples[static_cast<size_t>(i)] = testing::sineSample(sine, rate, produced + i);
-        }
-        const int64_t written = frames > 0 ? ring->write(pointers, frames) : 0;
-        overrunFrames += std::max<int64_t>(frames, 0) - written;
-        produced += written;
-    }
-    double producedSeconds() const { return static_cast<double>(produced) / rate; }
-    // Seconds of this source's signal that the mixer has taken so far.
-    double consumedSeconds() const { return static_cast<double>(produced - ring->availableFrames()) / rate; }
-
-    double rate, sine;
-    int64_t burstFrames;
-    std::shared_ptr<FloatRingBuffer> ring;
-    std::vector<float> samples;
-    std::vector<const float*> pointers;
-    int64_t produced = 0, overrunFrames = 0;
-};
+using testing::runSources;
+using testing::SimulatedSource;
 
 struct SinePathCase {
     const char* name;
@@ -65,15 +35,20 @@ std::vector<float> recordThroughMixer(const SinePathCase& c, double seconds, dou
                                       float microphoneGain, int64_t* paddedFrames = nullptr,
                                       size_t* framesBeforeStop = nullptr) {
     MixerRig rig(1024, 3072);
-    ScratchFolder folder("velto-mixer-sine");
-    auto file = AudioFile::openForWriting(folder.file("mix.wav"), makeAudioSettings(AudioFormat::wav));
+    testing::TemporaryDirectory folder;
+    auto file = AudioFile::openForWriting(folder.path() / "mix.wav", makeAudioSettings(AudioFormat::wav));
     auto stream = rig.mixer->audioStream();
     rig.mixer->setSystemGain(systemGain);
     rig.mixer->setMicrophoneGain(microphoneGain);
-    std::unique_ptr<SimulatedSource> system, microphone;
-    if (c.systemHertz > 0) system = std::make_unique<SimulatedSource>(c.systemHertz, 2, c.sineOnSystem ? sineHertz : 0);
+    // The system audio in 10 ms bursts, the microphone in 1024-frame ones.
+    std::optional<SimulatedSource> system, microphone;
+    std::vector<SimulatedSource*> sources;
+    if (c.systemHertz > 0) {
+        sources.push_back(&system.emplace(c.systemHertz, 0, 2, static_cast<int64_t>(c.systemHertz / 100),
+                                          c.sineOnSystem ? sineHertz : 0));
+    }
     if (c.microphoneHertz > 0) {
-        microphone = std::make_unique<SimulatedSource>(c.microphoneHertz, 1, c.sineOnSystem ? 0 : sineHertz, 1024);
+        sources.push_back(&microphone.emplace(c.microphoneHertz, 0, 1, 1024, c.sineOnSystem ? 0 : sineHertz));
     }
     if (system && microphone) {
         rig.mixer->start(testing::dualInputs(system->ring, c.systemHertz, 2, microphone->ring, c.microphoneHertz, file,
@@ -83,14 +58,10 @@ std::vector<float> recordThroughMixer(const SinePathCase& c, double seconds, dou
                                system ? c.systemHertz : c.microphoneHertz, system ? 2 : 1, file, file->processingFormat()));
     }
     std::vector<float> output;
-    const auto ticks = static_cast<int64_t>(seconds * 60);
-    for (int64_t tick = 1; tick <= ticks; ++tick) {
-        if (system) system->produceUntil(tick);
-        if (microphone) microphone->produceUntil(tick);
-        rig.step();
+    runSources(rig, sources, rig.clock->nowSeconds(), seconds, [&] {
         const auto delivered = drainStream(stream);
         output.insert(output.end(), delivered.begin(), delivered.end());
-    }
+    });
     if (paddedFrames) *paddedFrames = rig.mixer->paddedSilenceFrames();
     EXPECT_EQ(rig.mixer->underrunCount(), 0);
     if (framesBeforeStop) *framesBeforeStop = output.size();
@@ -99,10 +70,9 @@ std::vector<float> recordThroughMixer(const SinePathCase& c, double seconds, dou
     output.insert(output.end(), tail.begin(), tail.end());
     file->close();
     EXPECT_EQ(file->framesWritten(), static_cast<int64_t>(output.size()));
-    for (const auto* source : {system.get(), microphone.get()}) {
-        if (source) {
-            EXPECT_GE(static_cast<double>(output.size()), std::floor(source->producedSeconds() * 16000.0));
-        }
+    for (const auto* source : sources) {
+        const double producedSeconds = static_cast<double>(source->produced) / source->rate;
+        EXPECT_GE(static_cast<double>(output.size()), std::floor(producedSeconds * 16000.0));
     }
     return output;
 }
@@ -123,14 +93,14 @@ TEST_P(SinePathThroughMixer, IsCleanAndContinuous) {
     ASSERT_GT(beforeStop, skip + 32000);
     const auto fit = fitSine(output, skip, beforeStop - skip, 1000, 16000);
     EXPECT_GE(fit.sinadDecibels, 90.0);
-    EXPECT_NEAR(fit.amplitude, 0.5, 0.001);
+    EXPECT_NEAR(fit.amplitude, SimulatedSource::kAmplitude, 0.001);
     EXPECT_LT(fit.worstResidual, 1e-4) << "discontinuity near output frame " << fit.worstResidualIndex;
     // The stop's tail carries on the same sine without a seam. (Its very end may
     // differ: the filters' edge, and a source whose last block had not arrived.)
     ASSERT_GT(output.size(), beforeStop + 1000);
     const size_t tailCheck = (output.size() - beforeStop) / 2;
     const auto acrossStop = fitSine(output, beforeStop - 2000, 2000 + tailCheck, 1000, 16000);
-    EXPECT_NEAR(acrossStop.amplitude, 0.5, 0.001);
+    EXPECT_NEAR(acrossStop.amplitude, SimulatedSource::kAmplitude, 0.001);
     EXPECT_LT(acrossStop.worstResidual, 1e-4) << "discontinuity near output frame " << acrossStop.worstResidualIndex;
     std::printf("  SINAD through the mixer, %s: %.1f dB\n", c.name, fit.sinadDecibels);
     RecordProperty("sinad_db", std::to_string(fit.sinadDecibels));
@@ -181,35 +151,31 @@ constexpr int64_t kSimulatedSeconds = 5 * 60;
 constexpr int64_t kSimulatedSeconds = 2 * 60 * 60;
 #endif
 
-// Two hours of a dual-source recording at the default buffer sizes: the
-// system source writes each period's frames, the microphone 1024-frame
-// bursts. Nothing overruns, nothing underruns once started, and the two
-// sources' positions in the mix never move against each other by 1 ms.
+// Two hours of a dual-source recording at the default buffer sizes: the system
+// source delivers 10 ms bursts, the microphone 1024-frame ones. Nothing overruns,
+// nothing underruns once started, and the two sources' positions in the mix never
+// move against each other by 1 ms.
 TEST_P(TwoHourRecording, SourcesNeitherStarveNorDrift) {
     const auto [systemHertz, microphoneHertz] = GetParam();
     MixerRig rig(1024, 3072);
-    SimulatedSource system(systemHertz, 2, 0);
-    SimulatedSource microphone(microphoneHertz, 1, 0, 1024);
+    SimulatedSource system(systemHertz, 0, 2, static_cast<int64_t>(systemHertz / 100));
+    SimulatedSource microphone(microphoneHertz, 0, 1, 1024);
     // No file: the file path is covered elsewhere, and two hours of it would cost minutes.
     rig.mixer->start(testing::dualInputs(system.ring, systemHertz, 2, microphone.ring, microphoneHertz, nullptr,
                                      *PcmFormat::make(16000, 1, true)));
 
-    constexpr int64_t kTicks = kSimulatedSeconds * 60;
     constexpr int64_t kWarmUpTicks = 60;
+    int64_t tick = 0;
     double offsetMin = 1e9, offsetMax = -1e9;
-    for (int64_t tick = 1; tick <= kTicks; ++tick) {
-        system.produceUntil(tick);
-        microphone.produceUntil(tick);
-        rig.step();
+    runSources(rig, {&system, &microphone}, rig.clock->nowSeconds(), static_cast<double>(kSimulatedSeconds), [&] {
+        if (++tick < kWarmUpTicks) return;
         if (tick == kWarmUpTicks) {
-            ASSERT_EQ(rig.mixer->underrunCount(), 0);
+            EXPECT_EQ(rig.mixer->underrunCount(), 0);
         }
-        if (tick >= kWarmUpTicks) {
-            const double offset = system.consumedSeconds() - microphone.consumedSeconds();
-            offsetMin = std::min(offsetMin, offset);
-            offsetMax = std::max(offsetMax, offset);
-        }
-    }
+        const double offset = system.consumedSeconds() - microphone.consumedSeconds();
+        offsetMin = std::min(offsetMin, offset);
+        offsetMax = std::max(offsetMax, offset);
+    });
     const double mixedSeconds = static_cast<double>(rig.mixer->totalFramesProcessed()) / rig.mixer->mixingSampleRate();
     EXPECT_EQ(system.overrunFrames, 0);
     EXPECT_EQ(microphone.overrunFrames, 0);
