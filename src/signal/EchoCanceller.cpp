@@ -38,6 +38,19 @@ void crossfade(const float* from, const float* to, float* out) noexcept {
     }
 }
 
+// A frame's sum of squares. (vec::measure with this constant count sets off a
+// false -Waggressive-loop-optimizations in g++ 12.)
+double frameEnergy(const float* frame) noexcept {
+    double energy = 0;
+    for (int64_t i = 0; i < EchoCanceller::kFrameFrames; ++i) energy += static_cast<double>(frame[i]) * frame[i];
+    return energy;
+}
+
+// The filter starts kAlignmentMarginFrames before the echo, or at the newest history.
+int64_t alignmentShiftFor(int64_t delayFrames) noexcept {
+    return std::max<int64_t>(0, delayFrames - EchoCanceller::kAlignmentMarginFrames);
+}
+
 // Rounded to nearest inline: lround's library call per sample stood out in the frame's own work.
 spx_int16_t toPcm16(float sample) noexcept {
     const float scaled = std::clamp(sample * 32767.0f, -32768.0f, 32767.0f);
@@ -105,6 +118,7 @@ void EchoCanceller::processFrame() noexcept {
     float reference[kFrameFrames];
     readHistory(systemHistory_, kFrameFrames + alignmentShiftFrames_, reference);
 
+    const double systemEnergy = frameEnergy(system);
     const float* output = microphone;
     float cancelled[kFrameFrames];
     const bool filterRuns = filterShouldRun(reference);
@@ -114,7 +128,7 @@ void EchoCanceller::processFrame() noexcept {
     if (filterRuns || fadingOut) {
         runFilter(speex_, reference, microphone, cancelled);
         reportedFilteredFrames_.fetch_add(kFrameFrames, std::memory_order_relaxed);
-        const bool counted = measureRemoval(system, microphone, cancelled);
+        const bool counted = measureRemoval(systemEnergy, microphone, cancelled);
         if (engaged_)
             watchForAMovedEcho(system, cancelled, counted);
         else if (counted)
@@ -134,15 +148,9 @@ void EchoCanceller::processFrame() noexcept {
     reportedProcessedFrames_.store(processedFrames_, std::memory_order_relaxed);
     if (firstEchoFrame_ < 0 && delayFrames >= 0) firstEchoFrame_ = processedFrames_;
     if (firstEchoFrame_ >= 0 && processedFrames_ > firstEchoFrame_ + kConvergenceFrames) {
-        double systemEnergy = 0, inEnergy = 0, outEnergy = 0;
-        for (int64_t i = 0; i < kFrameFrames; ++i) {
-            systemEnergy += static_cast<double>(system[i]) * system[i];
-            inEnergy += static_cast<double>(microphone[i]) * microphone[i];
-            outEnergy += static_cast<double>(output[i]) * output[i];
-        }
         if (systemEnergy > kActiveFrameEnergy) {
-            microphoneEnergy_ += inEnergy;
-            outputEnergy_ += outEnergy;
+            microphoneEnergy_ += frameEnergy(microphone);
+            outputEnergy_ += frameEnergy(output);
             if (microphoneEnergy_ > 0 && outputEnergy_ > 0)
                 reportedSuppressionDb_.store(10.0 * std::log10(microphoneEnergy_ / outputEnergy_), std::memory_order_relaxed);
         }
@@ -164,19 +172,23 @@ void EchoCanceller::readHistory(const std::vector<float>& history, int64_t frame
 
 void EchoCanceller::placeFilter(int64_t delayFrames) noexcept {
     if (engaged_) reportedEchoMoves_.fetch_add(1, std::memory_order_relaxed);
-    // What the filter learnt belongs to the old alignment.
-    speex_echo_state_reset(speex_);
-    alignmentShiftFrames_ = std::max<int64_t>(0, delayFrames - kAlignmentMarginFrames);
+    alignmentShiftFrames_ = alignmentShiftFor(delayFrames);
     aligned_ = true;
     if (!engaged_) {
         restFrames_ = kRetryFrames;
         startProbing();
     }
+    learnAfresh();
+}
+
+// What the filter learnt belongs to an old alignment or an old try: it starts over
+// from the history, and is judged on its own output from now on.
+void EchoCanceller::learnAfresh() noexcept {
+    speex_echo_state_reset(speex_);
     watchAfresh();
     learnFromHistory(speex_, alignmentShiftFrames_);
 }
 
-// A filter newly placed is judged on its own output from now on.
 void EchoCanceller::watchAfresh() noexcept {
     recentMicrophoneEnergy_ = recentFilteredEnergy_ = 0;
     poorRemovalFrames_ = 0;
@@ -187,7 +199,7 @@ void EchoCanceller::watchAfresh() noexcept {
 // replaces the running one only if it plainly removes more: in loud double talk the
 // residual can correlate at a wrong delay, and a filter placed there would remove nothing.
 bool EchoCanceller::tryFilterAt(int64_t delayFrames) noexcept {
-    const int64_t shiftFrames = std::max<int64_t>(0, delayFrames - kAlignmentMarginFrames);
+    const int64_t shiftFrames = alignmentShiftFor(delayFrames);
     speex_echo_state_reset(trialSpeex_);
     const ReplayTail trial = learnFromHistory(trialSpeex_, shiftFrames);
     const bool removesTheEcho = trial.microphoneEnergy >= kEngageRatio * trial.filteredEnergy;
@@ -216,10 +228,8 @@ EchoCanceller::ReplayTail EchoCanceller::learnFromHistory(SpeexEchoState_* filte
         readHistory(microphoneHistory_, kFrameFrames + back, microphone);
         runFilter(filter, reference, microphone, cancelled);
         if (back > kReplayTailFrames) continue;
-        for (int64_t i = 0; i < kFrameFrames; ++i) {
-            tail.microphoneEnergy += static_cast<double>(microphone[i]) * microphone[i];
-            tail.filteredEnergy += static_cast<double>(cancelled[i]) * cancelled[i];
-        }
+        tail.microphoneEnergy += frameEnergy(microphone);
+        tail.filteredEnergy += frameEnergy(cancelled);
         ++tailFrameCount;
     }
     if (tailFrameCount > 0) {
@@ -230,8 +240,7 @@ EchoCanceller::ReplayTail EchoCanceller::learnFromHistory(SpeexEchoState_* filte
 }
 
 bool EchoCanceller::filterShouldRun(const float* reference) noexcept {
-    double energy = 0;
-    for (int64_t i = 0; i < kFrameFrames; ++i) energy += static_cast<double>(reference[i]) * reference[i];
+    const double energy = frameEnergy(reference);
     silentReferenceFrames_ = energy > kSilentFrameEnergy ? 0 : silentReferenceFrames_ + kFrameFrames;
     // Silent over the filter's span and the frame before it (speex keeps one more),
     // the filter has no echo to take away and nothing stale to bring back later.
@@ -248,9 +257,8 @@ bool EchoCanceller::filterShouldRun(const float* reference) noexcept {
         restingActiveFrames_ += kFrameFrames;
         if (restingActiveFrames_ > restFrames_) {
             restFrames_ = std::min(2 * restFrames_, kLongestRestFrames);
-            speex_echo_state_reset(speex_);
             startProbing();
-            learnFromHistory(speex_, alignmentShiftFrames_);
+            learnAfresh();
         }
     }
     return probing_ && referenceHeard;
@@ -259,8 +267,6 @@ bool EchoCanceller::filterShouldRun(const float* reference) noexcept {
 void EchoCanceller::startProbing() noexcept {
     probing_ = true;
     probeActiveFrames_ = 0;
-    recentMicrophoneEnergy_ = 0;
-    recentFilteredEnergy_ = 0;
 }
 
 void EchoCanceller::runFilter(SpeexEchoState_* filter, const float* reference, const float* microphone, float* cancelled) noexcept {
@@ -289,21 +295,19 @@ bool EchoCanceller::needsRealigning(int64_t delayFrames) const noexcept {
 
 // Follows how much the filter removes, over frames with system audio once the delay
 // estimate has seen an echo; says whether this frame counted.
-bool EchoCanceller::measureRemoval(const float* system, const float* microphone, const float* cancelled) noexcept {
-    double systemEnergy = 0, inEnergy = 0, outEnergy = 0;
+bool EchoCanceller::measureRemoval(double systemEnergy, const float* microphone, const float* cancelled) noexcept {
+    double inEnergy = 0;
     for (int64_t i = 0; i < kFrameFrames; ++i) {
-        systemEnergy += static_cast<double>(system[i]) * system[i];
         // The filter takes the microphone's DC away by itself: compared with the DC
         // left in, an offset would pass for a removed echo.
         const double withoutDc = microphone[i] - dcBlockerInput_ + kDcBlockerPole * dcBlockerOutput_;
         dcBlockerInput_ = microphone[i];
         dcBlockerOutput_ = withoutDc;
         inEnergy += withoutDc * withoutDc;
-        outEnergy += static_cast<double>(cancelled[i]) * cancelled[i];
     }
     if (systemEnergy <= kActiveFrameEnergy || estimator_.delayFrames() < 0) return false;
     recentMicrophoneEnergy_ += kEngageFollow * (inEnergy - recentMicrophoneEnergy_);
-    recentFilteredEnergy_ += kEngageFollow * (outEnergy - recentFilteredEnergy_);
+    recentFilteredEnergy_ += kEngageFollow * (frameEnergy(cancelled) - recentFilteredEnergy_);
     return true;
 }
 

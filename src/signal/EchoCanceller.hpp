@@ -105,9 +105,10 @@ private:
     };
     ReplayTail learnFromHistory(SpeexEchoState_* filter, int64_t shiftFrames) noexcept;
     bool tryFilterAt(int64_t delayFrames) noexcept;
-    bool measureRemoval(const float* system, const float* microphone, const float* cancelled) noexcept;
+    bool measureRemoval(double systemEnergy, const float* microphone, const float* cancelled) noexcept;
     void watchForAMovedEcho(const float* system, const float* cancelled, bool active) noexcept;
     void placeFilter(int64_t delayFrames) noexcept;
+    void learnAfresh() noexcept;
     void watchAfresh() noexcept;
     bool needsRealigning(int64_t delayFrames) const noexcept;
 
