@@ -84,13 +84,5 @@ TEST_F(PermissionsAndMicrophonesTest, permissionStatusFollowsTheSourcesAndTheSys
     EXPECT_EQ(statusFor(AudioSources::microphoneOnly()).microphone, State::granted);
 }
 
-TEST_F(PermissionsAndMicrophonesTest, systemAudioRequestGivesTheUsersAnswer) {
-    harness.tcc->requestAnswer = false;
-    EXPECT_FALSE(service().requestSystemAudioPermission());
-    harness.tcc->requestAnswer = true;
-    EXPECT_TRUE(service().requestSystemAudioPermission());
-    EXPECT_EQ(harness.tcc->requests.load(), 2);
-}
-
 }  // namespace
 }  // namespace velto::testing

@@ -179,30 +179,11 @@ TEST_F(RecordingServiceTest, eventsAreRelayedInOrderAndStopDeliversFinishedBefor
     }
 }
 
-TEST_F(RecordingServiceTest, normalEndAllowsARestartIntoANewFile) {
-    auto [stream, recorder] = start();
-    recorder->end();
-    EXPECT_EQ(drain(stream).error, nullptr);
-    ASSERT_TRUE(becomesIdle());
-    EXPECT_FALSE(service().audioStream().has_value());
-
-    auto restarted = service().restartRecording();
-    auto second = harness.recorder(1);
-    ASSERT_NE(second, nullptr);
-    auto files = harness.generatedFiles();
-    ASSERT_EQ(files.size(), 2u);
-    EXPECT_NE(files[0], files[1]);
-    EXPECT_EQ(second->fileURL(), files[1]);
-}
-
 TEST_F(RecordingServiceTest, aRecorderThatFailsOrCannotBeBuiltEndsTheStreamWithItsOwnError) {
     auto [stream, recorder] = start();
     recorder->fail(std::make_exception_ptr(RecordingError::systemAudioDeviceStartFailed(-50)));
     // Not wrapped: the consumer gets the recorder's own error object.
-    const auto error = drain(stream).error;
-    ASSERT_NE(error, nullptr);
-    EXPECT_THROW(std::rethrow_exception(error), RecordingError);
-    EXPECT_EQ(describeError(error), "Failed to start system audio device (error: -50, invalid parameter).");
+    EXPECT_EQ(recordingErrorCode(drain(stream).error), Code::systemAudioDeviceStartFailed);
     ASSERT_TRUE(becomesIdle());
 
     harness.recorderConstructionFails = true;
@@ -281,11 +262,9 @@ TEST_F(RecordingServiceTest, cancelInStartingIsAcceptedAndRelaysTheCancelledEven
     service().cancelRecording();
     EXPECT_THAT(drain(session.stream).kinds(), ElementsAre(Kind::cancelled));
     EXPECT_EQ(service().recordingState(), RecordingState::idle);
-    service().cancelRecording();  // idle: refused
-    EXPECT_EQ(service().recordingState(), RecordingState::idle);
 }
 
-TEST_F(RecordingServiceTest, restartDuringARecordingReleasesTheOldRecorderAndKeepsTheNewSession) {
+TEST_F(RecordingServiceTest, restartReleasesTheOldRecorderAndKeepsTheNewSessionThenRestartsFromIdle) {
     auto first = start();
     auto second = service().restartRecording();
     auto newRecorder = harness.recorder(1);
@@ -295,6 +274,12 @@ TEST_F(RecordingServiceTest, restartDuringARecordingReleasesTheOldRecorderAndKee
     reachRecordingState(newRecorder);
     service().stopRecording();
     EXPECT_THAT(drain(second).kinds(), ElementsAre(Kind::progress, Kind::finished));
+
+    // Once idle, a restart records again with the last configuration, into a new file.
+    ASSERT_TRUE(becomesIdle());
+    auto third = service().restartRecording();
+    ASSERT_EQ(harness.generatedFiles().size(), 3u);
+    EXPECT_EQ(harness.recorder(2)->fileURL(), harness.generatedFiles().back());
 }
 
 }  // namespace

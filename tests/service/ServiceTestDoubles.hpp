@@ -110,14 +110,12 @@ public:
     std::atomic<bool> requestAnswer{true};
     std::exception_ptr requestError;  // set before use
     std::atomic<int> statusQueries{0};
-    std::atomic<int> requests{0};
 
     PermissionState checkPermissionStatus() override {
         ++statusQueries;
         return status.load();
     }
     bool requestAudioCapturePermission() override {
-        ++requests;
         if (requestError) std::rethrow_exception(requestError);
         return requestAnswer.load();
     }
