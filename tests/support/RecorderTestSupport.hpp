@@ -75,29 +75,26 @@ inline int64_t framesUntilEnd(AudioBufferStream& stream) {
     return frames;
 }
 
-// The kinds with consecutive progress events collapsed into one.
-inline std::vector<RecordingEvent::Kind> shapeOf(const std::vector<RecordingEvent>& events) {
-    std::vector<RecordingEvent::Kind> result;
-    for (const auto& e : events) {
-        if (e.kind != RecordingEvent::Kind::progress || result.empty() || result.back() != e.kind) result.push_back(e.kind);
-    }
-    return result;
-}
-inline int countOf(const std::vector<RecordingEvent>& events, RecordingEvent::Kind kind) {
-    return static_cast<int>(std::count_if(events.begin(), events.end(), [&](const auto& e) { return e.kind == kind; }));
-}
-
 struct DrainedEvents {
     std::vector<RecordingEvent> events;
     std::exception_ptr error;   // the stream's error, if it ended with one
     bool ended = false;         // false: gave up waiting
-    std::vector<RecordingEvent::Kind> shape() const { return shapeOf(events); }
     std::vector<RecordingEvent::Kind> kinds() const {
         std::vector<RecordingEvent::Kind> result;
         for (const auto& e : events) result.push_back(e.kind);
         return result;
     }
-    int count(RecordingEvent::Kind kind) const { return countOf(events, kind); }
+    // The kinds with consecutive progress events collapsed into one.
+    std::vector<RecordingEvent::Kind> shape() const {
+        auto result = kinds();
+        result.erase(std::unique(result.begin(), result.end(),
+                                 [](auto a, auto b) { return a == b && a == RecordingEvent::Kind::progress; }),
+                     result.end());
+        return result;
+    }
+    int count(RecordingEvent::Kind kind) const {
+        return static_cast<int>(std::count_if(events.begin(), events.end(), [&](const auto& e) { return e.kind == kind; }));
+    }
 };
 
 // Reads until the stream ends, waiting at most `timeout` for each element.
