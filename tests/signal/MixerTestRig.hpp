@@ -89,8 +89,6 @@ struct SimulatedSource {
         produced += burst;
         highestFill = std::max(highestFill, ring->availableFrames());
     }
-    // Seconds of its signal that the mixer has taken so far.
-    double consumedSeconds() const { return static_cast<double>(produced - ring->availableFrames()) / rate; }
 
     static constexpr double kAmplitude = 0.4;
     double rate, skew;
