@@ -16,23 +16,18 @@
 namespace velto::testing {
 namespace {
 
-
-// Runs `body` in a child process, which exits with status 0 when it returns true.
+// Runs `body` in a child process: true when it returned true there.
 template <class Body>
-pid_t spawn(Body body) {
-    pid_t pid = ::fork();
+bool succeedsInAnotherProcess(Body body) {
+    const pid_t pid = ::fork();
     if (pid == 0) {
-        int status = 1;
+        bool succeeded = false;
         try {
-            status = body() ? 0 : 1;
+            succeeded = body();
         } catch (...) {
         }
-        ::_exit(status);
+        ::_exit(succeeded ? 0 : 1);
     }
-    return pid;
-}
-
-bool succeeded(pid_t pid) {
     int status = 0;
     return pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
@@ -50,16 +45,13 @@ TEST_F(PreferenceStoreTest, aFreshStoreAndAnotherProcessReadWhatWasWritten) {
               "from-parent");
 
     auto file = this->file();
-    pid_t reader = spawn([file] {
+    EXPECT_TRUE(succeedsInAnotherProcess([file] {
         return UserDefaults::create(file)->stringForKey("selectedMicrophoneDeviceId") == "from-parent";
-    });
-    EXPECT_TRUE(succeeded(reader));
-
-    pid_t writer = spawn([file] {
+    }));
+    ASSERT_TRUE(succeedsInAnotherProcess([file] {
         UserDefaults::create(file)->setString("selectedMicrophoneDeviceId", "from-child");
         return true;
-    });
-    ASSERT_TRUE(succeeded(writer));
+    }));
     EXPECT_EQ(freshStore()->stringForKey("selectedMicrophoneDeviceId"), "from-child");
 }
 

@@ -58,17 +58,13 @@ TEST_F(RecordingFileLocationTest, NamesFilesByLocalTimeAndFormatWithTheNextFreeS
 
 TEST_F(RecordingFileLocationTest, TheApplicationDataDirectoryFollowsXdgDataHome) {
     const char* saved = std::getenv("XDG_DATA_HOME");
-    const std::string previous = saved ? saved : "";
+    const std::optional<std::string> previous = saved ? std::optional<std::string>(saved) : std::nullopt;
     ::setenv("XDG_DATA_HOME", support.path().c_str(), 1);
     EXPECT_EQ(applicationSupportDirectory(), support.path());
     EXPECT_EQ(generateRecordingFileURL(AudioFormat::wav).parent_path(), support.path() / "Recordings");
     ::setenv("XDG_DATA_HOME", "relative/path", 1);  // not absolute: ignored
     EXPECT_EQ(applicationSupportDirectory().filename(), "share");
-    if (saved) {
-        ::setenv("XDG_DATA_HOME", previous.c_str(), 1);
-    } else {
-        ::unsetenv("XDG_DATA_HOME");
-    }
+    previous ? ::setenv("XDG_DATA_HOME", previous->c_str(), 1) : ::unsetenv("XDG_DATA_HOME");
 }
 
 }  // namespace
