@@ -12,7 +12,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <mutex>
 #include <numbers>
 #include <optional>
 #include <thread>
@@ -65,50 +64,6 @@ private:
     std::thread thread_;
 };
 
-// Reads the recorder's events on a thread of its own.
-class EventLog {
-public:
-    explicit EventLog(EventStream<RecordingEvent> stream)
-        : stream_(std::move(stream)), reader_([this] {
-              try {
-                  while (auto event = stream_.next()) {
-                      std::lock_guard lock(mutex_);
-                      events_.push_back(*event);
-                  }
-              } catch (...) {
-                  std::lock_guard lock(mutex_);
-                  error_ = std::current_exception();
-              }
-              ended_ = true;
-          }) {}
-    ~EventLog() {
-        stream_.cancel();
-        reader_.join();
-    }
-    std::vector<RecordingEvent> events() {
-        std::lock_guard lock(mutex_);
-        return events_;
-    }
-    std::exception_ptr error() {
-        std::lock_guard lock(mutex_);
-        return error_;
-    }
-    // Waits for the first event of that kind or, without one, for the end of the stream.
-    bool waitFor(std::optional<Kind> kind, std::chrono::milliseconds timeout = 10s) {
-        return velto::testing::eventually([&] { return kind ? count(*kind) > 0 : ended_.load(); }, timeout);
-    }
-    int count(Kind kind) { return velto::testing::countOf(events(), kind); }
-    std::vector<Kind> shape() { return velto::testing::shapeOf(events()); }
-
-private:
-    EventStream<RecordingEvent> stream_;
-    std::mutex mutex_;
-    std::vector<RecordingEvent> events_;
-    std::exception_ptr error_;
-    std::atomic<bool> ended_{false};
-    std::thread reader_;
-};
-
 // Amplitude of the `frequencyHertz` component of samples[begin, end) (Goertzel).
 double toneAmplitude(const std::vector<float>& samples, std::size_t begin, std::size_t end, double frequencyHertz,
                      double rateHertz = 16000.0) {
@@ -136,23 +91,36 @@ protected:
         RecordingConfiguration configuration(format, sources, std::nullopt, BufferConfiguration::defaultConfiguration());
         configuration.trackLayout = layout;
         auto recorder = UnifiedAudioRecorder::create(file, configuration, services);
-        events.emplace(recorder->events());
-        EXPECT_TRUE(events->waitFor(Kind::started)) << "the recording did not start";
+        awaitStart(*recorder);
         started = SteadyClock::now();
         return recorder;
+    }
+    // Reads the events up to the start; the rest stay buffered until end() drains them.
+    void awaitStart(UnifiedAudioRecorder& recorder) {
+        stream = recorder.events();
+        events = {};
+        while (events.events.empty() || events.events.back().kind != Kind::started) {
+            ASSERT_TRUE(stream.waitFor(10s)) << "the recording did not start";
+            const auto event = stream.next();
+            ASSERT_TRUE(event) << "the recording ended before it started";
+            events.events.push_back(*event);
+        }
     }
     // Stops the recording, which must then end without an error.
     void end(UnifiedAudioRecorder& recorder) {
         recorder.stop();
         stopped = SteadyClock::now();
-        EXPECT_TRUE(events->waitFor(std::nullopt)) << "the recording did not end";
-        EXPECT_EQ(events->error(), nullptr);
+        auto rest = velto::testing::drainUntilEnd(stream, 10s);
+        EXPECT_TRUE(rest.ended) << "the recording did not end";
+        EXPECT_EQ(rest.error, nullptr);
+        events.events.insert(events.events.end(), rest.events.begin(), rest.events.end());
     }
 
     platform::PlatformServices services = platform::PlatformServices::pulse();
     velto::testing::TemporaryDirectory directory;
     std::filesystem::path file;
-    std::optional<EventLog> events;
+    EventStream<RecordingEvent> stream;
+    velto::testing::DrainedEvents events;
     SteadyClock::time_point started, stopped;
 };
 
@@ -177,8 +145,8 @@ TEST_F(RecordingSandboxTest, EverySourceCaseRecordsTheTonesAtTheirGains) {
             auto recorder = start(std::string(c.name) + "." + fileExtension(c.format), c.sources, c.format);
         std::this_thread::sleep_until(started + 4s);
         end(*recorder);
-        EXPECT_THAT(events->shape(), ::testing::ElementsAre(Kind::starting, Kind::started, Kind::progress, Kind::finished));
-        EXPECT_NEAR(events->count(Kind::progress), 40, 4);
+        EXPECT_THAT(events.shape(), ::testing::ElementsAre(Kind::starting, Kind::started, Kind::progress, Kind::finished));
+        EXPECT_NEAR(events.count(Kind::progress), 40, 4);
 
         const auto recorded = readRecording(file);
         ASSERT_TRUE(recorded.opened);
@@ -189,7 +157,7 @@ TEST_F(RecordingSandboxTest, EverySourceCaseRecordsTheTonesAtTheirGains) {
         const double fileSeconds = static_cast<double>(recorded.samples.size()) / 16000.0;
         EXPECT_NEAR(fileSeconds, seconds(stopped - started), 0.3);
         // The sources sound within a second of the start: the first progress that carries levels.
-        const auto all = events->events();
+        const auto all = events.events;
         const auto sounding = std::find_if(all.begin(), all.end(), [](const RecordingEvent& e) {
             return e.kind == Kind::progress && e.audioLevels.average > -159.0f;
         });
@@ -298,8 +266,7 @@ TEST_F(RecordingSandboxTest, AStartAndARestartAskTheServerOnce) {
                                                    BufferConfiguration::defaultConfiguration());
         auto recorder = UnifiedAudioRecorder::create(directory.path() / "round-trips.wav", configuration, services);
         auto before = connection->roundTrips();
-        events.emplace(recorder->events());
-        ASSERT_TRUE(events->waitFor(Kind::started));
+        awaitStart(*recorder);
         EXPECT_EQ(connection->roundTrips() - before, 1u) << "start";
         before = connection->roundTrips();
         changes->post();
@@ -321,7 +288,7 @@ TEST_F(RecordingSandboxTest, SeparateTracksKeepEachSourceOnItsOwnChannel) {
 
     // Progress carries each source's own level beside the recording's.
     int progressWithBoth = 0;
-    for (const auto& event : events->events()) {
+    for (const auto& event : events.events) {
         if (event.kind == Kind::progress && event.microphoneLevels && event.systemLevels &&
             event.microphoneLevels->peak > -10.0f && event.systemLevels->peak > -20.0f) {
             ++progressWithBoth;
