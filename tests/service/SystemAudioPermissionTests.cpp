@@ -115,15 +115,14 @@ TEST_F(SystemAudioPermissionTest, missingLibraryOrFunctionsLeaveTheStateUndeterm
 
 // MARK: - Manager
 
-TEST_F(SystemAudioPermissionTest, aUserRefusalIsFinalWithoutATap) {
+// A user's refusal is final; without the permission functions, or when they fail, a
+// throw-away tap decides.
+TEST_F(SystemAudioPermissionTest, aUserRefusalIsFinalAndWithoutAnAnswerAThrowAwayTapDecides) {
     gRequestAnswer = false;
     EXPECT_FALSE(manager(provider()).requestPermission());
     EXPECT_EQ(gRequestCalls.load(), 1);
     EXPECT_TRUE(hardware->calls().empty());
-}
 
-// Without the permission functions, or when they fail, a throw-away tap decides.
-TEST_F(SystemAudioPermissionTest, withoutAnAnswerAThrowAwayTapDecides) {
     loader->libraryPresent = false;
     EXPECT_TRUE(manager(provider()).requestPermission());
     EXPECT_THAT(hardware->calls(), ElementsAre("createProcessTap", "destroyProcessTap(77)"));
