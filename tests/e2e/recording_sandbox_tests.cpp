@@ -8,10 +8,10 @@
 #include <sndfile.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <future>
 #include <numbers>
 #include <optional>
 #include <thread>
@@ -45,24 +45,11 @@ constexpr float kToneAmplitude = 0.5f;
 // players start this much before the recording (start() waits it), which hears them from its first moment.
 constexpr auto kPlayerLead = std::chrono::milliseconds(2000);
 
-// Plays into a sink on a thread of its own (see playInto).
-class Player {
-public:
-    Player(std::string sink, std::uint32_t channels, double seconds, std::function<float(double)> sample)
-        : thread_([=, this] { played_ = velto::testing::playInto(sink, channels, seconds, sample, &stopping_); }) {}
-    // Stops feeding pacat (what it holds still plays out) and waits for it.
-    ~Player() { played(); }
-    bool played() {
-        stopping_ = true;
-        if (thread_.joinable()) thread_.join();
-        return played_;
-    }
-
-private:
-    std::atomic<bool> stopping_{false};
-    std::atomic<bool> played_{false};
-    std::thread thread_;
-};
+// Plays into a sink on a thread of its own (see playInto); get() tells whether pacat played
+// it all. Each player plays past the recording's stop, so waiting for it costs nothing.
+std::future<bool> play(std::string sink, std::uint32_t channels, double seconds, std::function<float(double)> sample) {
+    return std::async(std::launch::async, [=] { return velto::testing::playInto(sink, channels, seconds, sample); });
+}
 
 // Amplitude of the `frequencyHertz` component of samples[begin, end) (Goertzel).
 double toneAmplitude(const std::vector<float>& samples, std::size_t begin, std::size_t end, double frequencyHertz,
@@ -140,8 +127,8 @@ TEST_F(RecordingSandboxTest, EverySourceCaseRecordsTheTonesAtTheirGains) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.name) + " " + fileExtension(c.format));
-        Player microphone(kMicrophoneIn, 1, 5.6, sine(kMicrophoneToneHertz, kToneAmplitude));
-        Player speakers(kSpeakers, 2, 5.6, sine(kSystemToneHertz, kToneAmplitude));
+        auto microphone = play(kMicrophoneIn, 1, 5.6, sine(kMicrophoneToneHertz, kToneAmplitude));
+        auto speakers = play(kSpeakers, 2, 5.6, sine(kSystemToneHertz, kToneAmplitude));
             auto recorder = start(std::string(c.name) + "." + fileExtension(c.format), c.sources, c.format);
         std::this_thread::sleep_until(started + 4s);
         end(*recorder);
@@ -175,8 +162,8 @@ TEST_F(RecordingSandboxTest, EverySourceCaseRecordsTheTonesAtTheirGains) {
                     c.microphoneAmplitude, system, c.systemAmplitude);
         EXPECT_NEAR(mic, c.microphoneAmplitude, 0.1 * kToneAmplitude);
         EXPECT_NEAR(system, c.systemAmplitude, 0.1 * kToneAmplitude);
-        EXPECT_TRUE(microphone.played());
-        EXPECT_TRUE(speakers.played());
+        EXPECT_TRUE(microphone.get());
+        EXPECT_TRUE(speakers.get());
     }
 }
 
@@ -196,7 +183,7 @@ TEST_F(RecordingSandboxTest, ADeviceLoadedMidRecordingRestartsCaptureWithoutAGap
         constexpr double kPlaySeconds = 6.0;
         constexpr double kSlopePerSecond = 0.15;  // played amplitude per second
         // 1 kHz: a whole number of periods in every 20 ms window of the envelope below.
-        Player player(c.sink, c.channels, kPlaySeconds, [](double t) {
+        auto player = play(c.sink, c.channels, kPlaySeconds, [](double t) {
             return static_cast<float>((0.1 + kSlopePerSecond * t) * std::sin(2.0 * std::numbers::pi * 1000.0 * t));
         });
             auto recorder = start("restart-" + std::to_string(c.channels) + ".wav", c.sources);
@@ -280,8 +267,8 @@ TEST_F(RecordingSandboxTest, SeparateTracksKeepEachSourceOnItsOwnChannel) {
     // A tone of its own on each source, at different levels. How the channels line up
     // over time is measured by the drift sandbox test's marks.
     constexpr float kSystemAmplitude = 0.2f;
-    Player microphone(kMicrophoneIn, 1, 9.0, sine(kMicrophoneToneHertz, kToneAmplitude));
-    Player speakers(kSpeakers, 2, 9.0, sine(kSystemToneHertz, kSystemAmplitude));
+    auto microphone = play(kMicrophoneIn, 1, 9.0, sine(kMicrophoneToneHertz, kToneAmplitude));
+    auto speakers = play(kSpeakers, 2, 9.0, sine(kSystemToneHertz, kSystemAmplitude));
     auto recorder = start("separate.flac", AudioSources::both(), AudioFormat::flac, TrackLayout::separate);
     std::this_thread::sleep_until(started + 6s);
     end(*recorder);
@@ -330,8 +317,8 @@ TEST_F(RecordingSandboxTest, SeparateTracksKeepEachSourceOnItsOwnChannel) {
     EXPECT_LT(decibels(microphoneOther), -80.0);
     EXPECT_LT(decibels(systemOther), -80.0);
 
-    EXPECT_TRUE(microphone.played());
-    EXPECT_TRUE(speakers.played());
+    EXPECT_TRUE(microphone.get());
+    EXPECT_TRUE(speakers.get());
 }
 
 }  // namespace
