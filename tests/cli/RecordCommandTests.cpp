@@ -1,8 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <atomic>
 #include <fstream>
 #include <sstream>
@@ -10,6 +8,7 @@
 
 #include "RecordCommand.hpp"
 #include "ScriptedBackend.hpp"
+#include "support/RecorderTestSupport.hpp"
 #include "veltoaudio/RecordingError.hpp"
 
 namespace velto::cli {
@@ -32,12 +31,6 @@ std::vector<std::string> linesOf(const std::string& text) {
 
 class RecordCommandTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        folder_ = fs::temp_directory_path() / ("velto-cli-record-" + std::to_string(::getpid()));
-        fs::create_directories(folder_);
-    }
-    void TearDown() override { fs::remove_all(folder_); }
-
     int run(RecordOptions options, bool meter = false, RecordEnvironment environment = {},
             ScriptedBackend* backend = nullptr) {
         Console console(out_, err_, meter);
@@ -50,7 +43,8 @@ protected:
     std::ostringstream out_;
     std::ostringstream err_;
     int interruptionsBeforeRun_ = 0;
-    fs::path folder_;
+    velto::testing::TemporaryDirectory directory_;
+    const fs::path folder_ = directory_.path();
 };
 
 // The meter line is wiped before the path, the only line on standard output.
