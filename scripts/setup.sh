@@ -8,12 +8,12 @@ packages=(
   libpulse-dev libsoxr-dev libsndfile1-dev
   libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libspeexdsp-dev
+  libfftw3-dev
   pulseaudio pulseaudio-utils sox espeak-ng flac
 )
-# Reference tool for the cost comparison drill, and the other echo canceller the
-# echo measurement program compares against; neither is needed to build the library.
-if [[ "${VELTO_WITH_DRILL_TOOLS:-0}" == 1 ]]; then packages+=(ffmpeg libwebrtc-audio-processing-dev); fi
+# Reference tool for the cost comparison drill, and the other echo cancellers the
+# echo measurement program compares against; none is needed to build the library.
+if [[ "${VELTO_WITH_DRILL_TOOLS:-0}" == 1 ]]; then packages+=(ffmpeg libwebrtc-audio-processing-dev libspeexdsp-dev); fi
 # The Clang build (thread-safety analysis, clang-tidy) only: scripts/clang-checks.sh.
 if [[ "${VELTO_WITH_CLANG:-0}" == 1 ]]; then packages+=(clang-14 clang-tidy-14 clang-format-14); fi
 

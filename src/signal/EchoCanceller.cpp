@@ -1,7 +1,5 @@
 #include "signal/EchoCanceller.hpp"
 
-#include <speex/speex_echo.h>
-
 #include <algorithm>
 #include <cmath>
 
@@ -51,11 +49,6 @@ int64_t alignmentShiftFor(int64_t delayFrames) noexcept {
     return std::max<int64_t>(0, delayFrames - EchoCanceller::kAlignmentMarginFrames);
 }
 
-// Rounded to nearest inline: lround's library call per sample stood out in the frame's own work.
-spx_int16_t toPcm16(float sample) noexcept {
-    const float scaled = std::clamp(sample * 32767.0f, -32768.0f, 32767.0f);
-    return static_cast<spx_int16_t>(scaled + (scaled < 0 ? -0.5f : 0.5f));
-}
 }  // namespace
 
 std::unique_ptr<EchoCanceller> EchoCanceller::create(int64_t maximumBlockFrames) {
@@ -64,8 +57,8 @@ std::unique_ptr<EchoCanceller> EchoCanceller::create(int64_t maximumBlockFrames)
 
 EchoCanceller::EchoCanceller(int64_t maximumBlockFrames)
     : maximumBlockFrames_(maximumBlockFrames),
-      speex_(speex_echo_state_init(static_cast<int>(kFrameFrames), static_cast<int>(kFilterFrames))),
-      trialSpeex_(speex_echo_state_init(static_cast<int>(kFrameFrames), static_cast<int>(kFilterFrames))),
+      filter_(std::make_unique<EchoFilter>(kFrameFrames, kFilterFrames, static_cast<double>(kSampleRateHertz))),
+      trialFilter_(std::make_unique<EchoFilter>(kFrameFrames, kFilterFrames, static_cast<double>(kSampleRateHertz))),
       estimator_(kMaximumDelayFrames),
       residualEstimator_(kMaximumDelayFrames),
       microphoneIn_(kFrameFrames + maximumBlockFrames),
@@ -74,17 +67,11 @@ EchoCanceller::EchoCanceller(int64_t maximumBlockFrames)
       systemOut_(2 * kFrameFrames + maximumBlockFrames),
       systemHistory_(static_cast<size_t>(kMaximumDelayFrames + kReplayFrames + kFrameFrames), 0.0f),
       microphoneHistory_(systemHistory_.size(), 0.0f) {
-    int rate = static_cast<int>(kSampleRateHertz);
-    speex_echo_ctl(speex_, SPEEX_ECHO_SET_SAMPLING_RATE, &rate);
-    speex_echo_ctl(trialSpeex_, SPEEX_ECHO_SET_SAMPLING_RATE, &rate);
     microphoneOut_.pushSilence(kFrameFrames);
     systemOut_.pushSilence(kFrameFrames);
 }
 
-EchoCanceller::~EchoCanceller() {
-    speex_echo_state_destroy(speex_);
-    speex_echo_state_destroy(trialSpeex_);
-}
+EchoCanceller::~EchoCanceller() = default;
 
 void EchoCanceller::process(float* microphone, float* system, int64_t frames) noexcept {
     for (int64_t done = 0; done < frames;) {
@@ -123,10 +110,10 @@ void EchoCanceller::processFrame() noexcept {
     float cancelled[kFrameFrames];
     const bool filterRuns = filterShouldRun(reference);
     // A filtered microphone going back to the raw one takes one more frame of the
-    // filter, to fade across: speex takes the microphone's DC away, a step otherwise.
+    // filter, to fade across: the filter takes the microphone's DC away, a step otherwise.
     const bool fadingOut = !filterRuns && engaged_ && lastOutputFiltered_;
     if (filterRuns || fadingOut) {
-        runFilter(speex_, reference, microphone, cancelled);
+        filter_->process(reference, microphone, cancelled);
         reportedFilteredFrames_.fetch_add(kFrameFrames, std::memory_order_relaxed);
         const bool counted = measureRemoval(systemEnergy, microphone, cancelled);
         if (engaged_)
@@ -184,9 +171,9 @@ void EchoCanceller::placeFilter(int64_t delayFrames) noexcept {
 // What the filter learnt belongs to an old alignment or an old try: it starts over
 // from the history, and is judged on its own output from now on.
 void EchoCanceller::learnAfresh() noexcept {
-    speex_echo_state_reset(speex_);
+    filter_->reset();
     watchAfresh();
-    learnFromHistory(speex_, alignmentShiftFrames_);
+    learnFromHistory(*filter_, alignmentShiftFrames_);
 }
 
 void EchoCanceller::watchAfresh() noexcept {
@@ -200,12 +187,12 @@ void EchoCanceller::watchAfresh() noexcept {
 // residual can correlate at a wrong delay, and a filter placed there would remove nothing.
 bool EchoCanceller::tryFilterAt(int64_t delayFrames) noexcept {
     const int64_t shiftFrames = alignmentShiftFor(delayFrames);
-    speex_echo_state_reset(trialSpeex_);
-    const ReplayTail trial = learnFromHistory(trialSpeex_, shiftFrames);
+    trialFilter_->reset();
+    const ReplayTail trial = learnFromHistory(*trialFilter_, shiftFrames);
     const bool removesTheEcho = trial.microphoneEnergy >= kEngageRatio * trial.filteredEnergy;
     const bool beatsTheRunningFilter = kEngageRatio * trial.filteredEnergy <= recentFilteredEnergy_;
     if (!removesTheEcho || !beatsTheRunningFilter) return false;
-    std::swap(speex_, trialSpeex_);
+    std::swap(filter_, trialFilter_);
     alignmentShiftFrames_ = shiftFrames;
     reportedEchoMoves_.fetch_add(1, std::memory_order_relaxed);
     watchAfresh();
@@ -216,7 +203,7 @@ bool EchoCanceller::tryFilterAt(int64_t delayFrames) noexcept {
 // learns that second from the history (a burst of work once per placement) rather
 // than converging only from now on. Its output is not used; the current frame's
 // is the first that is.
-EchoCanceller::ReplayTail EchoCanceller::learnFromHistory(SpeexEchoState_* filter, int64_t shiftFrames) noexcept {
+EchoCanceller::ReplayTail EchoCanceller::learnFromHistory(EchoFilter& filter, int64_t shiftFrames) noexcept {
     const int64_t heardFrames = std::min(processedFrames_, kReplayFrames);
     const int64_t replayFrames = heardFrames / kFrameFrames * kFrameFrames;
     float reference[kFrameFrames], microphone[kFrameFrames], cancelled[kFrameFrames];
@@ -226,7 +213,7 @@ EchoCanceller::ReplayTail EchoCanceller::learnFromHistory(SpeexEchoState_* filte
         // The current frame is the history's newest; the replay ends just before it.
         readHistory(systemHistory_, kFrameFrames + back + shiftFrames, reference);
         readHistory(microphoneHistory_, kFrameFrames + back, microphone);
-        runFilter(filter, reference, microphone, cancelled);
+        filter.process(reference, microphone, cancelled);
         if (back > kReplayTailFrames) continue;
         tail.microphoneEnergy += frameEnergy(microphone);
         tail.filteredEnergy += frameEnergy(cancelled);
@@ -242,7 +229,7 @@ EchoCanceller::ReplayTail EchoCanceller::learnFromHistory(SpeexEchoState_* filte
 bool EchoCanceller::filterShouldRun(const float* reference) noexcept {
     const double energy = frameEnergy(reference);
     silentReferenceFrames_ = energy > kSilentFrameEnergy ? 0 : silentReferenceFrames_ + kFrameFrames;
-    // Silent over the filter's span and the frame before it (speex keeps one more),
+    // Silent over the filter's span and the frame before it (the filter's window holds one more),
     // the filter has no echo to take away and nothing stale to bring back later.
     const bool referenceHeard = silentReferenceFrames_ < kFilterFrames + 2 * kFrameFrames;
     if (engaged_) return referenceHeard;
@@ -267,16 +254,6 @@ bool EchoCanceller::filterShouldRun(const float* reference) noexcept {
 void EchoCanceller::startProbing() noexcept {
     probing_ = true;
     probeActiveFrames_ = 0;
-}
-
-void EchoCanceller::runFilter(SpeexEchoState_* filter, const float* reference, const float* microphone, float* cancelled) noexcept {
-    spx_int16_t reference16[kFrameFrames], recorded[kFrameFrames], result[kFrameFrames];
-    for (int64_t i = 0; i < kFrameFrames; ++i) {
-        reference16[i] = toPcm16(reference[i]);
-        recorded[i] = toPcm16(microphone[i]);
-    }
-    speex_echo_cancellation(filter, recorded, reference16, result);
-    for (int64_t i = 0; i < kFrameFrames; ++i) cancelled[i] = static_cast<float>(result[i]) / 32767.0f;
 }
 
 // The estimate of a long echo's delay may swing between neighbouring envelope lags;

@@ -6,17 +6,16 @@
 #include <vector>
 
 #include "signal/EchoDelayEstimator.hpp"
+#include "signal/EchoFilter.hpp"
 #include "signal/MonoSampleFifo.hpp"
-
-struct SpeexEchoState_;
 
 namespace velto {
 
 // Removes the loudspeaker echo from the microphone, using the system audio (the
 // very signal the loudspeakers play) as the reference.
 //
-// Our own delay estimate lines the reference up with the echo; speexdsp's
-// linear echo filter (64 ms long) then models the room from there. There is no
+// Our own delay estimate lines the reference up with the echo; a linear echo
+// filter (EchoFilter, 64 ms long) then models the room from there. There is no
 // nonlinear suppressor: measured offline, the ones available (WebRTC's, speex's
 // residual suppressor) bought 4-10 dB more echo reduction with 0.6-10 dB of the
 // near-end voice, which is what a recording keeps. The filter's output is used
@@ -95,7 +94,6 @@ private:
     explicit EchoCanceller(int64_t maximumBlockFrames);
     void processFrame() noexcept;
     bool filterShouldRun(const float* reference) noexcept;
-    static void runFilter(SpeexEchoState_* filter, const float* reference, const float* microphone, float* cancelled) noexcept;
     void startProbing() noexcept;
     void readHistory(const std::vector<float>& history, int64_t framesBack, float* frame) const noexcept;
     // Energies per frame over the last frames of a replay of the history.
@@ -103,7 +101,7 @@ private:
         double microphoneEnergy = 0;
         double filteredEnergy = 0;
     };
-    ReplayTail learnFromHistory(SpeexEchoState_* filter, int64_t shiftFrames) noexcept;
+    ReplayTail learnFromHistory(EchoFilter& filter, int64_t shiftFrames) noexcept;
     bool tryFilterAt(int64_t delayFrames) noexcept;
     bool measureRemoval(double systemEnergy, const float* microphone, const float* cancelled) noexcept;
     void watchForAMovedEcho(const float* system, const float* cancelled, bool active) noexcept;
@@ -113,10 +111,10 @@ private:
     bool needsRealigning(int64_t delayFrames) const noexcept;
 
     int64_t maximumBlockFrames_;
-    SpeexEchoState_* speex_ = nullptr;
+    std::unique_ptr<EchoFilter> filter_;
     // A second filter, to try a moved echo's delay on the recent past before the
     // running filter is given up for it (allocated with the first, used rarely).
-    SpeexEchoState_* trialSpeex_ = nullptr;
+    std::unique_ptr<EchoFilter> trialFilter_;
     EchoDelayEstimator estimator_;
     // Looks for the echo in what the engaged filter leaves, while it leaves too much: an
     // echo that has moved (a device's latency changed) shows there at its new delay
