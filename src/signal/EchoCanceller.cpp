@@ -61,14 +61,14 @@ EchoCanceller::EchoCanceller(int64_t maximumBlockFrames)
       trialFilter_(std::make_unique<EchoFilter>(kFrameFrames, kFilterFrames, static_cast<double>(kSampleRateHertz))),
       estimator_(kMaximumDelayFrames),
       residualEstimator_(kMaximumDelayFrames),
-      microphoneIn_(kFrameFrames + maximumBlockFrames),
-      systemIn_(kFrameFrames + maximumBlockFrames),
-      microphoneOut_(2 * kFrameFrames + maximumBlockFrames),
-      systemOut_(2 * kFrameFrames + maximumBlockFrames),
+      microphoneIn_(kBatchFrames + maximumBlockFrames),
+      systemIn_(kBatchFrames + maximumBlockFrames),
+      microphoneOut_(2 * kBatchFrames + maximumBlockFrames),
+      systemOut_(2 * kBatchFrames + maximumBlockFrames),
       systemHistory_(static_cast<size_t>(kMaximumDelayFrames + kReplayFrames + kFrameFrames), 0.0f),
       microphoneHistory_(systemHistory_.size(), 0.0f) {
-    microphoneOut_.pushSilence(kFrameFrames);
-    systemOut_.pushSilence(kFrameFrames);
+    microphoneOut_.pushSilence(kBatchFrames);
+    systemOut_.pushSilence(kBatchFrames);
 }
 
 EchoCanceller::~EchoCanceller() = default;
@@ -79,7 +79,8 @@ void EchoCanceller::process(float* microphone, float* system, int64_t frames) no
         const int64_t piece = std::min(frames - done, maximumBlockFrames_);
         microphoneIn_.push(microphone + done, piece);
         systemIn_.push(system + done, piece);
-        while (microphoneIn_.availableFrames() >= kFrameFrames) processFrame();
+        while (microphoneIn_.availableFrames() >= kBatchFrames)
+            for (int64_t frame = 0; frame < kBatchFrames; frame += kFrameFrames) processFrame();
         microphoneOut_.pop(microphone + done, piece);
         systemOut_.pop(system + done, piece);
         done += piece;
@@ -321,13 +322,11 @@ void EchoCanceller::watchForAMovedEcho(const float* system, const float* cancell
 int64_t EchoCanceller::drain(float* microphone, float* system, int64_t maxFrames) noexcept {
     if (drainRemainingFrames_ < 0) {
         drainRemainingFrames_ = microphoneOut_.availableFrames() + microphoneIn_.availableFrames();
-        if (microphoneIn_.availableFrames() > 0) {
-            // The last partial frame is completed with silence; only its real part is given back.
-            const int64_t missing = kFrameFrames - microphoneIn_.availableFrames();
-            microphoneIn_.pushSilence(missing);
-            systemIn_.pushSilence(missing);
-            processFrame();
-        }
+        // The last partial frame is completed with silence; only its real part is given back.
+        const int64_t missing = (kFrameFrames - microphoneIn_.availableFrames() % kFrameFrames) % kFrameFrames;
+        microphoneIn_.pushSilence(missing);
+        systemIn_.pushSilence(missing);
+        while (microphoneIn_.availableFrames() > 0) processFrame();
     }
     const int64_t frames = std::min(std::max<int64_t>(maxFrames, 0), drainRemainingFrames_);
     microphoneOut_.pop(microphone, frames);

@@ -32,11 +32,15 @@ namespace velto {
 // the system audio has been silent over the filter's whole span, where the echo it
 // would take away is nothing.
 //
-// Works at 16 kHz only, internally in 16 ms frames (fewer calls than 10 ms ones
-// for the same filter; in a recording the filter's state is cold at every call,
-// the other threads running between the mixer's ticks). Both blocks come out
-// delayed by latencyFrames(), so they stay sample-aligned with each other; the
-// first latencyFrames() of output are silence and drain() gives back the last.
+// Works at 16 kHz only, internally in 16 ms frames, four at a time: in a recording
+// the other threads run between the mixer's ticks, and the filter's and estimate's
+// state is cold at every tick's first frame. Taken four at a time the other three
+// find it warm: in recordings, echo cancellation (on against off) cost the mixing
+// thread about 2.1 ms per recorded second, against 4.2 one frame at a time and 2.6
+// two at a time. Both
+// blocks come out delayed by latencyFrames() (64 ms), so they stay sample-aligned
+// with each other; the first latencyFrames() of output are silence and drain()
+// gives back the last.
 //
 // Threads: process() and drain() on one thread (the mixing thread); they never
 // allocate, lock or log. report() may be called from any thread.
@@ -44,6 +48,7 @@ class EchoCanceller {
 public:
     static constexpr int64_t kSampleRateHertz = 16000;
     static constexpr int64_t kFrameFrames = 256;                  // 16 ms
+    static constexpr int64_t kBatchFrames = 4 * kFrameFrames;     // worked through at once (see above)
     static constexpr int64_t kFilterFrames = 1024;                // 64 ms of room after the delay
     static constexpr int64_t kMaximumDelayFrames = 8000;          // 500 ms of echo delay
     static constexpr int64_t kAlignmentMarginFrames = 240;        // the filter starts 15 ms before the echo
@@ -87,7 +92,7 @@ public:
     // be called after drain().
     int64_t drain(float* microphone, float* system, int64_t maxFrames) noexcept;
 
-    int64_t latencyFrames() const { return kFrameFrames; }
+    int64_t latencyFrames() const { return kBatchFrames; }
     Report report() const;
 
 private:
