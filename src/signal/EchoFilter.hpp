@@ -18,8 +18,10 @@ namespace velto {
 //   - two filters: the one that is heard (foreground) takes the adapting one's weights
 //     only when they plainly leave less, and the adapting one is put back to the heard
 //     one when it plainly leaves more (it was misled).
-// The microphone's DC is taken away first (a one-pole blocker at 0.99), as an echo
-// path carries none.
+// Both signals lose their DC first (a one-pole blocker at 0.99), as an echo path
+// carries none, and are pre-emphasised (speech's low frequencies would otherwise
+// outweigh the rest in the block sums that steer the filter); the output is
+// de-emphasised again.
 //
 // Works on blocks of blockFrames; the filter covers filterFrames (a multiple of
 // blockFrames) of echo after the reference's newest sample. process() never allocates.
@@ -52,8 +54,7 @@ private:
     int64_t referenceNewest_ = 0;
     std::vector<float> adapting_;           // background weights, per partition
     std::vector<float> heard_;              // foreground weights
-    std::vector<float> echoSpectrum_;       // scratch
-    std::vector<float> errorSpectrum_;
+    std::vector<float> errorSpectrum_;      // the newest block's
     std::vector<float> referencePower_;     // smoothed, per bin
     std::vector<float> errorPowerAverage_;  // per bin, for the leak estimate
     std::vector<float> echoPowerAverage_;
