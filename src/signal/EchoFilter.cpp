@@ -91,8 +91,20 @@ void EchoFilter::reset() noexcept {
     adapted_ = false;
     differenceFast_ = differenceSlow_ = varianceFast_ = varianceSlow_ = 0;
     constraintTurn_ = 0;
-    dcInputMicrophone_ = dcOutputMicrophone_ = dcInputReference_ = dcOutputReference_ = 0;
-    previousReference_ = previousMicrophone_ = previousOutput_ = 0;
+    referenceInput_ = microphoneInput_ = InputConditioner{};
+    previousOutput_ = 0;
+}
+
+// To 16-bit scale, without DC, pre-emphasised.
+void EchoFilter::InputConditioner::condition(const float* in, float* out, int64_t frames) noexcept {
+    for (int64_t i = 0; i < frames; ++i) {
+        const double scaled = static_cast<double>(in[i]) * kScale;
+        const double withoutDc = scaled - dcInput + kDcBlockerPole * dcOutput;
+        dcInput = scaled;
+        dcOutput = withoutDc;
+        out[i] = static_cast<float>(withoutDc) - kPreEmphasis * previous;
+        previous = static_cast<float>(withoutDc);
+    }
 }
 
 float* EchoFilter::partition(std::vector<float>& spectra, int64_t index) noexcept {
@@ -118,28 +130,14 @@ void EchoFilter::process(const float* reference, const float* microphone, float*
     // The newest reference block joins the window; its spectrum becomes the newest.
     std::memmove(referenceWindow_.data(), referenceWindow_.data() + B, sizeof(float) * static_cast<size_t>(B));
     float* newest = referenceWindow_.data() + B;
-    for (int64_t i = 0; i < B; ++i) {
-        const double in = static_cast<double>(reference[i]) * kScale;
-        const double out = in - dcInputReference_ + kDcBlockerPole * dcOutputReference_;
-        dcInputReference_ = in;
-        dcOutputReference_ = out;
-        newest[i] = static_cast<float>(out) - kPreEmphasis * previousReference_;
-        previousReference_ = static_cast<float>(out);
-    }
+    referenceInput_.condition(reference, newest, B);
     std::memcpy(fft_.timeDomain(), referenceWindow_.data(), sizeof(float) * static_cast<size_t>(windowFrames_));
     fft_.forward();
     referenceNewest_ = (referenceNewest_ + partitions_ - 1) % partitions_;
     std::memcpy(partition(referenceSpectra_, referenceNewest_), fft_.spectrum(), sizeof(float) * static_cast<size_t>(2 * bins_));
 
     float* d = microphoneWithoutDc_.data();
-    for (int64_t i = 0; i < B; ++i) {
-        const double in = static_cast<double>(microphone[i]) * kScale;
-        const double out = in - dcInputMicrophone_ + kDcBlockerPole * dcOutputMicrophone_;
-        dcInputMicrophone_ = in;
-        dcOutputMicrophone_ = out;
-        d[i] = static_cast<float>(out) - kPreEmphasis * previousMicrophone_;
-        previousMicrophone_ = static_cast<float>(out);
-    }
+    microphoneInput_.condition(microphone, d, B);
 
     accumulateEcho(heard_);
     for (int64_t i = 0; i < B; ++i) {

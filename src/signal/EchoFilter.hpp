@@ -66,9 +66,14 @@ private:
     bool adapted_ = false;
     double differenceFast_ = 0, differenceSlow_ = 0, varianceFast_ = 0, varianceSlow_ = 0;
     int64_t constraintTurn_ = 0;
-    double dcInputMicrophone_ = 0, dcOutputMicrophone_ = 0;
-    double dcInputReference_ = 0, dcOutputReference_ = 0;
-    float previousReference_ = 0, previousMicrophone_ = 0, previousOutput_ = 0;
+    // Each input's DC blocker and pre-emphasis state.
+    struct InputConditioner {
+        double dcInput = 0, dcOutput = 0;
+        float previous = 0;
+        void condition(const float* in, float* out, int64_t frames) noexcept;
+    };
+    InputConditioner referenceInput_, microphoneInput_;
+    float previousOutput_ = 0;  // the de-emphasis's
 };
 
 }  // namespace velto
